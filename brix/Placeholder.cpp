@@ -1,0 +1,1 @@
+// Replaced by the object model and its writers and readers.
