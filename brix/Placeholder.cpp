@@ -1,1 +1,0 @@
-// Replaced by the object model and its writers and readers.

@@ -1,0 +1,62 @@
+// Numbers of the CodeView format that Quillet writes into .debug$S and .debug$T, named as the
+// format names them. Record layouts live with the classes that own the records.
+#pragma once
+
+#include <cstdint>
+
+namespace quillet::cv {
+
+// First four bytes of every .debug$S and .debug$T section.
+constexpr uint32_t CV_SIGNATURE_C13 = 4;
+
+// Subsection kinds of a symbol section; each subsection is {kind, length, content}.
+constexpr uint32_t DEBUG_S_SYMBOLS = 0xF1;
+constexpr uint32_t DEBUG_S_LINES = 0xF2;
+constexpr uint32_t DEBUG_S_STRINGTABLE = 0xF3;
+constexpr uint32_t DEBUG_S_FILECHKSMS = 0xF4;
+constexpr uint32_t kSubsectionHeaderSize = 8;
+constexpr uint32_t kSubsectionAlignment = 4;
+
+// Symbol record kinds.
+constexpr uint16_t S_END = 0x0006;
+constexpr uint16_t S_OBJNAME = 0x1101;
+constexpr uint16_t S_LABEL32 = 0x1105;
+constexpr uint16_t S_REGISTER = 0x1106;
+constexpr uint16_t S_CONSTANT = 0x1107;
+constexpr uint16_t S_LDATA32 = 0x110C;
+constexpr uint16_t S_GDATA32 = 0x110D;
+constexpr uint16_t S_LPROC32 = 0x110F;
+constexpr uint16_t S_GPROC32 = 0x1110;
+constexpr uint16_t S_COMPILE3 = 0x113C;
+constexpr uint16_t S_ENVBLOCK = 0x113D;
+
+// Type record leaves and numeric leaves.
+constexpr uint16_t LF_PROCEDURE = 0x1008;
+constexpr uint16_t LF_ARGLIST = 0x1201;
+constexpr uint16_t LF_CHAR = 0x8000;
+constexpr uint16_t LF_SHORT = 0x8001;
+constexpr uint16_t LF_USHORT = 0x8002;
+constexpr uint16_t LF_LONG = 0x8003;
+constexpr uint16_t LF_ULONG = 0x8004;
+constexpr uint16_t LF_REAL32 = 0x8005;
+constexpr uint16_t LF_REAL64 = 0x8006;
+constexpr uint16_t LF_REAL80 = 0x8007;
+constexpr uint16_t LF_QUADWORD = 0x8009;
+constexpr uint16_t LF_UQUADWORD = 0x800A;
+
+// Type indices below this are primitive types; records in .debug$T are numbered from it.
+constexpr uint32_t kFirstTypeIndex = 0x1000;
+
+// File-checksum records: {string offset u32, size u8, kind u8, digest, 2 bytes of fill}.
+constexpr uint8_t CHKSUM_TYPE_MD5 = 1;
+constexpr uint32_t kChecksumRecordSize = 24;
+
+// Lines subsection: a 12-byte header per section, then file blocks {file, count, length} of
+// (offset, line word) pairs. The line word holds a 24-bit line and the statement bit.
+constexpr uint32_t kLineHeaderSize = 12;
+constexpr uint32_t kFileBlockHeaderSize = 12;
+constexpr uint32_t kLinePairSize = 8;
+constexpr uint32_t kLineNumberMask = 0x00FFFFFF;
+constexpr uint32_t kLineIsStatement = 0x80000000;
+
+} // namespace quillet::cv

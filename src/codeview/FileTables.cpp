@@ -1,0 +1,39 @@
+#include "codeview/FileTables.h"
+
+#include "codeview/CodeViewFormat.h"
+#include "platform/ByteWriter.h"
+
+#include <cstring>
+
+namespace quillet {
+
+namespace {
+bool IsSeparator(char16_t c) { return c == u'/' || c == u'\\'; }
+} // namespace
+
+std::u16string ComposeSourcePath(std::u16string_view directory, std::u16string_view fileName) {
+    const size_t slash = fileName.find_last_of(u"/\\");
+    const std::u16string_view baseName =
+        slash == std::u16string_view::npos ? fileName : fileName.substr(slash + 1);
+
+    std::u16string path(directory);
+    if (path.empty() || !IsSeparator(path.back()))
+        path += !path.empty() && path.front() == u'/' ? u'/' : u'\\';
+    path += baseName;
+    return path;
+}
+
+std::array<uint8_t, 24> EncodeChecksumRecord(uint32_t stringOffset, const Md5Digest &digest) {
+    ByteWriter w(cv::kChecksumRecordSize);
+    w.U32(stringOffset);
+    w.U8(uint8_t(digest.size()));
+    w.U8(cv::CHKSUM_TYPE_MD5);
+    w.Bytes(digest.data(), digest.size());
+    w.U16(0);
+    w.Finish();
+    std::array<uint8_t, 24> record;
+    std::memcpy(record.data(), w.Data(), record.size());
+    return record;
+}
+
+} // namespace quillet
