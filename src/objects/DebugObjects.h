@@ -1,0 +1,61 @@
+// Language objects: what the assembler describes in scopes (code labels, data labels, constants,
+// register symbols, procedures). Each object writes itself in both formats: one CodeView symbol
+// record and one DWARF entry, whose offset is known to every entry that refers to it once the
+// layout pass has run.
+#pragma once
+
+#include "platform/CError.h"
+
+#include <cstdint>
+#include <vector>
+
+class CBaseAbbrev;
+class CBinarySection;
+class CScopeNode;
+
+class CBaseLangObject {
+public:
+    CBaseLangObject() = default;
+    CBaseLangObject(const CBaseLangObject &other);
+    CBaseLangObject &operator=(const CBaseLangObject &) = delete;
+    virtual ~CBaseLangObject();
+
+    // 0 compilation unit or basic type; DBG_OBJ_* for the objects made by Dbg_create_object.
+    virtual int GetKind() const = 0;
+    // Appends the object's CodeView record (and its relocations) to `symbols`; `types` receives
+    // the type records that the record's type index needs.
+    virtual CError WriteCodeView(CBinarySection &symbols, CBinarySection &types) = 0;
+    // Appends the DWARF entry, declaring its abbreviation in `abbrev` on first use.
+    virtual CError WriteDwarf(CBinarySection &info, CBinarySection &abbrev) = 0;
+    // Sets the entry size; runs in the layout pass before any entry is written.
+    virtual CError ComputeDwarfSize() = 0;
+
+    // `field` receives this object's entry offset when it is laid out.
+    void AddReferrer(uint64_t *field) { m_RefList.push_back(field); }
+    void RemoveReferrer(uint64_t *field);
+    // Stores the running entry offset in every referrer, sizes the entry and advances the offset.
+    void LayOut();
+
+    CBaseAbbrev *Abbrev() const { return m_pAbbrev; }
+    uint64_t RecordLength() const { return m_nRecordLength; }
+    CScopeNode *OwnerScope() const { return m_pOwnerScope; }
+    // Set while the object stands in a scope's object list (a list holds each object once).
+    bool IsListed() const { return m_bListed; }
+    void SetListed(bool listed) { m_bListed = listed; }
+
+protected:
+    // Replaces the abbreviation with `fresh`, shared through the registry.
+    void ShareNewAbbrev(CBaseAbbrev *fresh);
+
+    std::vector<uint64_t *> m_RefList;
+    CBaseAbbrev *m_pAbbrev = nullptr;
+    uint64_t m_nRecordLength = 0;
+    CScopeNode *m_pOwnerScope = nullptr;
+    bool m_bListed = false;
+};
+
+// Applies a property list to an object of kinds 1..5; the status of the first failing record.
+uint32_t ApplyObjectProperties(CBaseLangObject &object, const struct DbgObjectProp *props,
+                               uint32_t count);
+// Makes a basic type's entry part of the module (once), unless debugging information is off.
+void RegisterTypeWithModule(CBaseLangObject *typeObject);
