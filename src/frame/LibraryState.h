@@ -17,6 +17,7 @@
 class CBaseDebugType;
 class CBaseLangObject;
 class CBinarySection;
+struct CCodeViewTables;
 class CDebugBasicType;
 class CDebugProcType;
 class CModuleScope;
@@ -68,6 +69,9 @@ struct LibraryState {
     // checksum and line passes move. The driver releases them; Reset releases any left over.
     std::vector<CBinarySection *> symbolSections;
     size_t symbolSectionCursor = 0;
+    // The string and checksum tables of the CodeView emission in progress (owned by the driver,
+    // null outside it).
+    CCodeViewTables *codeViewTables = nullptr;
 
     // Handles that the library handed out and has not released. Unknown handles are refused.
     std::unordered_set<const void *> liveScopes;
