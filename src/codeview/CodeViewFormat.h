@@ -6,14 +6,8 @@
 
 namespace quillet::cv {
 
-// First four bytes of every .debug$S and .debug$T section.
-constexpr uint32_t CV_SIGNATURE_C13 = 4;
-
-// Subsection kinds of a symbol section; each subsection is {kind, length, content}.
-constexpr uint32_t DEBUG_S_SYMBOLS = 0xF1;
-constexpr uint32_t DEBUG_S_LINES = 0xF2;
-constexpr uint32_t DEBUG_S_STRINGTABLE = 0xF3;
-constexpr uint32_t DEBUG_S_FILECHKSMS = 0xF4;
+// Subsection kinds and the section signature are defined with the section buffer that writes
+// them (frame/BinarySection.h); LF_ARGLIST, LF_PROCEDURE and the first type index with the types.
 constexpr uint32_t kSubsectionHeaderSize = 8;
 constexpr uint32_t kSubsectionAlignment = 4;
 
@@ -30,9 +24,7 @@ constexpr uint16_t S_GPROC32 = 0x1110;
 constexpr uint16_t S_COMPILE3 = 0x113C;
 constexpr uint16_t S_ENVBLOCK = 0x113D;
 
-// Type record leaves and numeric leaves.
-constexpr uint16_t LF_PROCEDURE = 0x1008;
-constexpr uint16_t LF_ARGLIST = 0x1201;
+// Numeric leaves.
 constexpr uint16_t LF_CHAR = 0x8000;
 constexpr uint16_t LF_SHORT = 0x8001;
 constexpr uint16_t LF_USHORT = 0x8002;
@@ -43,9 +35,6 @@ constexpr uint16_t LF_REAL64 = 0x8006;
 constexpr uint16_t LF_REAL80 = 0x8007;
 constexpr uint16_t LF_QUADWORD = 0x8009;
 constexpr uint16_t LF_UQUADWORD = 0x800A;
-
-// Type indices below this are primitive types; records in .debug$T are numbered from it.
-constexpr uint32_t kFirstTypeIndex = 0x1000;
 
 // File-checksum records: {string offset u32, size u8, kind u8, digest, 2 bytes of fill}.
 constexpr uint8_t CHKSUM_TYPE_MD5 = 1;

@@ -2,25 +2,16 @@
 
 #include "codeview/CodeViewFormat.h"
 #include "platform/ByteWriter.h"
+#include "platform/Text.h"
 
 #include <cstring>
 
 namespace quillet {
 
-namespace {
-bool IsSeparator(char16_t c) { return c == u'/' || c == u'\\'; }
-} // namespace
-
 std::u16string ComposeSourcePath(std::u16string_view directory, std::u16string_view fileName) {
     const size_t slash = fileName.find_last_of(u"/\\");
-    const std::u16string_view baseName =
-        slash == std::u16string_view::npos ? fileName : fileName.substr(slash + 1);
-
-    std::u16string path(directory);
-    if (path.empty() || !IsSeparator(path.back()))
-        path += !path.empty() && path.front() == u'/' ? u'/' : u'\\';
-    path += baseName;
-    return path;
+    return JoinPath(directory,
+                    slash == std::u16string_view::npos ? fileName : fileName.substr(slash + 1));
 }
 
 std::array<uint8_t, 24> EncodeChecksumRecord(uint32_t stringOffset, const Md5Digest &digest) {

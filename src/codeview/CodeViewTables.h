@@ -1,0 +1,50 @@
+// What one CodeView emission learns about source files as its passes run: the string-table
+// offset of each source-file record, and the checksum index of each file in each checksum table.
+// The driver owns it for the duration of the emission; the scope steps reach it through the
+// library state.
+#pragma once
+
+#include "codeview/Md5.h"
+
+#include <cstdint>
+#include <unordered_map>
+
+class CBinarySection;
+class CScopeNode;
+
+struct CCodeViewTables {
+    // The string table: source-file record (its handle cell) -> offset of its composed path.
+    std::unordered_map<const void *, uint32_t> stringOffsets;
+    uint32_t nextStringOffset = 0; // 0 until the empty string at offset 0 is written
+
+    // One checksum table per symbol section that holds one: string offset -> checksum index.
+    // A file has at most one record per table.
+    std::unordered_map<const CBinarySection *, std::unordered_map<uint32_t, uint32_t>>
+        checksumIndex;
+
+    // Digests already computed, by source-file record, so a file named in several tables is read
+    // once.
+    std::unordered_map<const void *, quillet::Md5Digest> digests;
+};
+
+// The tables of the emission that is running, or null outside the CodeView driver.
+CCodeViewTables *ActiveCodeViewTables();
+
+// Ends the open subsection of `section`: its length field receives the bytes written since its
+// header. A section with nothing written since the last close is left alone. Fails (26) when the
+// length cannot be written.
+uint32_t CloseSubsection(CBinarySection &section);
+
+// The string-table pass over the module's subtree: one composed path per source-file record,
+// appended to the main symbol section as one piece.
+uint32_t WriteStringTable(const CScopeNode &module, CBinarySection &mainSymbols,
+                          CCodeViewTables &tables);
+
+// The checksum pass: one record per file and table, MD5 of the file's bytes. 18 when a file
+// cannot be read or an append fails.
+uint32_t WriteChecksumTables(const CScopeNode &module, CBinarySection &mainSymbols,
+                             CCodeViewTables &tables);
+
+// True for a section that the object-file library reports as COMDAT (a failed query is reported
+// and counts as not COMDAT).
+bool IsComdatSection(uint32_t section);
