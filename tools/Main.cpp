@@ -1,0 +1,129 @@
+// qdbg: the command-line front end of Quillet (see Help.cpp for the manual).
+#include "Builder.h"
+#include "Description.h"
+#include "Help.h"
+#include "Query.h"
+#include "Text.h"
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace qdbg;
+
+int Usage(const std::string &message, const std::string &command) {
+    std::fprintf(stderr, "qdbg: %s\n", message.c_str());
+    std::fprintf(stderr, "Try 'qdbg %s--help'.\n", command.empty() ? "" : (command + " ").c_str());
+    return kExitUsage;
+}
+
+bool WantsHelp(const std::vector<std::string> &args) {
+    for (const std::string &arg : args)
+        if (arg == "--help" || arg == "-h")
+            return true;
+    return false;
+}
+
+int Build(const std::vector<std::string> &args) {
+    std::string description, output, format = "elf64";
+    for (size_t k = 0; k < args.size(); ++k) {
+        const std::string &arg = args[k];
+        if (arg == "-o" || arg == "--output" || arg == "-f" || arg == "--format") {
+            if (k + 1 >= args.size())
+                return Usage(arg + " needs a value", "build");
+            (arg == "-o" || arg == "--output" ? output : format) = args[++k];
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return Usage("unknown option '" + arg + "'", "build");
+        } else if (description.empty()) {
+            description = arg;
+        } else {
+            return Usage("more than one description file", "build");
+        }
+    }
+    if (description.empty())
+        return Usage("no description file", "build");
+    if (output.empty())
+        return Usage("no output file (-o OUTPUT)", "build");
+    int formatNumber = format == "elf32" ? 1 : format == "elf64" ? 2 : format == "coff" ? 3 : 0;
+    if (formatNumber == 0)
+        return Usage("unknown format '" + format + "' (elf64, elf32 or coff)", "build");
+
+    std::ifstream in(description, std::ios::binary);
+    if (!in) {
+        std::fprintf(stderr, "qdbg: cannot read %s\n", description.c_str());
+        return kExitFailed;
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    try {
+        BuildObject(ParseDescription(text.str()), output, formatNumber);
+    } catch (const DescriptionError &error) {
+        if (error.Line() > 0)
+            std::fprintf(stderr, "%s:%d: %s\n", description.c_str(), error.Line(), error.what());
+        else
+            std::fprintf(stderr, "%s: %s\n", description.c_str(), error.what());
+        return kExitFailed;
+    }
+    return kExitOk;
+}
+
+int Query(const std::string &command, const std::vector<std::string> &args) {
+    if (command == "lines" || command == "files") {
+        if (args.size() != 1)
+            return Usage(command + " takes one object file", command);
+        return command == "lines" ? ListLines(args[0]) : ListFiles(args[0]);
+    }
+    if (command == "addr") {
+        if (args.size() != 3)
+            return Usage("usage: qdbg addr OBJECT SECTION OFFSET", command);
+        std::optional<uint64_t> offset = ParseUnsigned(args[2]);
+        if (!offset)
+            return Usage("offset '" + args[2] + "' is not a number", command);
+        return AddressToLine(args[0], args[1], *offset);
+    }
+    // line
+    if (args.size() != 3 && args.size() != 4)
+        return Usage("usage: qdbg line OBJECT SOURCE LINE [COLUMN]", command);
+    std::optional<uint64_t> line = ParseUnsigned(args[2]);
+    if (!line || *line > UINT32_MAX)
+        return Usage("line '" + args[2] + "' is not a line number", command);
+    uint64_t column = 1;
+    if (args.size() == 4) {
+        std::optional<uint64_t> given = ParseUnsigned(args[3]);
+        if (!given || *given > UINT16_MAX)
+            return Usage("column '" + args[3] + "' is not a column number", command);
+        column = *given;
+    }
+    return LineToAddress(args[0], args[1], static_cast<uint32_t>(*line),
+                         static_cast<uint16_t>(column));
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    if (args.empty())
+        return Usage("no command", "");
+    std::string command = args.front();
+    args.erase(args.begin());
+    if (command == "--help" || command == "-h" || command == "help") {
+        std::string text = HelpText(args.empty() ? "" : args.front());
+        if (text.empty())
+            return Usage("unknown command '" + args.front() + "'", "");
+        std::fputs(text.c_str(), stdout);
+        return kExitOk;
+    }
+    if (HelpText(command).empty())
+        return Usage("unknown command '" + command + "'", "");
+    if (WantsHelp(args)) {
+        std::fputs(HelpText(command).c_str(), stdout);
+        return kExitOk;
+    }
+    if (command == "build")
+        return Build(args);
+    return Query(command, args);
+}
