@@ -1,0 +1,62 @@
+// Constants of the ELF object format, named as the format names them.
+#pragma once
+
+#include <cstdint>
+
+namespace brix::elf {
+
+constexpr uint8_t ELFMAG[4] = {0x7f, 'E', 'L', 'F'};
+constexpr uint8_t ELFCLASS32 = 1;
+constexpr uint8_t ELFCLASS64 = 2;
+constexpr uint8_t ELFDATA2LSB = 1;
+constexpr uint8_t ELFDATA2MSB = 2;
+constexpr uint8_t EV_CURRENT = 1;
+constexpr unsigned EI_NIDENT = 16;
+
+constexpr uint16_t ET_REL = 1;
+constexpr uint16_t ET_EXEC = 2;
+constexpr uint16_t ET_DYN = 3;
+
+constexpr uint32_t SHT_NULL = 0;
+constexpr uint32_t SHT_PROGBITS = 1;
+constexpr uint32_t SHT_SYMTAB = 2;
+constexpr uint32_t SHT_STRTAB = 3;
+constexpr uint32_t SHT_RELA = 4;
+constexpr uint32_t SHT_NOBITS = 8;
+constexpr uint32_t SHT_REL = 9;
+constexpr uint32_t SHT_DYNSYM = 11;
+constexpr uint32_t SHT_GROUP = 17;
+constexpr uint32_t SHT_SYMTAB_SHNDX = 18;
+
+constexpr uint64_t SHF_WRITE = 0x1;
+constexpr uint64_t SHF_ALLOC = 0x2;
+constexpr uint64_t SHF_EXECINSTR = 0x4;
+constexpr uint64_t SHF_INFO_LINK = 0x40;
+constexpr uint64_t SHF_GROUP = 0x200;
+
+constexpr uint32_t GRP_COMDAT = 1;
+
+constexpr uint16_t SHN_UNDEF = 0;
+constexpr uint16_t SHN_LORESERVE = 0xff00;
+constexpr uint16_t SHN_ABS = 0xfff1;
+constexpr uint16_t SHN_COMMON = 0xfff2;
+constexpr uint16_t SHN_XINDEX = 0xffff;
+
+constexpr uint8_t STB_LOCAL = 0;
+constexpr uint8_t STB_GLOBAL = 1;
+constexpr uint8_t STB_WEAK = 2;
+
+constexpr uint8_t STT_NOTYPE = 0;
+constexpr uint8_t STT_OBJECT = 1;
+constexpr uint8_t STT_FUNC = 2;
+constexpr uint8_t STT_SECTION = 3;
+constexpr uint8_t STT_FILE = 4;
+
+// Record sizes per class.
+constexpr unsigned kEhdrSize32 = 52, kEhdrSize64 = 64;
+constexpr unsigned kShdrSize32 = 40, kShdrSize64 = 64;
+constexpr unsigned kSymSize32 = 16, kSymSize64 = 24;
+constexpr unsigned kRelaSize32 = 12, kRelaSize64 = 24;
+constexpr unsigned kRelSize32 = 8, kRelSize64 = 16;
+
+} // namespace brix::elf

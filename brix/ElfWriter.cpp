@@ -1,0 +1,464 @@
+// Writes a file of the object model as a relocatable little-endian ELF32 or ELF64 object.
+//
+// Section header order: the null section; for every section of the model, in creation order, its
+// COMDAT group (when it leads one), the section itself and its RELA section; then .symtab,
+// .strtab and .shstrtab. Symbol order: the null symbol, source files, section symbols, the other
+// local symbols, then the global ones (sh_info of .symtab is the first global).
+#include "ByteBuffer.h"
+#include "ElfFormat.h"
+#include "Formats.h"
+
+#include <algorithm>
+#include <string>
+
+namespace brix {
+
+namespace {
+
+using namespace elf;
+
+constexpr uint32_t kNone = 0xffffffffu;
+
+struct COutSection {
+    uint32_t m_nName = 0; // offset in .shstrtab
+    uint32_t m_nType = SHT_NULL;
+    uint64_t m_nFlags = 0;
+    uint64_t m_nAddress = 0;
+    uint64_t m_nOffset = 0;
+    uint64_t m_nSize = 0;
+    uint32_t m_nLink = 0;
+    uint32_t m_nInfo = 0;
+    uint64_t m_nAlignment = 1;
+    uint64_t m_nEntrySize = 0;
+};
+
+bool Fits32(uint64_t v);
+
+class CElfWriter {
+public:
+    CElfWriter(const CBrxFile &file, std::vector<uint8_t> &out)
+        : m_File(file), m_Out(out), m_b64(file.m_nFormat == BRX_FORMAT_ELF64),
+          m_nWord(m_b64 ? 8 : 4) {}
+
+    bool Write();
+
+private:
+    // Index in the model's section vector of a section handle of this file, or kNone.
+    uint32_t SectionIndex(BrxHandle handle) const {
+        const CHandleEntry *e = LookupKind(handle, Kind::Section);
+        return e && e->m_pFile == &m_File ? e->m_nIndex : kNone;
+    }
+    uint32_t AddName(std::string &table, std::string_view name) {
+        if (name.empty())
+            return 0;
+        uint32_t at = uint32_t(table.size());
+        table.append(name);
+        table.push_back('\0');
+        return at;
+    }
+
+    bool PlanGroups();
+    bool PlanSymbols();
+    void PlanSections();
+    void WriteContents();
+    void WriteSymbolTable();
+    void WriteRelocations(const CSection &s);
+    void WriteSymbol(uint32_t name, uint64_t value, uint8_t info, uint16_t shndx);
+    void WriteHeaders(uint64_t sectionHeaders);
+
+    const CBrxFile &m_File;
+    std::vector<uint8_t> &m_Out;
+    bool m_b64;
+    unsigned m_nWord;
+
+    // Per model section.
+    std::vector<uint32_t> m_GroupLeader;   // the leader of the group it belongs to, or kNone
+    std::vector<uint32_t> m_SectionSymbol; // index of its section symbol, or 0 without one
+    std::vector<uint32_t> m_Signature;     // for a leader: index of its signature symbol
+    std::vector<uint32_t> m_HeaderIndex;   // its section header index
+    std::vector<uint32_t> m_RelaIndex;     // its RELA section header index, or 0
+    std::vector<uint32_t> m_GroupIndex;    // for a leader: its SHT_GROUP header index
+    std::vector<std::vector<uint32_t>> m_GroupMembers; // for a leader: member header indices
+
+    // Per model symbol: its index in .symtab.
+    std::vector<uint32_t> m_SymbolIndex;
+    // .symtab in order: (model symbol index, or kNone + section for a section symbol).
+    struct CSymbolSlot {
+        uint32_t m_nSymbol;  // model symbol, or kNone
+        uint32_t m_nSection; // for a section symbol: the model section
+    };
+    std::vector<CSymbolSlot> m_SymbolOrder;
+    uint32_t m_nFirstGlobal = 0;
+
+    std::vector<COutSection> m_Headers;
+    std::string m_ShStrTab{'\0'};
+    std::string m_StrTab{'\0'};
+    uint32_t m_nSymTab = 0, m_nStrTab = 0, m_nShStrTab = 0;
+};
+
+bool CElfWriter::PlanGroups() {
+    size_t n = m_File.m_Sections.size();
+    m_GroupLeader.assign(n, kNone);
+    for (size_t i = 0; i < n; ++i) {
+        uint32_t selection = m_File.m_Sections[i].m_nComdatSelection;
+        if (selection != BRX_COMDAT_NONE && selection != BRX_COMDAT_ASSOCIATIVE)
+            m_GroupLeader[i] = uint32_t(i);
+    }
+    // Sections tied to a COMDAT section join its group; a tie to a plain section means nothing
+    // in ELF.
+    for (size_t i = 0; i < n; ++i) {
+        const CSection &s = m_File.m_Sections[i];
+        if (s.m_nComdatSelection != BRX_COMDAT_ASSOCIATIVE)
+            continue;
+        uint32_t target = SectionIndex(s.m_AssociatedSection);
+        if (target == kNone)
+            return false;
+        if (m_GroupLeader[target] == target)
+            m_GroupLeader[i] = target;
+    }
+    return true;
+}
+
+bool CElfWriter::PlanSymbols() {
+    size_t sectionCount = m_File.m_Sections.size();
+    m_SectionSymbol.assign(sectionCount, 0);
+    m_Signature.assign(sectionCount, 0);
+    std::vector<bool> needsSectionSymbol(sectionCount, false);
+    for (const CRelocation &r : m_File.m_Relocations) {
+        const CHandleEntry *t = State().Lookup(r.m_Target);
+        if (!t || t->m_pFile != &m_File)
+            return false;
+        if (t->m_Kind == Kind::Section)
+            needsSectionSymbol[t->m_nIndex] = true;
+        else if (t->m_Kind != Kind::Symbol)
+            return false;
+    }
+
+    // A group's signature is the first global symbol defined in its leader, else the first
+    // local one, else the leader's section symbol.
+    std::vector<uint32_t> signatureSymbol(sectionCount, kNone);
+    for (size_t i = 0; i < m_File.m_Symbols.size(); ++i) {
+        const CSymbol &s = m_File.m_Symbols[i];
+        if (s.m_Section == 0)
+            continue;
+        uint32_t section = SectionIndex(s.m_Section);
+        if (section == kNone)
+            return false;
+        if (m_GroupLeader[section] != section)
+            continue;
+        uint32_t &current = signatureSymbol[section];
+        if (current == kNone || (s.m_nBinding == BRX_BINDING_GLOBAL &&
+                                 m_File.m_Symbols[current].m_nBinding != BRX_BINDING_GLOBAL))
+            current = uint32_t(i);
+    }
+    for (size_t i = 0; i < sectionCount; ++i)
+        if (m_GroupLeader[i] == i && signatureSymbol[i] == kNone)
+            needsSectionSymbol[i] = true;
+
+    m_SymbolOrder.push_back({kNone, kNone}); // the null symbol
+    for (size_t i = 0; i < m_File.m_Symbols.size(); ++i) {
+        const CSymbol &s = m_File.m_Symbols[i];
+        if (s.m_nType == BRX_SYMBOL_SOURCE_FILE && s.m_nBinding != BRX_BINDING_GLOBAL)
+            m_SymbolOrder.push_back({uint32_t(i), kNone});
+    }
+    for (size_t i = 0; i < sectionCount; ++i) {
+        if (!needsSectionSymbol[i])
+            continue;
+        m_SectionSymbol[i] = uint32_t(m_SymbolOrder.size());
+        m_SymbolOrder.push_back({kNone, uint32_t(i)});
+    }
+    for (size_t i = 0; i < m_File.m_Symbols.size(); ++i) {
+        const CSymbol &s = m_File.m_Symbols[i];
+        if (s.m_nType != BRX_SYMBOL_SOURCE_FILE && s.m_nBinding != BRX_BINDING_GLOBAL)
+            m_SymbolOrder.push_back({uint32_t(i), kNone});
+    }
+    m_nFirstGlobal = uint32_t(m_SymbolOrder.size());
+    for (size_t i = 0; i < m_File.m_Symbols.size(); ++i)
+        if (m_File.m_Symbols[i].m_nBinding == BRX_BINDING_GLOBAL)
+            m_SymbolOrder.push_back({uint32_t(i), kNone});
+
+    m_SymbolIndex.assign(m_File.m_Symbols.size(), 0);
+    for (size_t k = 0; k < m_SymbolOrder.size(); ++k)
+        if (m_SymbolOrder[k].m_nSymbol != kNone)
+            m_SymbolIndex[m_SymbolOrder[k].m_nSymbol] = uint32_t(k);
+    for (size_t i = 0; i < sectionCount; ++i)
+        if (m_GroupLeader[i] == i)
+            m_Signature[i] = signatureSymbol[i] != kNone ? m_SymbolIndex[signatureSymbol[i]]
+                                                         : m_SectionSymbol[i];
+    return true;
+}
+
+void CElfWriter::PlanSections() {
+    size_t n = m_File.m_Sections.size();
+    m_HeaderIndex.assign(n, 0);
+    m_RelaIndex.assign(n, 0);
+    m_GroupIndex.assign(n, 0);
+    m_GroupMembers.assign(n, {});
+    m_Headers.emplace_back(); // the null section
+
+    for (size_t i = 0; i < n; ++i) {
+        const CSection &s = m_File.m_Sections[i];
+        bool inGroup = m_GroupLeader[i] != kNone;
+        if (m_GroupLeader[i] == i) {
+            m_GroupIndex[i] = uint32_t(m_Headers.size());
+            COutSection &g = m_Headers.emplace_back();
+            g.m_nName = AddName(m_ShStrTab, ".group");
+            g.m_nType = SHT_GROUP;
+            g.m_nAlignment = 4;
+            g.m_nEntrySize = 4;
+            g.m_nInfo = m_Signature[i];
+        }
+        m_HeaderIndex[i] = uint32_t(m_Headers.size());
+        COutSection &h = m_Headers.emplace_back();
+        h.m_nName = AddName(m_ShStrTab, s.m_Name);
+        h.m_nType = SHT_PROGBITS;
+        if (s.IsCode())
+            h.m_nFlags = SHF_ALLOC | SHF_EXECINSTR;
+        else if (!s.IsDebug())
+            h.m_nFlags = SHF_ALLOC | SHF_WRITE;
+        if (inGroup)
+            h.m_nFlags |= SHF_GROUP;
+        h.m_nAddress = s.m_nAddress;
+        h.m_nSize = s.Size();
+        h.m_nAlignment = s.m_nAlignment;
+        if (inGroup)
+            m_GroupMembers[m_GroupLeader[i]].push_back(m_HeaderIndex[i]);
+
+        if (!s.m_Relocations.empty()) {
+            m_RelaIndex[i] = uint32_t(m_Headers.size());
+            COutSection &r = m_Headers.emplace_back();
+            r.m_nName = AddName(m_ShStrTab, ".rela" + s.m_Name);
+            r.m_nType = SHT_RELA;
+            r.m_nFlags = SHF_INFO_LINK | (inGroup ? SHF_GROUP : 0);
+            r.m_nInfo = m_HeaderIndex[i];
+            r.m_nAlignment = m_nWord;
+            r.m_nEntrySize = m_b64 ? kRelaSize64 : kRelaSize32;
+            r.m_nSize = uint64_t(s.m_Relocations.size()) * r.m_nEntrySize;
+            if (inGroup)
+                m_GroupMembers[m_GroupLeader[i]].push_back(m_RelaIndex[i]);
+        }
+    }
+    m_nSymTab = uint32_t(m_Headers.size());
+    COutSection &sym = m_Headers.emplace_back();
+    sym.m_nName = AddName(m_ShStrTab, ".symtab");
+    sym.m_nType = SHT_SYMTAB;
+    sym.m_nAlignment = m_nWord;
+    sym.m_nEntrySize = m_b64 ? kSymSize64 : kSymSize32;
+    sym.m_nSize = uint64_t(m_SymbolOrder.size()) * sym.m_nEntrySize;
+    sym.m_nInfo = m_nFirstGlobal;
+
+    m_nStrTab = uint32_t(m_Headers.size());
+    m_Headers.emplace_back().m_nType = SHT_STRTAB;
+    m_Headers[m_nStrTab].m_nName = AddName(m_ShStrTab, ".strtab");
+    m_Headers[m_nSymTab].m_nLink = m_nStrTab;
+
+    m_nShStrTab = uint32_t(m_Headers.size());
+    m_Headers.emplace_back().m_nType = SHT_STRTAB;
+    m_Headers[m_nShStrTab].m_nName = AddName(m_ShStrTab, ".shstrtab");
+
+    for (size_t i = 0; i < n; ++i) {
+        if (m_RelaIndex[i] != 0)
+            m_Headers[m_RelaIndex[i]].m_nLink = m_nSymTab;
+        if (m_GroupLeader[i] == i) {
+            COutSection &g = m_Headers[m_GroupIndex[i]];
+            g.m_nLink = m_nSymTab;
+            g.m_nSize = 4 * (1 + uint64_t(m_GroupMembers[i].size()));
+        }
+    }
+}
+
+void CElfWriter::WriteSymbol(uint32_t name, uint64_t value, uint8_t info, uint16_t shndx) {
+    CByteBuffer b(m_Out);
+    b.U32(name);
+    if (m_b64) {
+        b.U8(info);
+        b.U8(0);
+        b.U16(shndx);
+        b.U64(value);
+        b.U64(0);
+    } else {
+        b.U32(uint32_t(value));
+        b.U32(0);
+        b.U8(info);
+        b.U8(0);
+        b.U16(shndx);
+    }
+}
+
+void CElfWriter::WriteSymbolTable() {
+    for (const CSymbolSlot &slot : m_SymbolOrder) {
+        if (slot.m_nSymbol == kNone && slot.m_nSection == kNone) {
+            WriteSymbol(0, 0, 0, SHN_UNDEF);
+        } else if (slot.m_nSymbol == kNone) {
+            WriteSymbol(0, 0, uint8_t((STB_LOCAL << 4) | STT_SECTION),
+                        uint16_t(m_HeaderIndex[slot.m_nSection]));
+        } else {
+            const CSymbol &s = m_File.m_Symbols[slot.m_nSymbol];
+            uint8_t bind = s.m_nBinding == BRX_BINDING_GLOBAL ? STB_GLOBAL : STB_LOCAL;
+            uint8_t type = s.m_nType == BRX_SYMBOL_FUNCTION      ? STT_FUNC
+                           : s.m_nType == BRX_SYMBOL_SOURCE_FILE ? STT_FILE
+                                                                 : STT_NOTYPE;
+            uint16_t shndx = SHN_UNDEF;
+            if (type == STT_FILE)
+                shndx = SHN_ABS;
+            else if (s.m_Section != 0)
+                shndx = uint16_t(m_HeaderIndex[SectionIndex(s.m_Section)]);
+            WriteSymbol(AddName(m_StrTab, m_File.SymbolName(s)), s.m_nOffset,
+                        uint8_t((bind << 4) | type), shndx);
+        }
+    }
+}
+
+void CElfWriter::WriteRelocations(const CSection &s) {
+    CByteBuffer b(m_Out);
+    for (uint32_t r : s.m_Relocations) {
+        const CRelocation &rel = m_File.m_Relocations[r];
+        // PlanSymbols has checked every target.
+        const CHandleEntry *t = State().Lookup(rel.m_Target);
+        uint64_t symbol =
+            t->m_Kind == Kind::Section ? m_SectionSymbol[t->m_nIndex] : m_SymbolIndex[t->m_nIndex];
+        if (m_b64) {
+            b.U64(rel.m_nOffset);
+            b.U64((symbol << 32) | rel.m_nType);
+            b.U64(uint64_t(rel.m_nAddend));
+        } else {
+            b.U32(uint32_t(rel.m_nOffset));
+            b.U32(uint32_t((symbol << 8) | (rel.m_nType & 0xff)));
+            b.U32(uint32_t(rel.m_nAddend));
+        }
+    }
+}
+
+void CElfWriter::WriteContents() {
+    CByteBuffer b(m_Out);
+    // What each header stands for, so that the walk below is one step per header.
+    enum class Role : uint8_t { Section, Rela, Group, Table };
+    std::vector<Role> role(m_Headers.size(), Role::Table);
+    std::vector<uint32_t> model(m_Headers.size(), kNone);
+    for (size_t i = 0; i < m_File.m_Sections.size(); ++i) {
+        role[m_HeaderIndex[i]] = Role::Section;
+        model[m_HeaderIndex[i]] = uint32_t(i);
+        if (m_RelaIndex[i]) {
+            role[m_RelaIndex[i]] = Role::Rela;
+            model[m_RelaIndex[i]] = uint32_t(i);
+        }
+        if (m_GroupLeader[i] == i) {
+            role[m_GroupIndex[i]] = Role::Group;
+            model[m_GroupIndex[i]] = uint32_t(i);
+        }
+    }
+    for (size_t h = 1; h < m_Headers.size(); ++h) {
+        COutSection &out = m_Headers[h];
+        b.AlignTo(out.m_nAlignment);
+        out.m_nOffset = b.Size();
+        switch (role[h]) {
+        case Role::Section: {
+            const CSection &s = m_File.m_Sections[model[h]];
+            size_t at = m_Out.size();
+            m_Out.resize(at + s.Size());
+            s.Read(0, s.Size(), m_Out.data() + at);
+            break;
+        }
+        case Role::Rela:
+            WriteRelocations(m_File.m_Sections[model[h]]);
+            break;
+        case Role::Group:
+            b.U32(GRP_COMDAT);
+            for (uint32_t member : m_GroupMembers[model[h]])
+                b.U32(member);
+            break;
+        case Role::Table:
+            if (h == m_nSymTab) {
+                WriteSymbolTable();
+            } else if (h == m_nStrTab) {
+                b.Bytes(m_StrTab.data(), m_StrTab.size());
+                out.m_nSize = m_StrTab.size();
+            } else {
+                b.Bytes(m_ShStrTab.data(), m_ShStrTab.size());
+                out.m_nSize = m_ShStrTab.size();
+            }
+            break;
+        }
+    }
+}
+
+void CElfWriter::WriteHeaders(uint64_t sectionHeaders) {
+    CByteBuffer b(m_Out);
+    for (const COutSection &h : m_Headers) {
+        b.U32(h.m_nName);
+        b.U32(h.m_nType);
+        b.Word(h.m_nFlags, m_nWord);
+        b.Word(h.m_nAddress, m_nWord);
+        b.Word(h.m_nOffset, m_nWord);
+        b.Word(h.m_nSize, m_nWord);
+        b.U32(h.m_nLink);
+        b.U32(h.m_nInfo);
+        b.Word(h.m_nAlignment, m_nWord);
+        b.Word(h.m_nEntrySize, m_nWord);
+    }
+    // The file header, at offset 0.
+    std::vector<uint8_t> header;
+    CByteBuffer e(header);
+    e.Bytes(ELFMAG, 4);
+    e.U8(m_b64 ? ELFCLASS64 : ELFCLASS32);
+    e.U8(ELFDATA2LSB);
+    e.U8(EV_CURRENT);
+    e.Zeros(EI_NIDENT - 7);
+    e.U16(ET_REL);
+    e.U16(uint16_t(m_File.m_nMachine));
+    e.U32(EV_CURRENT);
+    e.Word(0, m_nWord); // e_entry
+    e.Word(0, m_nWord); // e_phoff
+    e.Word(sectionHeaders, m_nWord);
+    e.U32(0); // e_flags
+    e.U16(uint16_t(m_b64 ? kEhdrSize64 : kEhdrSize32));
+    e.U16(0); // e_phentsize
+    e.U16(0); // e_phnum
+    e.U16(uint16_t(m_b64 ? kShdrSize64 : kShdrSize32));
+    e.U16(uint16_t(m_Headers.size()));
+    e.U16(uint16_t(m_nShStrTab));
+    std::copy(header.begin(), header.end(), m_Out.begin());
+}
+
+bool Fits32(uint64_t v) {
+    return v <= 0xffffffffu;
+}
+
+bool CElfWriter::Write() {
+    if (!PlanGroups() || !PlanSymbols())
+        return false;
+    PlanSections();
+    // 0xff00 and above are reserved section numbers; extended numbering is not written.
+    if (m_Headers.size() >= SHN_LORESERVE)
+        return false;
+
+    uint64_t total = m_b64 ? kEhdrSize64 : kEhdrSize32;
+    for (const CSection &s : m_File.m_Sections)
+        total += s.Size() + s.m_nAlignment;
+    total += uint64_t(m_File.m_Relocations.size()) * (m_b64 ? kRelaSize64 : kRelaSize32);
+    total += uint64_t(m_SymbolOrder.size()) * (m_b64 ? kSymSize64 : kSymSize32);
+    total += m_File.m_Names.size() + m_SymbolOrder.size() + m_ShStrTab.size();
+    total += uint64_t(m_Headers.size()) * (m_b64 ? kShdrSize64 : kShdrSize32) + 64;
+    if (!m_b64 && !Fits32(total))
+        return false;
+    m_Out.clear();
+    m_Out.reserve(total);
+    CByteBuffer b(m_Out);
+    b.Zeros(m_b64 ? kEhdrSize64 : kEhdrSize32); // filled in at the end
+
+    WriteContents();
+    b.AlignTo(m_nWord);
+    uint64_t sectionHeaders = b.Size();
+    WriteHeaders(sectionHeaders);
+    if (!m_b64 && !Fits32(m_Out.size()))
+        return false;
+    return true;
+}
+
+} // namespace
+
+bool WriteElf(const CBrxFile &file, std::vector<uint8_t> &out) {
+    return CElfWriter(file, out).Write();
+}
+
+} // namespace brix

@@ -1,0 +1,23 @@
+// The entry points of the per-format writers and readers behind the object model.
+#pragma once
+
+#include "Model.h"
+
+#include <cstdint>
+#include <vector>
+
+namespace brix {
+
+// Serialise a file made through the keyed interface; false when the model cannot be written
+// (a relocation whose target is gone, a size beyond what the format can hold).
+bool WriteElf(const CBrxFile &file, std::vector<uint8_t> &out);
+bool WriteCoff(const CBrxFile &file, std::vector<uint8_t> &out);
+
+// Fill a file whose m_Image holds the bytes of an object file; false when the bytes are not a
+// well-formed object of that format. The file is left half-built on failure; the caller closes it.
+bool LooksLikeElf(const std::vector<uint8_t> &image);
+bool ReadElf(CBrxFile &file);
+bool LooksLikeCoff(const std::vector<uint8_t> &image);
+bool ReadCoff(CBrxFile &file);
+
+} // namespace brix

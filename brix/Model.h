@@ -1,0 +1,189 @@
+// The in-memory object model behind the keyed interface: a file owns its sections, relocations,
+// symbols and (for COFF objects read back) CodeView line blocks. Every object has a handle from
+// the process-wide registry; the registry maps a handle to the file and the object's position in
+// the file's vectors, so lookups and iteration steps are O(1).
+//
+// High-volume objects (relocations, symbols, line items) are plain values in per-file vectors;
+// symbol names live in one shared character pool, so creating them costs no allocation each.
+#pragma once
+
+#include "brix/brix.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace brix {
+
+// Kinds of the registry; the first ones are the public BRX_KIND_* numbers.
+enum class Kind : uint8_t {
+    None = 0,
+    File = BRX_KIND_FILE,
+    Section = BRX_KIND_SECTION,
+    Relocation = BRX_KIND_RELOCATION,
+    SymbolTable = BRX_KIND_SYMBOL_TABLE,
+    Symbol = BRX_KIND_SYMBOL,
+    LineBlock = BRX_KIND_LINE_BLOCK,
+    LineItem = BRX_KIND_LINE_ITEM,
+    FileReference = 9, // what a line block names as its file (answers key 125)
+};
+
+class CBrxFile;
+
+struct CSection {
+    BrxHandle m_Handle = 0;
+    std::string m_Name;
+    uint16_t m_nFlags = 0;
+    uint32_t m_nKind = 0;      // key 46
+    uint32_t m_nAlignment = 1; // key 51, in bytes
+    uint64_t m_nAddress = 0;   // key 40
+    // Bytes of a section read from a file stay in the file's image (m_pView) until somebody
+    // writes into the section; then they are copied into m_Data once.
+    std::vector<uint8_t> m_Data;
+    const uint8_t *m_pView = nullptr;
+    uint64_t m_nViewSize = 0;
+    bool m_bUsesView = false;
+    bool m_bZeroFill = false; // uninitialised data: m_nViewSize bytes that read as zero
+    uint32_t m_nComdatSelection = BRX_COMDAT_NONE;
+    BrxHandle m_AssociatedSection = 0;
+    std::vector<uint32_t> m_Relocations; // indices into CBrxFile::m_Relocations
+    std::vector<uint32_t> m_LineBlocks;  // indices into CBrxFile::m_LineBlocks
+
+    uint64_t Size() const { return m_bUsesView ? m_nViewSize : m_Data.size(); }
+    bool IsCode() const { return (m_nFlags & BRX_SECTION_CODE) != 0; }
+    bool IsDebug() const;
+    // Brings a viewed section's bytes into m_Data so that they can be changed.
+    void MakeWritable();
+    // Copies up to count bytes at offset into out; answers the count copied.
+    uint64_t Read(uint64_t offset, uint64_t count, uint8_t *out) const;
+};
+
+struct CRelocation {
+    BrxHandle m_Handle = 0;
+    uint32_t m_nSection = 0;  // index of the section it applies to
+    uint32_t m_nPosition = 0; // position in that section's relocation list
+    uint64_t m_nOffset = 0;
+    uint32_t m_nType = 0;
+    BrxHandle m_Target = 0; // a symbol or a section of the same file
+    int64_t m_nAddend = 0;
+};
+
+struct CSymbol {
+    BrxHandle m_Handle = 0;
+    uint32_t m_nNameOffset = 0; // in CBrxFile::m_Names
+    uint32_t m_nNameLength = 0;
+    uint32_t m_nStorage = 0; // key 7
+    uint32_t m_nBinding = BRX_BINDING_LOCAL;
+    uint32_t m_nType = BRX_SYMBOL_PLAIN;
+    BrxHandle m_Section = 0;
+    uint64_t m_nOffset = 0;
+};
+
+struct CLineBlock {
+    BrxHandle m_Handle = 0;
+    uint32_t m_nSection = 0;
+    uint32_t m_nPosition = 0; // position in the section's block list
+    uint32_t m_nFirstItem = 0;
+    uint32_t m_nItemCount = 0;
+    BrxHandle m_FileReference = 0;
+};
+
+struct CLineItem {
+    BrxHandle m_Handle = 0;
+    uint32_t m_nBlock = 0;
+    uint32_t m_nLine = 0;
+    uint32_t m_nColumn = 0;
+    uint64_t m_nAddress = 0;
+};
+
+struct CFileReference {
+    BrxHandle m_Handle = 0;
+    BrxHandle m_Symbol = 0; // the source-file symbol
+};
+
+// One object file, written or read.
+class CBrxFile {
+public:
+    CBrxFile(int32_t format, std::string path, bool writable);
+
+    BrxHandle m_Handle = 0;
+    BrxHandle m_SymbolTable = 0;
+    int32_t m_nFormat;
+    std::string m_Path;
+    bool m_bWritable;             // made by _brx_new_file: _brx_write_file serialises it
+    uint32_t m_nMachine;          // key 20
+    uint32_t m_nObjectKind = 0;   // key 19
+    std::vector<uint8_t> m_Image; // the whole file, for files read back
+
+    std::vector<CSection> m_Sections;
+    std::vector<CRelocation> m_Relocations;
+    std::vector<CSymbol> m_Symbols;
+    std::string m_Names; // symbol names, back to back
+    std::vector<CLineBlock> m_LineBlocks;
+    std::vector<CLineItem> m_LineItems;
+    std::vector<CFileReference> m_FileReferences;
+
+    std::string_view SymbolName(const CSymbol &symbol) const {
+        return std::string_view(m_Names).substr(symbol.m_nNameOffset, symbol.m_nNameLength);
+    }
+    void SetSymbolName(CSymbol &symbol, std::string_view name);
+
+    // Creation: each registers the new object and answers its position.
+    uint32_t AddSection(std::string name);
+    uint32_t AddRelocation(uint32_t section);
+    uint32_t AddSymbol(std::string_view name);
+    uint32_t AddLineBlock(uint32_t section);
+    uint32_t AddLineItem(uint32_t block);
+    uint32_t AddFileReference(BrxHandle symbol);
+    void AddSymbolTable();
+
+    // Set when the registry ran out of handles; creation and reading then fail.
+    bool m_bOutOfHandles = false;
+
+private:
+    BrxHandle Track(BrxHandle handle) {
+        if (handle == 0)
+            m_bOutOfHandles = true;
+        return handle;
+    }
+};
+
+// What a handle stands for.
+struct CHandleEntry {
+    CBrxFile *m_pFile = nullptr;
+    uint32_t m_nIndex = 0; // position in the file's vector of that kind
+    Kind m_Kind = Kind::None;
+    uint8_t m_nGeneration = 0;
+};
+
+// The process-wide handle registry and the open files. A handle is a slot number (low 24 bits)
+// and the slot's generation (high 8 bits): a slot is reused only after its file was closed, and
+// then with a new generation, so a stale handle is refused rather than taken for a new object.
+class CBrixState {
+public:
+    BrxHandle Register(CBrxFile *file, Kind kind, uint32_t index);
+    const CHandleEntry *Lookup(BrxHandle handle) const;
+    // Releases the file and every handle that names it.
+    void Close(CBrxFile *file);
+    CBrxFile *Adopt(std::unique_ptr<CBrxFile> file);
+    void Reset();
+    void Release(BrxHandle handle);
+
+private:
+    static constexpr uint32_t kSlotBits = 24;
+    static constexpr uint32_t kSlotMask = (1u << kSlotBits) - 1;
+    std::vector<CHandleEntry> m_Slots{1}; // slot 0 is never handed out
+    std::vector<uint32_t> m_FreeSlots;
+    std::unordered_map<CBrxFile *, std::unique_ptr<CBrxFile>> m_Files;
+};
+
+CBrixState &State();
+
+// Finds the object of a handle with the expected kind; null when the handle is unknown, released
+// or of another kind.
+const CHandleEntry *LookupKind(BrxHandle handle, Kind kind);
+
+} // namespace brix

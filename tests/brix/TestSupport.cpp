@@ -1,0 +1,203 @@
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <unistd.h>
+
+namespace brixtest {
+
+TempDir::TempDir() {
+    const char *base = std::getenv("TMPDIR");
+    std::string templ = std::string(base && *base ? base : "/tmp") + "/brix-test-XXXXXX";
+    std::vector<char> buf(templ.begin(), templ.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()))
+        m_Path = buf.data();
+}
+
+TempDir::~TempDir() {
+    if (!m_Path.empty())
+        RunCommand("rm -rf '" + m_Path + "'");
+}
+
+CommandResult RunCommand(const std::string &command) {
+    CommandResult result;
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    if (!pipe)
+        return result;
+    std::array<char, 4096> chunk;
+    size_t n;
+    while ((n = fread(chunk.data(), 1, chunk.size(), pipe)) > 0)
+        result.output.append(chunk.data(), n);
+    int status = pclose(pipe);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+bool ToolAvailable(const std::string &tool) {
+    return RunCommand("command -v " + tool + " >/dev/null").exitCode == 0;
+}
+
+std::vector<uint8_t> ReadFileBytes(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+
+void WriteFileBytes(const std::string &path, const std::vector<uint8_t> &bytes) {
+    std::ofstream out(path, std::ios::binary);
+    out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
+}
+
+std::vector<std::string> ComplaintLines(const std::string &text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::string lower = line;
+        std::transform(lower.begin(), lower.end(), lower.begin(),
+                       [](unsigned char c) { return char(std::tolower(c)); });
+        if (lower.find("warning") != std::string::npos || lower.find("error") != std::string::npos)
+            lines.push_back(line);
+    }
+    return lines;
+}
+
+BrxHandle AddSection(BrxHandle file, const char *name, uint16_t flags, uint32_t alignment,
+                     uint32_t kind) {
+    BrxAttr attrs[] = {{BRX_KEY_NAME, name},
+                       {BRX_KEY_SECTION_FLAGS, &flags},
+                       {BRX_KEY_SECTION_ALIGNMENT, &alignment},
+                       {BRX_KEY_SECTION_KIND, &kind}};
+    BrxHandle section = 0;
+    EXPECT_EQ(_brx_create_object(file, 0, BRX_KIND_SECTION, 4, attrs, &section, 0), 0) << name;
+    return section;
+}
+
+BrxHandle AddSymbol(BrxHandle file, const char *name, uint32_t binding, uint32_t type,
+                    BrxHandle section, uint64_t offset) {
+    uint32_t storage = 0;
+    BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name},        {BRX_KEY_SYMBOL_STORAGE, &storage},
+                       {BRX_KEY_SYMBOL_BINDING, &binding}, {BRX_KEY_SYMBOL_TYPE, &type},
+                       {BRX_KEY_SYMBOL_SECTION, &section}, {BRX_KEY_SYMBOL_OFFSET, &offset}};
+    BrxHandle symbol = 0;
+    EXPECT_EQ(_brx_create_object(SymbolTable(file), 0, BRX_KIND_SYMBOL, 6, attrs, &symbol, 0), 0)
+        << name;
+    return symbol;
+}
+
+BrxHandle AddRelocation(BrxHandle section, uint32_t type, BrxHandle target, uint64_t offset,
+                        int64_t addend) {
+    BrxAttr attrs[] = {{BRX_KEY_RELOC_TYPE, &type},
+                       {BRX_KEY_RELOC_TARGET, &target},
+                       {BRX_KEY_RELOC_OFFSET, &offset},
+                       {BRX_KEY_RELOC_ADDEND, &addend}};
+    BrxHandle reloc = 0;
+    EXPECT_EQ(_brx_create_object(section, 0, BRX_KIND_RELOCATION, 4, attrs, &reloc, 0), 0);
+    return reloc;
+}
+
+void AppendBytes(BrxHandle section, const std::vector<uint8_t> &bytes) {
+    BrxBytes rec{bytes.size(), U64(section, BRX_KEY_SECTION_SIZE),
+                 const_cast<uint8_t *>(bytes.data())};
+    EXPECT_EQ(_brx_set_value(section, BRX_KEY_SECTION_DATA, &rec, 0), 0);
+    EXPECT_EQ(rec.count, bytes.size());
+}
+
+BrxHandle SymbolTable(BrxHandle file) {
+    BrxFind find{BRX_FIRST, BRX_KIND_SYMBOL_TABLE, BRX_ANY, nullptr};
+    BrxHandle table = 0;
+    EXPECT_EQ(_brx_get_keyed(file, BRX_KEY_FIND, &find, &table, 0), 0);
+    return table;
+}
+
+BrxHandle FindSection(BrxHandle file, const char *name) {
+    BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_KEY_NAME, name};
+    BrxHandle section = 0;
+    if (_brx_get_keyed(file, BRX_KEY_FIND, &find, &section, 0) != 0)
+        return 0;
+    return section;
+}
+
+static std::string QueryName(BrxHandle object, uint32_t key) {
+    // The documented protocol: start with 256 bytes and double while the buffer is too small.
+    std::vector<char> buf(256);
+    for (;;) {
+        uint32_t capacity = uint32_t(buf.size());
+        int32_t r = _brx_get_keyed(object, key, &capacity, buf.data(), 0);
+        if (r == BRX_ERR_BUFFER_TOO_SMALL) {
+            buf.resize(buf.size() * 2);
+            continue;
+        }
+        EXPECT_EQ(r, 0);
+        return r == 0 ? std::string(buf.data()) : std::string();
+    }
+}
+
+std::string SectionName(BrxHandle section) {
+    return QueryName(section, BRX_KEY_NAME);
+}
+std::string SymbolName(BrxHandle symbol) {
+    return QueryName(symbol, BRX_KEY_SYMBOL_NAME);
+}
+
+std::vector<uint8_t> SectionBytes(BrxHandle section) {
+    std::vector<uint8_t> bytes(U64(section, BRX_KEY_SECTION_SIZE));
+    BrxBytes rec{bytes.size(), 0, bytes.data()};
+    EXPECT_EQ(_brx_get_keyed(section, BRX_KEY_SECTION_DATA, nullptr, &rec, 0), 0);
+    EXPECT_EQ(rec.count, bytes.size());
+    return bytes;
+}
+
+std::vector<BrxHandle> Sections(BrxHandle file) {
+    std::vector<BrxHandle> out;
+    BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_ANY, nullptr};
+    BrxHandle h = 0;
+    while (_brx_get_keyed(file, BRX_KEY_FIND, &find, &h, 0) == 0) {
+        out.push_back(h);
+        find.after = h;
+    }
+    return out;
+}
+
+std::vector<BrxHandle> Symbols(BrxHandle file) {
+    std::vector<BrxHandle> out;
+    BrxFindSymbol find{BRX_FIRST, BRX_ANY, nullptr};
+    BrxHandle table = SymbolTable(file), h = 0;
+    while (_brx_get_keyed(table, BRX_KEY_FIND_SYMBOL, &find, &h, 0) == 0) {
+        out.push_back(h);
+        find.after = h;
+    }
+    return out;
+}
+
+std::vector<BrxHandle> Relocations(BrxHandle section) {
+    std::vector<BrxHandle> out;
+    BrxHandle previous = BRX_FIRST, h = 0;
+    while (_brx_get_keyed(section, BRX_KEY_NEXT_RELOCATION, &previous, &h, 0) == 0) {
+        out.push_back(h);
+        previous = h;
+    }
+    return out;
+}
+
+uint32_t U32(BrxHandle object, uint32_t key) {
+    uint32_t v = 0;
+    EXPECT_EQ(_brx_get_keyed(object, key, nullptr, &v, 0), 0) << "key " << key;
+    return v;
+}
+
+uint64_t U64(BrxHandle object, uint32_t key) {
+    uint64_t v = 0;
+    EXPECT_EQ(_brx_get_keyed(object, key, nullptr, &v, 0), 0) << "key " << key;
+    return v;
+}
+
+} // namespace brixtest

@@ -1,0 +1,62 @@
+// Helpers shared by the brix tests: a temporary directory, running a command and capturing its
+// output, and building objects through the keyed interface.
+#pragma once
+
+#include "brix/brix.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace brixtest {
+
+// A fresh directory, removed with its contents when the object goes.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir &) = delete;
+    TempDir &operator=(const TempDir &) = delete;
+    const std::string &Path() const { return m_Path; }
+    std::string File(const std::string &name) const { return m_Path + "/" + name; }
+
+private:
+    std::string m_Path;
+};
+
+struct CommandResult {
+    int exitCode = -1;
+    std::string output; // standard output and standard error together
+};
+
+// Runs a shell command; its output is captured.
+CommandResult RunCommand(const std::string &command);
+bool ToolAvailable(const std::string &tool);
+
+std::vector<uint8_t> ReadFileBytes(const std::string &path);
+void WriteFileBytes(const std::string &path, const std::vector<uint8_t> &bytes);
+
+// Lines of text that mention a warning or an error, in any letter case.
+std::vector<std::string> ComplaintLines(const std::string &text);
+
+// Thin wrappers over the keyed interface for the tests.
+BrxHandle AddSection(BrxHandle file, const char *name, uint16_t flags, uint32_t alignment = 4,
+                     uint32_t kind = 0);
+BrxHandle AddSymbol(BrxHandle file, const char *name, uint32_t binding, uint32_t type,
+                    BrxHandle section, uint64_t offset);
+BrxHandle AddRelocation(BrxHandle section, uint32_t type, BrxHandle target, uint64_t offset,
+                        int64_t addend = 0);
+void AppendBytes(BrxHandle section, const std::vector<uint8_t> &bytes);
+
+BrxHandle SymbolTable(BrxHandle file);
+BrxHandle FindSection(BrxHandle file, const char *name);
+std::string SectionName(BrxHandle section);
+std::string SymbolName(BrxHandle symbol);
+std::vector<uint8_t> SectionBytes(BrxHandle section);
+std::vector<BrxHandle> Sections(BrxHandle file);
+std::vector<BrxHandle> Symbols(BrxHandle file);
+std::vector<BrxHandle> Relocations(BrxHandle section);
+uint32_t U32(BrxHandle object, uint32_t key);
+uint64_t U64(BrxHandle object, uint32_t key);
+
+} // namespace brixtest
