@@ -33,3 +33,14 @@ install: all
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD)
+
+# The benchmarks, in a Release build of their own.
+BENCH_BUILD ?= build-bench
+.PHONY: bench
+bench:
+	cmake -S . -B $(BENCH_BUILD) -G Ninja -DQUILLET_BENCH=ON -DQUILLET_TESTS=OFF -DCMAKE_BUILD_TYPE=Release $(CMAKE_FLAGS)
+	cmake --build $(BENCH_BUILD) -j $(JOBS)
+	$(BENCH_BUILD)/bench/bench_emit
+	for program in $(BENCH_BUILD)/bench/retrieval/bench_*; do \
+	  if [ -x "$$program" ]; then "$$program" || exit 1; fi; \
+	done
