@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -72,6 +73,9 @@ struct LibraryState {
     // The string and checksum tables of the CodeView emission in progress (owned by the driver,
     // null outside it).
     CCodeViewTables *codeViewTables = nullptr;
+
+    // Procedures made by Dbg_create_object that no procedure scope has taken yet.
+    std::unordered_map<const void *, std::unique_ptr<CBaseLangObject>> unattachedProcedures;
 
     // Handles that the library handed out and has not released. Unknown handles are refused.
     std::unordered_set<const void *> liveScopes;

@@ -15,7 +15,7 @@ class CScopeNode;
 
 class CBaseLangObject {
 public:
-    CBaseLangObject() = default;
+    CBaseLangObject();
     CBaseLangObject(const CBaseLangObject &other);
     CBaseLangObject &operator=(const CBaseLangObject &) = delete;
     virtual ~CBaseLangObject();

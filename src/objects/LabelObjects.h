@@ -9,6 +9,7 @@
 #include <string>
 
 class CBaseDebugType;
+class CDebugBasicType;
 
 class CCodeLabelObject : public CBaseLangObject {
 public:
@@ -50,4 +51,5 @@ public:
 private:
     std::string m_Name;
     bool m_bNamePrepared = false;
+    CDebugBasicType *m_pReferenced = nullptr; // the type entry whose referrers hold m_nTypeRef
 };

@@ -14,8 +14,16 @@ namespace quillet {
 
 class ByteWriter {
 public:
-    // Writes into a buffer of exactly `length` bytes, owned by the writer.
-    explicit ByteWriter(size_t length) : m_Buffer(length), m_Size(0) {}
+    // Writes into a buffer of exactly `length` bytes, owned by the writer. Records that fit the
+    // writer's inline storage (most of them) cost no heap allocation.
+    explicit ByteWriter(size_t length) : m_Length(length), m_Size(0) {
+        if (length > sizeof(m_Inline)) {
+            m_Heap.resize(length);
+            m_Data = m_Heap.data();
+        }
+    }
+    ByteWriter(const ByteWriter &) = delete;
+    ByteWriter &operator=(const ByteWriter &) = delete;
 
     void U8(uint8_t v) { Put(&v, 1); }
     void U16(uint16_t v) { uint8_t b[2] = {uint8_t(v), uint8_t(v >> 8)}; Put(b, 2); }
@@ -53,23 +61,26 @@ public:
     void Bytes(const void *data, size_t n) { Put(static_cast<const uint8_t *>(data), n); }
 
     size_t Size() const { return m_Size; }
-    const uint8_t *Data() const { return m_Buffer.data(); }
+    const uint8_t *Data() const { return m_Data; }
     // True when the bytes produced are exactly the computed length (reported otherwise).
-    bool Finish() const { return QCHECK(m_Size == m_Buffer.size()) && !m_Overflow; }
+    bool Finish() const { return QCHECK(m_Size == m_Length) && !m_Overflow; }
 
 private:
     void Put(const uint8_t *p, size_t n) {
-        if (m_Size + n > m_Buffer.size()) {
+        if (m_Size + n > m_Length) {
             m_Overflow = true;
-            QCHECK(m_Size + n <= m_Buffer.size());
+            QCHECK(m_Size + n <= m_Length);
             return;
         }
         if (n)
-            std::memcpy(m_Buffer.data() + m_Size, p, n);
+            std::memcpy(m_Data + m_Size, p, n);
         m_Size += n;
     }
 
-    std::vector<uint8_t> m_Buffer;
+    uint8_t m_Inline[256];
+    std::vector<uint8_t> m_Heap;
+    uint8_t *m_Data = m_Inline;
+    size_t m_Length;
     size_t m_Size;
     bool m_Overflow = false;
 };

@@ -7,6 +7,7 @@
 #include "scopes/ScopeNode.h"
 
 #include <memory>
+#include <vector>
 
 class CProcScope : public CScopeNode {
 public:
@@ -32,6 +33,6 @@ public:
 
 private:
     std::unique_ptr<CProcObject> m_pProc;
-    // The main-symbol label taken out of the object list at layout; released with the scope.
-    std::unique_ptr<CBaseLangObject> m_pFoldedLabel;
+    // Main-symbol labels taken out of the object list at layout; released with the scope.
+    std::vector<std::unique_ptr<CBaseLangObject>> m_FoldedLabels;
 };

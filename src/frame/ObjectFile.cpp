@@ -1,0 +1,158 @@
+#include "frame/ObjectFile.h"
+
+#include "frame/LibraryState.h"
+#include "platform/Check.h"
+
+#include <vector>
+
+namespace objfile {
+
+namespace {
+CError Result(int32_t status) { return status == BRX_OK ? kOk : kFailed; }
+} // namespace
+
+CError Bind(BrxHandle file, CObjectFile &binding) {
+    BrxFind find{BRX_FIRST, BRX_KIND_SYMBOL_TABLE, BRX_ANY, nullptr};
+    BrxHandle table = 0;
+    CError found = Result(_brx_get_keyed(file, BRX_KEY_FIND, &find, &table, 0));
+    QCHECK(found == CError::BOOL_STATUS_OK);
+    int32_t format = 0;
+    CError queried = QueryFormat(file, format);
+    QCHECK(queried == CError::BOOL_STATUS_OK);
+    binding.file = file;
+    binding.symbolTable = found.Ok() ? table : 0;
+    binding.format = queried.Ok() ? format : 0;
+    return found.Ok() && queried.Ok() ? kOk : kFailed;
+}
+
+CError QueryFormat(BrxHandle file, int32_t &format) {
+    uint32_t value = 0;
+    if (_brx_get_keyed(file, BRX_KEY_FORMAT, nullptr, &value, 0) != BRX_OK)
+        return kFailed;
+    format = int32_t(value);
+    return kOk;
+}
+
+// Names are fetched into a 256-byte buffer that is doubled while the library finds it small.
+CError SymbolName(BrxHandle symbol, std::string &name) {
+    char small[256];
+    uint32_t capacity = sizeof(small);
+    int32_t status = _brx_get_keyed(symbol, BRX_KEY_SYMBOL_NAME, &capacity, small, 0);
+    if (status == BRX_OK) {
+        name.assign(small);
+        return kOk;
+    }
+    std::vector<char> buffer;
+    while (status == BRX_ERR_BUFFER_TOO_SMALL && capacity < (1u << 30)) {
+        capacity *= 2;
+        buffer.resize(capacity);
+        status = _brx_get_keyed(symbol, BRX_KEY_SYMBOL_NAME, &capacity, buffer.data(), 0);
+    }
+    if (status != BRX_OK)
+        return kFailed;
+    name.assign(buffer.data());
+    return kOk;
+}
+
+CError SymbolBinding(BrxHandle symbol, uint32_t &binding) {
+    return Result(_brx_get_keyed(symbol, BRX_KEY_SYMBOL_BINDING, nullptr, &binding, 0));
+}
+
+CError SymbolOffset(BrxHandle symbol, uint64_t &offset) {
+    return Result(_brx_get_keyed(symbol, BRX_KEY_SYMBOL_OFFSET, nullptr, &offset, 0));
+}
+
+CError SymbolSection(BrxHandle symbol, BrxHandle &section) {
+    return Result(_brx_get_keyed(symbol, BRX_KEY_SYMBOL_SECTION, nullptr, &section, 0));
+}
+
+CError SectionSize(BrxHandle section, uint64_t &size) {
+    return Result(_brx_get_keyed(section, BRX_KEY_SECTION_SIZE, nullptr, &size, 0));
+}
+
+CError SectionFlags(BrxHandle section, uint16_t &flags) {
+    return Result(_brx_get_keyed(section, BRX_KEY_SECTION_FLAGS, nullptr, &flags, 0));
+}
+
+CError SectionComdat(BrxHandle section, BrxComdat &comdat) {
+    return Result(_brx_get_keyed(section, BRX_KEY_COMDAT, nullptr, &comdat, 0));
+}
+
+CError FindSection(BrxHandle file, const std::string &name, BrxHandle &section) {
+    BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_KEY_NAME, name.c_str()};
+    return Result(_brx_get_keyed(file, BRX_KEY_FIND, &find, &section, 0));
+}
+
+CError CreateSection(BrxHandle file, int32_t format, const std::string &name, uint16_t flags,
+                     uint32_t alignment, uint32_t kindAttribute, BrxHandle &section) {
+    BrxAttr attrs[] = {{BRX_KEY_NAME, name.c_str()},
+                       {BRX_KEY_SECTION_FLAGS, &flags},
+                       {BRX_KEY_SECTION_ALIGNMENT, &alignment},
+                       {BRX_KEY_SECTION_KIND, &kindAttribute}};
+    BrxHandle created = 0;
+    if (_brx_create_object(file, format, BRX_KIND_SECTION, 4, attrs, &created, 0) != BRX_OK ||
+        created == 0)
+        return kFailed;
+    section = created;
+    return kOk;
+}
+
+CError CreateSymbol(const std::string &name, uint32_t type, BrxHandle section, uint64_t offset,
+                    BrxHandle &symbol) {
+    const CObjectFile &binding = State().binding;
+    uint32_t storage = 0;
+    uint32_t bindingLocal = BRX_BINDING_LOCAL;
+    BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name.c_str()},
+                       {BRX_KEY_SYMBOL_STORAGE, &storage},
+                       {BRX_KEY_SYMBOL_BINDING, &bindingLocal},
+                       {BRX_KEY_SYMBOL_TYPE, &type},
+                       {BRX_KEY_SYMBOL_SECTION, &section},
+                       {BRX_KEY_SYMBOL_OFFSET, &offset}};
+    BrxHandle created = 0;
+    if (_brx_create_object(binding.symbolTable, binding.format, BRX_KIND_SYMBOL, 6, attrs,
+                           &created, 0) != BRX_OK ||
+        created == 0)
+        return kFailed;
+    symbol = created;
+    return kOk;
+}
+
+CError CreateRelocation(BrxHandle section, int32_t format, uint32_t type, uint64_t offset,
+                        BrxHandle target) {
+    BrxAttr attrs[] = {{BRX_KEY_RELOC_TYPE, &type},
+                       {BRX_KEY_RELOC_OFFSET, &offset},
+                       {BRX_KEY_RELOC_TARGET, &target}};
+    BrxHandle created = 0;
+    return Result(
+        _brx_create_object(section, format, BRX_KIND_RELOCATION, 3, attrs,
+                           &created, 0));
+}
+
+CError WriteBytes(BrxHandle section, uint64_t offset, const void *data, uint64_t count,
+                  uint64_t &written) {
+    BrxBytes bytes{count, offset, const_cast<void *>(data)};
+    if (_brx_set_value(section, BRX_KEY_SECTION_DATA, &bytes, 0) != BRX_OK)
+        return kFailed;
+    written = bytes.count;
+    return kOk;
+}
+
+CError ReadBytes(BrxHandle section, uint64_t offset, void *data, uint64_t count,
+                 uint64_t &read) {
+    BrxBytes bytes{count, offset, data};
+    if (_brx_get_keyed(section, BRX_KEY_SECTION_DATA, nullptr, &bytes, 0) != BRX_OK)
+        return kFailed;
+    read = bytes.count;
+    return kOk;
+}
+
+CError FilePath(BrxHandle file, std::u16string &path) {
+    char16_t buffer[257] = {};
+    uint32_t capacity = 512;
+    if (_wcbrx_get_keyed(file, BRX_KEY_PATH, &capacity, buffer, 0) != BRX_OK)
+        return kFailed;
+    path.assign(buffer);
+    return kOk;
+}
+
+} // namespace objfile

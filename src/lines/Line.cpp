@@ -1,0 +1,30 @@
+// Registering source files and recording line entries.
+#include "frame/LibraryState.h"
+#include "platform/Check.h"
+#include "platform/Text.h"
+#include "scopes/ScopeNode.h"
+
+#include "quillet/quillet.h"
+
+extern "C" QUILLET_API DbgStatus DbgLine_create_source(const char16_t *source_file_name,
+                                                       DbgSource *out_source) {
+    QCHECK(source_file_name != NULL);
+    CSourceCell *cell = State().sourceFiles.Create(quillet::WideCopy(source_file_name));
+    if (out_source)
+        *out_source = reinterpret_cast<DbgSource>(cell);
+    return DBG_ERR_NONE;
+}
+
+extern "C" QUILLET_API DbgStatus Dbg_create_line(DbgScope scope, const DbgLineDesc *desc) {
+    LibraryState &state = State();
+    CScopeNode *target = scope ? reinterpret_cast<CScopeNode *>(scope) : state.currentScope;
+    if (!target || !state.liveScopes.count(target))
+        return DBG_ERR_NO_CURRENT_SCOPE;
+    if (!QCHECK(desc != NULL))
+        return DBG_ERR_LINE_REJECTED;
+    if (target->CreateLineEntry(desc->line, desc->column, desc->base_low, desc->base_high,
+                                desc->offset, desc->source)
+            .Failed())
+        return DBG_ERR_LINE_REJECTED;
+    return DBG_ERR_NONE;
+}

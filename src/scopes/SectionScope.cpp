@@ -1,0 +1,86 @@
+#include "scopes/SectionScope.h"
+
+#include "codeview/CodeViewEmit.h"
+#include "frame/BinarySection.h"
+#include "frame/LibraryState.h"
+#include "frame/ObjectFile.h"
+
+#include "quillet/quillet.h"
+
+#include <algorithm>
+
+CSectionScope::CSectionScope(BrxHandle section) : m_hSection(section) {
+    uint16_t flags = 0;
+    // A section whose flags cannot be read counts as not holding code.
+    if (objfile::SectionFlags(section, flags).Ok())
+        m_bCode = (flags & BRX_SECTION_CODE) != 0;
+}
+
+CError CSectionScope::AddChildScope(CScopeNode *scope) {
+    if (scope->GetKind() != SCOPE_PROCEDURE)
+        return kFailed;
+    AttachChild(scope);
+    return kOk;
+}
+
+uint32_t CSectionScope::LayoutDwarf() {
+    (void)LayoutChildrenAndObjects();
+    return DBG_ERR_NONE;
+}
+
+uint32_t CSectionScope::BeginCodeViewScope(CBinarySection *&symbols, CBinarySection *types) {
+    return SectionBeginCodeView(*this, symbols, types);
+}
+
+uint32_t CSectionScope::EmitCodeViewLines(CBinarySection *&symbols) {
+    return SectionEmitCodeViewLines(*this, symbols);
+}
+
+namespace {
+struct SortedRow {
+    uint64_t address;
+    const CLineEntry *entry;
+};
+} // namespace
+
+// The section's own entries and those of its procedures are written as one sequence, ordered by
+// address. They are ordered through a list of references, so no entry is copied.
+uint32_t CSectionScope::EmitDwarfLines(CBinarySection &line) {
+    size_t total = m_Lines.size();
+    for (const auto &child : m_Children)
+        total += child->Lines().size();
+    if (total == 0)
+        return DBG_ERR_NONE;
+    std::vector<SortedRow> rows;
+    rows.reserve(total);
+    for (const CLineEntry &entry : m_Lines)
+        rows.push_back({entry.Address(), &entry});
+    for (const auto &child : m_Children)
+        for (const CLineEntry &entry : child->Lines())
+            rows.push_back({entry.Address(), &entry});
+    auto byAddress = [](const SortedRow &a, const SortedRow &b) { return a.address < b.address; };
+    if (!std::is_sorted(rows.begin(), rows.end(), byAddress))
+        std::stable_sort(rows.begin(), rows.end(), byAddress);
+
+    LibraryState &state = State();
+    CLineRowWriter writer(state.lineState, state.AddressWidth());
+    // A row that fails (the process decodes line programs) is dropped; the others still go.
+    for (const SortedRow &row : rows)
+        (void)writer.AddRow(m_hSection, *row.entry);
+    m_bWroteRows = !writer.Bytes().empty();
+    (void)writer.Flush(line);
+    return DBG_ERR_NONE;
+}
+
+// Code sections end their sequence whether or not they wrote rows; any other section that wrote
+// rows ends its own, so rows of different sections never share a sequence.
+uint32_t CSectionScope::EndDwarfScope(CBinarySection &, CBinarySection &, CBinarySection &line) {
+    if (!m_bCode && !m_bWroteRows)
+        return DBG_ERR_NONE;
+    LibraryState &state = State();
+    CLineRowWriter writer(state.lineState, state.AddressWidth());
+    writer.EndSequence();
+    (void)writer.Flush(line);
+    m_bWroteRows = false;
+    return DBG_ERR_NONE;
+}
