@@ -1,9 +1,696 @@
 #include "lines/Retrieve.h"
 
+#include "dwarf/AbbrevSection.h"
+#include "dwarf/InfoSection.h"
+
+#include <algorithm>
+#include <cstring>
 #include <new>
 
-CBaseRetrieve::~CBaseRetrieve() = default;
+using namespace quillet;
+
+namespace {
+
+// Rows per fence step: a lookup bisects the fence, then one block of this many rows.
+constexpr uint32_t kFenceStep = 32;
+// The row table is reserved up front for as many rows as the program has bytes (no row takes
+// less than one byte), so it never reallocates while decoding; pages that stay unused are never
+// touched. Past this many rows it grows as usual.
+constexpr uint64_t kMaxRowReservation = uint64_t(1) << 26;
+constexpr uint64_t kMinLineSectionSize = 32;
+constexpr uint32_t kFirstNameCapacity = 256;
+constexpr uint32_t kRetrieveLanguage = 1;
+constexpr uint32_t kRetrieveMachine = 1;
+constexpr uint32_t kInstInfoNameUnits = 257;
+
+bool Query(BrxHandle object, uint32_t key, const void *input, void *output) {
+    return _brx_get_keyed(object, key, input, output, 0) == BRX_OK;
+}
+
+// Reads a named section whole; false when it is missing or cannot be read.
+bool ReadSection(BrxHandle file, const char *name, std::vector<uint8_t> &bytes,
+                 BrxHandle *sectionOut = nullptr) {
+    BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_KEY_NAME, name};
+    BrxHandle section = 0;
+    uint64_t size = 0;
+    if (!Query(file, BRX_KEY_FIND, &find, &section) ||
+        !Query(section, BRX_KEY_SECTION_SIZE, nullptr, &size))
+        return false;
+    bytes.resize(static_cast<size_t>(size));
+    if (size != 0) {
+        BrxBytes request{size, 0, bytes.data()};
+        if (!Query(section, BRX_KEY_SECTION_DATA, &request, &request) || request.count != size)
+            return false;
+    }
+    if (sectionOut)
+        *sectionOut = section;
+    return true;
+}
+
+bool SymbolName(BrxHandle symbol, std::string &name) {
+    std::vector<char> buffer(kFirstNameCapacity);
+    for (;;) {
+        uint32_t capacity = static_cast<uint32_t>(buffer.size());
+        int32_t result = _brx_get_keyed(symbol, BRX_KEY_SYMBOL_NAME, &capacity, buffer.data(), 0);
+        if (result == BRX_ERR_BUFFER_TOO_SMALL && buffer.size() < (1u << 24)) {
+            buffer.resize(buffer.size() * 2);
+            continue;
+        }
+        if (result != BRX_OK)
+            return false;
+        name.assign(buffer.data(), strnlen(buffer.data(), buffer.size()));
+        return true;
+    }
+}
+
+char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// Places the sequences of a relocatable object: the relocation at a sequence's DW_LNE_set_address
+// operand names its section; the addend and the symbol's offset in its section move the sequence
+// to where it starts inside that section.
+class CRelocationPlacer : public CSequencePlacer {
+public:
+    // Reads the relocations of .debug_line once; false when the object-file library fails.
+    bool Build(BrxHandle lineSection) {
+        BrxHandle relocation = BRX_FIRST;
+        for (;;) {
+            BrxHandle previous = relocation;
+            int32_t result = _brx_get_keyed(lineSection, BRX_KEY_NEXT_RELOCATION, &previous,
+                                            &relocation, 0);
+            if (result == BRX_ERR_NO_MORE)
+                break;
+            if (result != BRX_OK)
+                return false;
+            Entry entry{};
+            BrxHandle target = 0;
+            if (!Query(relocation, BRX_KEY_RELOC_OFFSET, nullptr, &entry.m_nOffset) ||
+                !Query(relocation, BRX_KEY_RELOC_TARGET, nullptr, &target))
+                return false;
+            int64_t addend = 0;
+            if (!Query(relocation, BRX_KEY_RELOC_ADDEND, nullptr, &addend))
+                addend = 0;
+            uint64_t size = 0;
+            int32_t sizeResult = _brx_get_keyed(target, BRX_KEY_SECTION_SIZE, nullptr, &size, 0);
+            uint64_t symbolOffset = 0;
+            if (sizeResult == BRX_OK) {
+                entry.m_Section = target;
+            } else if (sizeResult == BRX_ERR_NOT_A_SECTION) {
+                // A symbol: its section and its place in it.
+                if (!Query(target, BRX_KEY_SYMBOL_SECTION, nullptr, &entry.m_Section) ||
+                    !Query(target, BRX_KEY_SYMBOL_OFFSET, nullptr, &symbolOffset))
+                    return false;
+            } else {
+                return false;
+            }
+            entry.m_nBias = addend + static_cast<int64_t>(symbolOffset);
+            m_Entries.push_back(entry);
+        }
+        auto byOffset = [](const Entry &a, const Entry &b) { return a.m_nOffset < b.m_nOffset; };
+        if (!std::is_sorted(m_Entries.begin(), m_Entries.end(), byOffset))
+            std::sort(m_Entries.begin(), m_Entries.end(), byOffset);
+        return true;
+    }
+
+    CError Place(uint64_t operandOffset, uint64_t, BrxHandle &section, int64_t &bias) override {
+        auto it = std::lower_bound(
+            m_Entries.begin(), m_Entries.end(), operandOffset,
+            [](const Entry &entry, uint64_t offset) { return entry.m_nOffset < offset; });
+        if (it == m_Entries.end() || it->m_nOffset != operandOffset || it->m_Section == 0)
+            return kFailed;
+        section = it->m_Section;
+        bias = it->m_nBias;
+        return kOk;
+    }
+
+private:
+    struct Entry {
+        uint64_t m_nOffset;
+        BrxHandle m_Section;
+        int64_t m_nBias;
+    };
+    std::vector<Entry> m_Entries;
+};
+
+// Places the sequences of a linked object by address: the section whose address range holds the
+// sequence's first row; addresses become offsets in that section.
+class CAddressPlacer : public CSequencePlacer {
+public:
+    bool Build(BrxHandle file) {
+        BrxHandle section = BRX_FIRST;
+        for (;;) {
+            BrxFind find{section, BRX_KIND_SECTION, BRX_ANY, nullptr};
+            int32_t result = _brx_get_keyed(file, BRX_KEY_FIND, &find, &section, 0);
+            if (result == BRX_ERR_NO_MORE)
+                break;
+            if (result != BRX_OK)
+                return false;
+            Range range{0, 0, section};
+            if (!Query(section, BRX_KEY_SECTION_ADDRESS, nullptr, &range.m_nAddress) ||
+                !Query(section, BRX_KEY_SECTION_SIZE, nullptr, &range.m_nSize))
+                return false;
+            // Sections that are not loaded have no address and hold no code.
+            if (range.m_nAddress != 0 && range.m_nSize != 0)
+                m_Ranges.push_back(range);
+        }
+        std::stable_sort(m_Ranges.begin(), m_Ranges.end(), [](const Range &a, const Range &b) {
+            return a.m_nAddress < b.m_nAddress;
+        });
+        return true;
+    }
+
+    CError Place(uint64_t, uint64_t rowAddress, BrxHandle &section, int64_t &bias) override {
+        auto it = std::upper_bound(
+            m_Ranges.begin(), m_Ranges.end(), rowAddress,
+            [](uint64_t address, const Range &range) { return address < range.m_nAddress; });
+        if (it == m_Ranges.begin())
+            return kFailed;
+        --it;
+        if (rowAddress - it->m_nAddress >= it->m_nSize)
+            return kFailed;
+        section = it->m_Section;
+        bias = -static_cast<int64_t>(it->m_nAddress);
+        return kOk;
+    }
+
+private:
+    struct Range {
+        uint64_t m_nAddress;
+        uint64_t m_nSize;
+        BrxHandle m_Section;
+    };
+    std::vector<Range> m_Ranges;
+};
+
+bool KeyLess(const CSourceIndexRecord &a, int32_t file, uint32_t line, uint32_t column) {
+    if (a.m_nFile != file)
+        return a.m_nFile < file;
+    if (a.m_nLine != line)
+        return a.m_nLine < line;
+    return a.m_nColumn < column;
+}
+
+bool KeyEqual(const CSourceIndexRecord &a, int32_t file, uint32_t line, uint32_t column) {
+    return a.m_nFile == file && a.m_nLine == line && a.m_nColumn == column;
+}
+
+} // namespace
+
+CBaseRetrieve::CBaseRetrieve() = default;
+
+CBaseRetrieve::~CBaseRetrieve() {
+    if (m_bOwnsObject && m_hObject != 0)
+        _brx_close_file(m_hObject);
+}
 
 std::unique_ptr<CBaseRetrieve> CreateRetrieve() {
     return std::unique_ptr<CBaseRetrieve>(new (std::nothrow) CBaseRetrieve());
+}
+
+uint32_t CBaseRetrieve::BindObject(BrxHandle object) {
+    int32_t format = 0;
+    uint32_t kind = 0, machine = 0;
+    if (object == 0 || !Query(object, BRX_KEY_FORMAT, nullptr, &format) ||
+        !Query(object, BRX_KEY_OBJECT_KIND, nullptr, &kind) ||
+        !Query(object, BRX_KEY_MACHINE, nullptr, &machine))
+        return DBG_ERR_OBJECT_FILE;
+    if (m_hObject != 0 && m_hObject != object)
+        return DBG_ERR_ALREADY_OPEN;
+    m_hObject = object;
+    m_nFormat = format;
+    m_nObjectKind = kind;
+    m_nMachine = machine;
+    return DBG_ERR_NONE;
+}
+
+uint32_t CBaseRetrieve::LoadByFormat() {
+    // A failed load leaves the object bound and is not tried again.
+    m_bLoaded = true;
+    switch (m_nFormat) {
+    case BRX_FORMAT_ELF32:
+    case BRX_FORMAT_ELF64:
+        return LoadElfLines();
+    case BRX_FORMAT_COFF:
+        return LoadCoffLines();
+    default:
+        return DBG_ERR_UNSUPPORTED_FORMAT;
+    }
+}
+
+uint32_t CBaseRetrieve::LoadElfLines() {
+    BrxHandle lineSection = 0;
+    if (!ReadSection(m_hObject, ".debug_abbrev", m_AbbrevBytes) ||
+        !ReadSection(m_hObject, ".debug_info", m_InfoBytes) ||
+        !ReadSection(m_hObject, ".debug_line", m_LineBytes, &lineSection))
+        return DBG_ERR_OBJECT_FILE;
+    // Names in .debug_str are optional: this library's own units keep them inline.
+    if (!ReadSection(m_hObject, ".debug_str", m_StrBytes))
+        m_StrBytes.clear();
+    if (m_LineBytes.size() < kMinLineSectionSize)
+        return DBG_ERR_LINE_SECTION_TOO_SHORT;
+
+    CDwarfSections sections;
+    sections.info = m_InfoBytes.data();
+    sections.infoSize = m_InfoBytes.size();
+    sections.abbrev = m_AbbrevBytes.data();
+    sections.abbrevSize = m_AbbrevBytes.size();
+    sections.line = m_LineBytes.data();
+    sections.lineSize = m_LineBytes.size();
+    sections.str = m_StrBytes.data();
+    sections.strSize = m_StrBytes.size();
+    if (m_nObjectKind == 0) {
+        CRelocationPlacer placer;
+        if (!placer.Build(lineSection))
+            return DBG_ERR_OBJECT_FILE;
+        return LoadDwarf(sections, placer);
+    }
+    if (m_nObjectKind <= 3) {
+        CAddressPlacer placer;
+        if (!placer.Build(m_hObject))
+            return DBG_ERR_OBJECT_FILE;
+        return LoadDwarf(sections, placer);
+    }
+    return DBG_ERR_READ_FAILED;
+}
+
+uint32_t CBaseRetrieve::LoadDwarf(const CDwarfSections &sections, CSequencePlacer &placer) {
+    if (sections.lineSize < kMinLineSectionSize)
+        return DBG_ERR_LINE_SECTION_TOO_SHORT;
+    CAbbrevSection abbrev(sections.abbrev, sections.abbrevSize);
+    CInfoSection info(sections.info, sections.infoSize, abbrev, sections.str, sections.strSize);
+    CLineSection line(sections.line, sections.lineSize);
+    m_Rows.reserve(static_cast<size_t>(std::min(sections.lineSize, kMaxRowReservation)));
+
+    uint32_t status = DBG_ERR_NONE;
+    bool first = true;
+    do {
+        if (info.ParseUnit().Failed()) {
+            status = DBG_ERR_READ_FAILED;
+            break;
+        }
+        if (first) {
+            AttachModule(Utf8ToUtf16(info.Producer()), Utf8ToUtf16(info.CompilationDirectory()),
+                         Utf8ToUtf16(info.Name()));
+            first = false;
+        }
+        if (line.ReadHeader(info.StatementList(), info.CompilationDirectory(), m_Files).Failed() ||
+            line.DecodeUnit(placer, m_Files, m_Rows).Failed()) {
+            status = DBG_ERR_READ_FAILED;
+            break;
+        }
+    } while (!info.IsLastUnit());
+    // Rows placed before a failure stay.
+    FinishRows();
+    return status;
+}
+
+uint32_t CBaseRetrieve::LoadCoffLines() {
+    AttachModule(std::u16string(), std::u16string(), std::u16string());
+    uint32_t status = DBG_ERR_NONE;
+    std::unordered_map<BrxHandle, int32_t> fileOfSymbol;
+
+    BrxFind findTable{BRX_FIRST, BRX_KIND_SYMBOL_TABLE, BRX_ANY, nullptr};
+    BrxHandle table = 0;
+    if (!Query(m_hObject, BRX_KEY_FIND, &findTable, &table))
+        status = DBG_ERR_READ_FAILED;
+    const uint32_t sourceFileType = BRX_SYMBOL_SOURCE_FILE;
+    for (BrxHandle symbol = BRX_FIRST; status == DBG_ERR_NONE;) {
+        BrxFindSymbol find{symbol, BRX_KEY_SYMBOL_TYPE, &sourceFileType};
+        int32_t result = _brx_get_keyed(table, BRX_KEY_FIND_SYMBOL, &find, &symbol, 0);
+        if (result == BRX_ERR_NO_MORE)
+            break;
+        std::string name;
+        if (result != BRX_OK || !SymbolName(symbol, name)) {
+            status = DBG_ERR_READ_FAILED;
+            break;
+        }
+        fileOfSymbol.emplace(symbol, static_cast<int32_t>(m_Files.FileCount()));
+        m_Files.AddNamedFile(name, symbol);
+    }
+
+    for (BrxHandle section = BRX_FIRST; status == DBG_ERR_NONE;) {
+        BrxFind find{section, BRX_KIND_SECTION, BRX_ANY, nullptr};
+        int32_t result = _brx_get_keyed(m_hObject, BRX_KEY_FIND, &find, &section, 0);
+        if (result == BRX_ERR_NO_MORE)
+            break;
+        if (result != BRX_OK) {
+            status = DBG_ERR_READ_FAILED;
+            break;
+        }
+        for (BrxHandle block = BRX_FIRST; status == DBG_ERR_NONE;) {
+            BrxHandle previous = block;
+            result = _brx_get_keyed(section, BRX_KEY_NEXT_LINE_BLOCK, &previous, &block, 0);
+            if (result == BRX_ERR_NO_MORE)
+                break;
+            BrxHandle reference = 0, symbol = 0;
+            if (result != BRX_OK || !Query(block, BRX_KEY_LINE_BLOCK_FILE, nullptr, &reference) ||
+                !Query(reference, BRX_KEY_LINE_FILE_SYMBOL, nullptr, &symbol)) {
+                status = DBG_ERR_READ_FAILED;
+                break;
+            }
+            auto file = fileOfSymbol.find(symbol);
+            if (file == fileOfSymbol.end()) {
+                status = DBG_ERR_READ_FAILED;
+                break;
+            }
+            for (BrxHandle item = BRX_FIRST;;) {
+                BrxHandle previousItem = item;
+                result = _brx_get_keyed(block, BRX_KEY_NEXT_LINE_ITEM, &previousItem, &item, 0);
+                if (result == BRX_ERR_NO_MORE)
+                    break;
+                uint32_t line = 0;
+                uint64_t address = 0;
+                if (result != BRX_OK || !Query(item, BRX_KEY_LINE_ITEM_LINE, nullptr, &line) ||
+                    !Query(item, BRX_KEY_LINE_ITEM_ADDRESS, nullptr, &address)) {
+                    status = DBG_ERR_READ_FAILED;
+                    break;
+                }
+                // Columns of COFF line items are not kept: every row has column 1.
+                m_Rows.push_back(CLineRow{address, line, 1, file->second, section});
+            }
+        }
+    }
+    FinishRows();
+    return status;
+}
+
+void CBaseRetrieve::AttachModule(const std::u16string &, const std::u16string &,
+                                 const std::u16string &) {}
+
+CSectionRows &CBaseRetrieve::SlotOf(BrxHandle section) {
+    auto found = m_SectionSlot.find(section);
+    if (found != m_SectionSlot.end())
+        return m_SectionList[found->second];
+    m_SectionSlot.emplace(section, static_cast<uint32_t>(m_SectionList.size()));
+    CSectionRows rows;
+    rows.m_Section = section;
+    rows.m_nBegin = rows.m_nEnd = static_cast<uint32_t>(m_Rows.size());
+    rows.m_nFenceBegin = rows.m_nFenceEnd = static_cast<uint32_t>(m_Fence.size());
+    m_SectionList.push_back(rows);
+    return m_SectionList.back();
+}
+
+void CBaseRetrieve::FinishRows() {
+    // Which section each run of rows belongs to; a section met again after another one means the
+    // rows have to be regrouped.
+    std::vector<uint32_t> counts;
+    bool contiguous = true;
+    BrxHandle current = 0;
+    uint32_t currentSlot = 0;
+    for (size_t i = 0; i < m_Rows.size(); ++i) {
+        BrxHandle section = m_Rows[i].m_Section;
+        if (i == 0 || section != current) {
+            auto found = m_SectionSlot.find(section);
+            if (found == m_SectionSlot.end()) {
+                currentSlot = static_cast<uint32_t>(m_SectionList.size());
+                m_SectionSlot.emplace(section, currentSlot);
+                CSectionRows rows;
+                rows.m_Section = section;
+                rows.m_nBegin = static_cast<uint32_t>(i);
+                m_SectionList.push_back(rows);
+                counts.push_back(0);
+            } else {
+                currentSlot = found->second;
+                contiguous = false;
+            }
+            current = section;
+        }
+        ++counts[currentSlot];
+    }
+    counts.resize(m_SectionList.size(), 0);
+    if (!contiguous) {
+        // A stable counting sort by section: each section's sequences keep their order.
+        std::vector<uint32_t> next(m_SectionList.size());
+        uint32_t start = 0;
+        for (size_t s = 0; s < m_SectionList.size(); ++s) {
+            m_SectionList[s].m_nBegin = start;
+            next[s] = start;
+            start += counts[s];
+        }
+        std::vector<CLineRow> grouped(m_Rows.size());
+        for (const CLineRow &row : m_Rows)
+            grouped[next[m_SectionSlot[row.m_Section]]++] = row;
+        m_Rows.swap(grouped);
+    }
+    m_Fence.clear();
+    for (size_t s = 0; s < m_SectionList.size(); ++s) {
+        CSectionRows &rows = m_SectionList[s];
+        rows.m_nEnd = rows.m_nBegin + counts[s];
+        CLineRow *first = m_Rows.data() + rows.m_nBegin;
+        CLineRow *last = m_Rows.data() + rows.m_nEnd;
+        auto byAddress = [](const CLineRow &a, const CLineRow &b) {
+            return a.m_nAddress < b.m_nAddress;
+        };
+        if (!std::is_sorted(first, last, byAddress))
+            std::stable_sort(first, last, byAddress);
+        rows.m_nFenceBegin = static_cast<uint32_t>(m_Fence.size());
+        for (uint32_t i = rows.m_nBegin; i < rows.m_nEnd; i += kFenceStep)
+            m_Fence.push_back(m_Rows[i].m_nAddress);
+        rows.m_nFenceEnd = static_cast<uint32_t>(m_Fence.size());
+    }
+}
+
+std::pair<const CLineRow *, const CLineRow *> CBaseRetrieve::RowsOf(BrxHandle section) const {
+    auto found = m_SectionSlot.find(section);
+    if (found == m_SectionSlot.end())
+        return {nullptr, nullptr};
+    const CSectionRows &rows = m_SectionList[found->second];
+    return {m_Rows.data() + rows.m_nBegin, m_Rows.data() + rows.m_nEnd};
+}
+
+int64_t CBaseRetrieve::FindRowAtOffset(const CSectionRows &rows, uint64_t offset) const {
+    if (rows.m_nBegin == rows.m_nEnd)
+        return -1;
+    // The fence narrows the search to the rows between two fence posts: every row before post
+    // k - 1 is below the offset, and post k is at or above it.
+    const uint64_t *fenceFirst = m_Fence.data() + rows.m_nFenceBegin;
+    const uint64_t *fenceLast = m_Fence.data() + rows.m_nFenceEnd;
+    size_t k = static_cast<size_t>(std::lower_bound(fenceFirst, fenceLast, offset) - fenceFirst);
+    uint64_t lo = rows.m_nBegin + uint64_t(kFenceStep) * (k == 0 ? 0 : k - 1);
+    uint64_t hi = std::min<uint64_t>(rows.m_nBegin + uint64_t(kFenceStep) * k + 1, rows.m_nEnd);
+    const CLineRow *first = m_Rows.data() + lo;
+    const CLineRow *last = m_Rows.data() + hi;
+    const CLineRow *found =
+        std::lower_bound(first, last, offset, [](const CLineRow &row, uint64_t value) {
+            return row.m_nAddress < value;
+        });
+    if (found == last || found->m_nAddress != offset)
+        return -1;
+    return found - m_Rows.data();
+}
+
+DbgLineSectionHandle *CBaseRetrieve::NumberedHandle(CSectionRows &rows) {
+    if (rows.m_nNumber < 0)
+        rows.m_nNumber = m_NextSectionNumber++;
+    if (!rows.m_pHandle) {
+        m_SectionHandles.push_back(
+            DbgLineSectionHandle{rows.m_Section, static_cast<uint32_t>(rows.m_nNumber)});
+        rows.m_pHandle = &m_SectionHandles.back();
+    }
+    return rows.m_pHandle;
+}
+
+uint32_t CBaseRetrieve::OpenObjectAndSourceFile(const char *objectName, char *sourceName,
+                                                DbgSourceHandle **outHandle) {
+    if (m_hObject != 0)
+        return DBG_ERR_ALREADY_OPEN;
+    BrxHandle file = 0;
+    uint32_t mode = m_nObjectKind;
+    if (!objectName || _brx_open_file(objectName, &mode, &file, 0) != BRX_OK || file == 0)
+        return DBG_ERR_OPEN_OBJECT_FILE;
+    uint32_t status = BindObject(file);
+    if (status != DBG_ERR_NONE) {
+        _brx_close_file(file);
+        return DBG_ERR_OBJECT_FILE;
+    }
+    m_bOwnsObject = true;
+    status = LoadByFormat();
+    if (status != DBG_ERR_NONE)
+        return status;
+
+    return FindSource(sourceName, outHandle);
+}
+
+uint32_t CBaseRetrieve::FindSource(char *sourceName, DbgSourceHandle **outHandle) {
+    if (!sourceName)
+        return DBG_ERR_SOURCE_NOT_FOUND;
+    // The caller's name is lowercased in place, then compared with each path lowercased.
+    for (char *c = sourceName; *c; ++c)
+        *c = LowerAscii(*c);
+    std::string_view wanted(sourceName);
+    for (uint32_t index = 0; index < m_Files.FileCount(); ++index) {
+        const FileRecord *record = m_Files.GetFile(index);
+        const std::string &path = record->m_Path;
+        if (path.size() != wanted.size())
+            continue;
+        bool equal = true;
+        for (size_t i = 0; i < path.size() && equal; ++i)
+            equal = LowerAscii(path[i]) == wanted[i];
+        if (!equal)
+            continue;
+        m_SourceHandles.push_back(DbgSourceHandle{record->m_WidePath.c_str(), index, index});
+        BuildSourceIndex();
+        if (outHandle)
+            *outHandle = &m_SourceHandles.back();
+        return DBG_ERR_NONE;
+    }
+    return DBG_ERR_SOURCE_NOT_FOUND;
+}
+
+uint32_t CBaseRetrieve::OpenLineSection(BrxHandle section, DbgLineSectionHandle **outHandle) {
+    BrxHandle owner = 0;
+    if (!Query(section, BRX_KEY_OWNER, nullptr, &owner))
+        return DBG_ERR_OBJECT_FILE;
+    uint32_t status = BindObject(owner);
+    if (status != DBG_ERR_NONE)
+        return status;
+    if (!m_bLoaded) {
+        status = LoadByFormat();
+        if (status != DBG_ERR_NONE)
+            return status;
+    }
+    DbgLineSectionHandle *handle = SectionHandle(section);
+    if (outHandle)
+        *outHandle = handle;
+    return DBG_ERR_NONE;
+}
+
+DbgLineSectionHandle *CBaseRetrieve::SectionHandle(BrxHandle section) {
+    return NumberedHandle(SlotOf(section));
+}
+
+uint32_t CBaseRetrieve::InstInfoByOffset(uint32_t flag, DbgOffsetQuery *query, DbgInstInfo *info) {
+    if (!query || !query->handle || !info)
+        return DBG_ERR_OBJECT_FILE;
+    auto slot = m_SectionSlot.find(query->handle->section);
+    if (slot == m_SectionSlot.end() || m_SectionList[slot->second].m_nNumber < 0)
+        return DBG_ERR_OBJECT_FILE;
+    const CSectionRows &rows = m_SectionList[slot->second];
+    int64_t found = FindRowAtOffset(rows, query->offset);
+    if (found < 0)
+        return DBG_ERR_NO_LINE_AT_OFFSET;
+    if (flag == 0) {
+        if (found == rows.m_nBegin)
+            return DBG_ERR_NO_PREVIOUS_LINE;
+        --found;
+    }
+    const CLineRow &row = m_Rows[static_cast<size_t>(found)];
+    query->offset = row.m_nAddress;
+    info->line = row.m_nLine;
+    info->column = static_cast<uint16_t>(row.m_nColumn);
+    info->file_index = static_cast<uint32_t>(row.m_nFileIndex);
+    std::memset(info->name, 0, sizeof(info->name));
+    if (const FileRecord *file = m_Files.GetFile(row.m_nFileIndex)) {
+        size_t units = std::min<size_t>(file->m_WidePath.size(), kInstInfoNameUnits);
+        std::memcpy(info->name, file->m_WidePath.data(), units * sizeof(char16_t));
+    }
+    return DBG_ERR_NONE;
+}
+
+void CBaseRetrieve::BuildSourceIndex() {
+    if (m_bSourceIndexBuilt)
+        return;
+    m_bSourceIndexBuilt = true;
+    m_SourceIndex.resize(m_Rows.size());
+    for (size_t i = 0; i < m_Rows.size(); ++i) {
+        const CLineRow &row = m_Rows[i];
+        m_SourceIndex[i] =
+            CSourceIndexRecord{row.m_nFileIndex, row.m_nLine, row.m_nColumn, static_cast<uint32_t>(i)};
+    }
+    // Records at equal positions stay in row order, so a search meets the lowest address first.
+    auto less = [](const CSourceIndexRecord &a, const CSourceIndexRecord &b) {
+        if (a.m_nFile != b.m_nFile)
+            return a.m_nFile < b.m_nFile;
+        if (a.m_nLine != b.m_nLine)
+            return a.m_nLine < b.m_nLine;
+        if (a.m_nColumn != b.m_nColumn)
+            return a.m_nColumn < b.m_nColumn;
+        return a.m_nRow < b.m_nRow;
+    };
+    if (!std::is_sorted(m_SourceIndex.begin(), m_SourceIndex.end(), less))
+        std::sort(m_SourceIndex.begin(), m_SourceIndex.end(), less);
+}
+
+const CSectionRows *CBaseRetrieve::SectionOfRow(uint32_t row) const {
+    // Sections hold consecutive ranges of the row table, in slot order.
+    auto it = std::upper_bound(
+        m_SectionList.begin(), m_SectionList.end(), row,
+        [](uint32_t value, const CSectionRows &rows) { return value < rows.m_nEnd; });
+    return it == m_SectionList.end() ? nullptr : &*it;
+}
+
+uint32_t CBaseRetrieve::InstInfoBySource(uint32_t flag, const DbgSourceQuery *query,
+                                         DbgSourceResult *result) {
+    if (!query || !query->handle || !result)
+        return DBG_ERR_NO_LINE_AT_POSITION;
+    BuildSourceIndex();
+    const int32_t file = static_cast<int32_t>(query->handle->file_index);
+    const uint32_t line = query->line;
+    const uint32_t column = query->column;
+    const int64_t count = static_cast<int64_t>(m_SourceIndex.size());
+
+    int64_t hit = -1;     // an exact record
+    int64_t nearest = -1; // the nearest record below the position
+    bool searchIndex = true;
+    if (flag != 0) {
+        // Continue after the last hit.
+        int64_t c = m_nLastSourceHit + 1;
+        if (c >= count)
+            return DBG_ERR_NO_LINE_AT_POSITION;
+        const CSourceIndexRecord &record = m_SourceIndex[static_cast<size_t>(c)];
+        if (KeyEqual(record, file, line, column)) {
+            hit = c;
+            searchIndex = false;
+        } else if (!KeyLess(record, file, line, column)) {
+            nearest = std::max<int64_t>(c, 1) - 1;
+            searchIndex = false;
+        }
+    }
+    if (searchIndex) {
+        auto it = std::lower_bound(m_SourceIndex.begin(), m_SourceIndex.end(), 0,
+                                   [&](const CSourceIndexRecord &record, int) {
+                                       return KeyLess(record, file, line, column);
+                                   });
+        int64_t lb = it - m_SourceIndex.begin();
+        if (lb < count && KeyEqual(*it, file, line, column)) {
+            hit = lb;
+        } else {
+            if (lb == 0)
+                return DBG_ERR_NO_LINE_AT_POSITION;
+            nearest = lb - 1;
+            if (flag == 1)
+                m_nLastSourceHit = nearest;
+        }
+    }
+    int64_t chosen = hit >= 0 ? hit : nearest;
+    uint32_t row = m_SourceIndex[static_cast<size_t>(chosen)].m_nRow;
+    const CSectionRows *rows = SectionOfRow(row);
+    if (!rows)
+        return DBG_ERR_NO_LINE_AT_POSITION;
+    result->address = m_Rows[row].m_nAddress;
+    result->handle = NumberedHandle(const_cast<CSectionRows &>(*rows));
+    if (hit >= 0) {
+        m_nLastSourceHit = hit;
+        return DBG_ERR_NONE;
+    }
+    return DBG_ERR_INEXACT_POSITION;
+}
+
+uint32_t CBaseRetrieve::SourceFileCount(uint32_t *count) const {
+    if (count)
+        *count = m_Files.FileCount();
+    return DBG_ERR_NONE;
+}
+
+uint32_t CBaseRetrieve::SourceFileName(int32_t index, char *buffer, uint32_t *size) const {
+    const FileRecord *file = m_Files.GetFile(index);
+    if (!file || !buffer || !size)
+        return DBG_ERR_BAD_SOURCE_INDEX;
+    // The capacity asked of the caller is two bytes per UTF-16 unit and the terminator, or the
+    // converted length where that is longer (three-byte characters).
+    uint64_t needed = std::max<uint64_t>(2 * uint64_t(file->m_WidePath.size()) + 1,
+                                         uint64_t(file->m_Path.size()) + 1);
+    if (*size < needed)
+        return DBG_ERR_BAD_SOURCE_INDEX;
+    std::memcpy(buffer, file->m_Path.c_str(), file->m_Path.size() + 1);
+    return DBG_ERR_NONE;
 }

@@ -1,0 +1,100 @@
+// The reader of .debug_line: one unit header at a time, then the unit's line-number program run
+// through the state machine into plain rows. The decoder works on bytes in memory; where a
+// sequence lies in the object (which section, at what offset) is asked of a CSequencePlacer, so
+// the same loop serves relocatable objects, linked ones and tests without an object file.
+#pragma once
+
+#include "lines/FileTable.h"
+#include "platform/CError.h"
+
+#include <brix/brix.h>
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace quillet {
+
+// Opcodes of DWARF 2 line-number programs.
+enum : uint8_t {
+    DW_LNS_extended_op = 0,
+    DW_LNS_copy = 1,
+    DW_LNS_advance_pc = 2,
+    DW_LNS_advance_line = 3,
+    DW_LNS_set_file = 4,
+    DW_LNS_set_column = 5,
+    DW_LNS_negate_stmt = 6,
+    DW_LNS_set_basic_block = 7,
+    DW_LNS_const_add_pc = 8,
+    DW_LNS_fixed_advance_pc = 9,
+    DW_LNE_end_sequence = 1,
+    DW_LNE_set_address = 2,
+    DW_LNE_define_file = 3,
+};
+
+// One decoded row: a plain 24-byte value, so millions of them are one allocation.
+struct CLineRow {
+    uint64_t m_nAddress;  // offset in its section
+    uint32_t m_nLine;
+    uint32_t m_nColumn;   // the column register + 1, so 1 when a program sets no column
+    int32_t m_nFileIndex; // position in the file table
+    BrxHandle m_Section;  // the object-file section the row's sequence lies in
+};
+static_assert(sizeof(CLineRow) == 24, "rows are kept by the million: keep them small");
+
+// Places a sequence in the object: given where its DW_LNE_set_address operand stands in
+// .debug_line and the address of its first row, names the section and the amount to add to every
+// address of the sequence to make it an offset in that section.
+class CSequencePlacer {
+public:
+    virtual ~CSequencePlacer() = default;
+    virtual CError Place(uint64_t operandOffset, uint64_t rowAddress, BrxHandle &section,
+                         int64_t &bias) = 0;
+};
+
+// The constants of the header being decoded.
+struct CLineHeader {
+    uint64_t m_nUnitStart = 0;
+    uint64_t m_nUnitEnd = 0;
+    uint64_t m_nProgramStart = 0;
+    uint8_t m_nMinimumInstructionLength = 1;
+    uint8_t m_bDefaultIsStmt = 1;
+    int8_t m_nLineBase = 0;
+    uint8_t m_nLineRange = 15;
+    uint8_t m_nOpcodeBase = 10;
+    std::array<uint8_t, 256> m_StandardOpcodeLengths{};
+};
+
+class CLineSection {
+public:
+    // The section's bytes stay owned by the caller and must outlive the reader.
+    CLineSection(const uint8_t *data, uint64_t size) : m_pData(data), m_nSize(size) {}
+
+    // Reads the header of the unit at `offset`; `compilationDirectory` becomes the unit's
+    // directory 0. Fails on anything but version 2, a header length that disagrees with the
+    // tables, or a unit running past the section.
+    CError ReadHeader(uint64_t offset, std::string_view compilationDirectory, CFileTable &files);
+
+    // Runs the current unit's program, appending every row except end-of-sequence rows. Fails on
+    // an unknown opcode, a truncated operand, a sequence without DW_LNE_set_address, an address
+    // operand longer than 8 bytes, a file number without a file record, or a sequence that the
+    // placer cannot place. Rows appended before the failure stay.
+    CError DecodeUnit(CSequencePlacer &placer, CFileTable &files, std::vector<CLineRow> &rows);
+
+    const CLineHeader &Header() const { return m_Header; }
+    uint64_t Size() const { return m_nSize; }
+    // Where the input went wrong, as an offset in the section (valid after a failure).
+    uint64_t ErrorOffset() const { return m_nErrorOffset; }
+
+private:
+    CError Fail(const uint8_t *at);
+    CError ReadFileEntry(const uint8_t *&p, const uint8_t *end, CFileTable &files);
+
+    const uint8_t *m_pData;
+    uint64_t m_nSize;
+    CLineHeader m_Header;
+    uint64_t m_nErrorOffset = 0;
+};
+
+} // namespace quillet

@@ -1,0 +1,57 @@
+// The six exported retrieval functions. Each answers 37 unless the library is in retrieval mode
+// with a reader, then hands the call to the reader.
+#include "frame/LibraryState.h"
+#include "lines/Retrieve.h"
+
+#include <quillet/quillet.h>
+
+namespace {
+
+constexpr uint32_t kRetrieveMode = 1;
+
+CBaseRetrieve *Reader() {
+    LibraryState &state = State();
+    return state.mode == kRetrieveMode ? state.reader.get() : nullptr;
+}
+
+} // namespace
+
+extern "C" {
+
+QUILLET_API DbgStatus DbgLine_open_line_section(BrxHandle section,
+                                                DbgLineSectionHandle **out_handle) {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->OpenLineSection(section, out_handle) : DBG_ERR_NOT_RETRIEVE_MODE;
+}
+
+QUILLET_API DbgStatus DbgLine_open_object_and_source_file(const char *object_name,
+                                                          char *source_name,
+                                                          DbgSourceHandle **out_handle) {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->OpenObjectAndSourceFile(object_name, source_name, out_handle)
+                  : DBG_ERR_NOT_RETRIEVE_MODE;
+}
+
+QUILLET_API DbgStatus DbgLine_get_inst_info_by_offset(uint32_t flag, DbgOffsetQuery *query,
+                                                      DbgInstInfo *info) {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->InstInfoByOffset(flag, query, info) : DBG_ERR_NOT_RETRIEVE_MODE;
+}
+
+QUILLET_API DbgStatus DbgLine_get_inst_info_by_source(uint32_t flag, const DbgSourceQuery *query,
+                                                      DbgSourceResult *result) {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->InstInfoBySource(flag, query, result) : DBG_ERR_NOT_RETRIEVE_MODE;
+}
+
+QUILLET_API DbgStatus DbgLine_get_source_files_number(uint32_t *count) {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->SourceFileCount(count) : DBG_ERR_NOT_RETRIEVE_MODE;
+}
+
+QUILLET_API DbgStatus DbgLine_get_source_file_name(int32_t index, char *buffer, uint32_t *size) {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->SourceFileName(index, buffer, size) : DBG_ERR_NOT_RETRIEVE_MODE;
+}
+
+} // extern "C"

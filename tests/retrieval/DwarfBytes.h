@@ -1,0 +1,205 @@
+// Builders of .debug_line, .debug_info and .debug_abbrev bytes for the retrieval tests, so each
+// test states the program it decodes opcode by opcode.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace retrievaltest {
+
+using Bytes = std::vector<uint8_t>;
+
+inline void PutU(Bytes &b, uint64_t v, unsigned size) {
+    for (unsigned i = 0; i < size; ++i)
+        b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+inline void PutULEB(Bytes &b, uint64_t v) {
+    do {
+        uint8_t byte = v & 0x7f;
+        v >>= 7;
+        b.push_back(static_cast<uint8_t>(byte | (v ? 0x80 : 0)));
+    } while (v);
+}
+inline void PutSLEB(Bytes &b, int64_t v) {
+    for (;;) {
+        uint8_t byte = v & 0x7f;
+        v >>= 7;
+        bool done = (v == 0 && !(byte & 0x40)) || (v == -1 && (byte & 0x40));
+        b.push_back(static_cast<uint8_t>(byte | (done ? 0 : 0x80)));
+        if (done)
+            return;
+    }
+}
+inline void PutString(Bytes &b, const std::string &s) {
+    b.insert(b.end(), s.begin(), s.end());
+    b.push_back(0);
+}
+
+struct FileEntry {
+    std::string name;
+    uint64_t directory;
+};
+
+inline std::vector<uint8_t> StandardLengths() {
+    std::vector<uint8_t> lengths;
+    for (uint8_t n : {0, 1, 1, 1, 1, 0, 0, 0, 1})
+        lengths.push_back(n);
+    return lengths;
+}
+
+// One line-program unit: header fields, tables, and the program appended opcode by opcode.
+struct LineUnit {
+    uint8_t minInst = 1;
+    int8_t lineBase = 0;
+    uint8_t lineRange = 15;
+    uint8_t opcodeBase = 10;
+    std::vector<uint8_t> opcodeLengths = StandardLengths();
+    std::vector<std::string> directories;
+    std::vector<FileEntry> files;
+    uint16_t version = 2;
+    bool dwarf64 = false;
+    int headerLengthSkew = 0; // added to the true header length, to corrupt it
+    Bytes program;
+
+    LineUnit &Op(uint8_t op) { program.push_back(op); return *this; }
+    LineUnit &Special(unsigned addressAdvance, int lineAdvance) {
+        program.push_back(static_cast<uint8_t>((lineAdvance - lineBase) + lineRange * addressAdvance +
+                                               opcodeBase));
+        return *this;
+    }
+    LineUnit &SetAddress(uint64_t address, unsigned size = 8) {
+        program.push_back(0);
+        PutULEB(program, size + 1);
+        program.push_back(2);
+        PutU(program, address, size);
+        return *this;
+    }
+    // Offset of the next set_address operand within the program (add ProgramStart()).
+    size_t NextOperand() const { return program.size() + 3; }
+    LineUnit &EndSequence() { program.insert(program.end(), {0, 1, 1}); return *this; }
+    LineUnit &AdvancePc(uint64_t n) { program.push_back(2); PutULEB(program, n); return *this; }
+    LineUnit &AdvanceLine(int64_t n) { program.push_back(3); PutSLEB(program, n); return *this; }
+    LineUnit &SetFile(uint64_t f) { program.push_back(4); PutULEB(program, f); return *this; }
+    LineUnit &SetColumn(uint64_t c) { program.push_back(5); PutULEB(program, c); return *this; }
+    LineUnit &Copy() { program.push_back(1); return *this; }
+    LineUnit &DefineFile(const std::string &name, uint64_t dir) {
+        Bytes operand;
+        operand.push_back(3);
+        PutString(operand, name);
+        PutULEB(operand, dir);
+        PutULEB(operand, 0);
+        PutULEB(operand, 0);
+        program.push_back(0);
+        PutULEB(program, operand.size());
+        program.insert(program.end(), operand.begin(), operand.end());
+        return *this;
+    }
+
+    Bytes Tables() const {
+        Bytes t;
+        t.push_back(minInst);
+        t.push_back(1);
+        t.push_back(static_cast<uint8_t>(lineBase));
+        t.push_back(lineRange);
+        t.push_back(opcodeBase);
+        for (size_t i = 0; i + 1 < opcodeBase; ++i)
+            t.push_back(i < opcodeLengths.size() ? opcodeLengths[i] : 0);
+        for (const std::string &d : directories)
+            PutString(t, d);
+        t.push_back(0);
+        for (const FileEntry &f : files) {
+            PutString(t, f.name);
+            PutULEB(t, f.directory);
+            PutULEB(t, 0);
+            PutULEB(t, 0);
+        }
+        t.push_back(0);
+        return t;
+    }
+    // Bytes from the unit's start to its program.
+    size_t ProgramStart() const { return (dwarf64 ? 12 : 4) + 2 + (dwarf64 ? 8 : 4) + Tables().size(); }
+
+    Bytes Encode() const {
+        Bytes tables = Tables();
+        unsigned offsetSize = dwarf64 ? 8 : 4;
+        uint64_t length = 2 + offsetSize + tables.size() + program.size();
+        Bytes b;
+        if (dwarf64) {
+            PutU(b, 0xffffffffu, 4);
+            PutU(b, length, 8);
+        } else {
+            PutU(b, length, 4);
+        }
+        PutU(b, version, 2);
+        PutU(b, static_cast<uint64_t>(static_cast<int64_t>(tables.size()) + headerLengthSkew),
+             offsetSize);
+        b.insert(b.end(), tables.begin(), tables.end());
+        b.insert(b.end(), program.begin(), program.end());
+        return b;
+    }
+};
+
+struct Attribute {
+    uint16_t attribute;
+    uint16_t form;
+    Bytes value;
+};
+
+// A compilation unit: its abbreviation (code 1) and its entry, in the order given.
+struct InfoUnit {
+    std::vector<Attribute> attributes;
+    uint16_t version = 2;
+    uint8_t addressSize = 8;
+    bool dwarf64 = false;
+    uint64_t abbrevOffset = 0;
+
+    static Bytes Str(const std::string &s) { Bytes b; PutString(b, s); return b; }
+    static Bytes U(uint64_t v, unsigned size) { Bytes b; PutU(b, v, size); return b; }
+
+    // The usual unit: name, directory, producer, statement list (data4).
+    static InfoUnit Standard(const std::string &name, const std::string &dir, uint64_t stmtList) {
+        InfoUnit u;
+        u.attributes = {{0x03, 0x08, Str(name)},
+                        {0x1b, 0x08, Str(dir)},
+                        {0x25, 0x08, Str("test producer")},
+                        {0x10, 0x06, U(stmtList, 4)}};
+        return u;
+    }
+
+    Bytes Abbrev() const {
+        Bytes b;
+        PutULEB(b, 1);
+        PutULEB(b, 0x11);
+        b.push_back(1);
+        for (const Attribute &a : attributes) {
+            PutULEB(b, a.attribute);
+            PutULEB(b, a.form);
+        }
+        b.push_back(0);
+        b.push_back(0);
+        b.push_back(0);
+        return b;
+    }
+    Bytes Info() const {
+        Bytes body;
+        PutU(body, version, 2);
+        PutU(body, abbrevOffset, dwarf64 ? 8 : 4);
+        body.push_back(addressSize);
+        PutULEB(body, 1);
+        for (const Attribute &a : attributes)
+            body.insert(body.end(), a.value.begin(), a.value.end());
+        body.push_back(0);
+        Bytes b;
+        if (dwarf64) {
+            PutU(b, 0xffffffffu, 4);
+            PutU(b, body.size(), 8);
+        } else {
+            PutU(b, body.size(), 4);
+        }
+        b.insert(b.end(), body.begin(), body.end());
+        return b;
+    }
+};
+
+} // namespace retrievaltest

@@ -1,0 +1,290 @@
+// Queries of the retrieval engine over line information decoded from memory.
+#include "DwarfBytes.h"
+
+#include "lines/Retrieve.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <map>
+
+using namespace quillet;
+using namespace retrievaltest;
+
+namespace {
+
+constexpr BrxHandle kText = 21;
+constexpr BrxHandle kInit = 22;
+
+// Sequences go to the section that the test names for their operand offset.
+struct TablePlacer : CSequencePlacer {
+    std::map<uint64_t, BrxHandle> sections;
+    CError Place(uint64_t operandOffset, uint64_t, BrxHandle &section, int64_t &bias) override {
+        auto it = sections.find(operandOffset);
+        if (it == sections.end())
+            return kFailed;
+        section = it->second;
+        bias = 0;
+        return kOk;
+    }
+};
+
+// One object in memory: a unit with files a.s and b.s, and two sequences of .text with one of
+// .init between them, rows out of address order.
+class RetrieveQuery : public ::testing::Test {
+protected:
+    void SetUp() override {
+        LineUnit u;
+        u.directories = {"/src/inc"};
+        u.files = {{"a.s", 0}, {"B.inc", 1}};
+        size_t start;
+        {
+            LineUnit probe = u;
+            start = probe.ProgramStart();
+        }
+        // .text, first sequence: 0x10 line 5, 0x14 line 6, 0x20 line 6 (file b), 0x20 line 9
+        placer.sections[start + u.NextOperand()] = kText;
+        u.SetAddress(0x10).AdvanceLine(4).Copy().Special(4, 1).SetFile(2).Special(12, 0);
+        u.SetFile(1).Special(0, 3).EndSequence();
+        // .init: 0x0 line 30
+        placer.sections[start + u.NextOperand()] = kInit;
+        u.SetAddress(0).AdvanceLine(29).Copy().EndSequence();
+        // .text again, below the first sequence: 0x0 line 2, 0x8 line 5
+        placer.sections[start + u.NextOperand()] = kText;
+        u.SetAddress(0).Special(0, 1).Special(8, 3).EndSequence();
+        line = u.Encode();
+
+        InfoUnit cu = InfoUnit::Standard("a.s", "/src", 0);
+        info = cu.Info();
+        abbrev = cu.Abbrev();
+        CDwarfSections s;
+        s.info = info.data();
+        s.infoSize = info.size();
+        s.abbrev = abbrev.data();
+        s.abbrevSize = abbrev.size();
+        s.line = line.data();
+        s.lineSize = line.size();
+        ASSERT_EQ(engine.LoadDwarf(s, placer), DBG_ERR_NONE);
+    }
+
+    DbgSourceHandle *Source(const char *name) {
+        std::vector<char> buffer(name, name + std::strlen(name) + 1);
+        DbgSourceHandle *handle = nullptr;
+        EXPECT_EQ(engine.FindSource(buffer.data(), &handle), DBG_ERR_NONE);
+        return handle;
+    }
+
+    Bytes line, info, abbrev;
+    TablePlacer placer;
+    CBaseRetrieve engine;
+};
+
+TEST_F(RetrieveQuery, RowsAreGroupedBySectionAndSortedByAddress) {
+    auto [first, last] = engine.RowsOf(kText);
+    std::vector<std::pair<uint64_t, uint32_t>> text;
+    for (const CLineRow *r = first; r != last; ++r)
+        text.emplace_back(r->m_nAddress, r->m_nLine);
+    EXPECT_EQ(text, (std::vector<std::pair<uint64_t, uint32_t>>{
+                        {0, 2}, {8, 5}, {0x10, 5}, {0x14, 6}, {0x20, 6}, {0x20, 9}}));
+    auto [initFirst, initLast] = engine.RowsOf(kInit);
+    ASSERT_EQ(initLast - initFirst, 1);
+    EXPECT_EQ(initFirst->m_nLine, 30u);
+}
+
+TEST_F(RetrieveQuery, ByOffset) {
+    DbgLineSectionHandle *text = engine.SectionHandle(kText);
+    DbgLineSectionHandle *init = engine.SectionHandle(kInit);
+    EXPECT_EQ(text->section_number, 0u);
+    EXPECT_EQ(init->section_number, 1u);
+    EXPECT_EQ(engine.SectionHandle(kText), text); // a section keeps its number
+
+    struct Case {
+        DbgLineSectionHandle *handle;
+        uint32_t flag;
+        uint64_t offset;
+        uint32_t status;
+        uint64_t foundOffset;
+        uint32_t line;
+        uint32_t file;
+    } cases[] = {
+        {text, 1, 0x8, DBG_ERR_NONE, 0x8, 5, 0},
+        {text, 0, 0x8, DBG_ERR_NONE, 0x0, 2, 0},          // the row before
+        {text, 0, 0x0, DBG_ERR_NO_PREVIOUS_LINE, 0, 0, 0}, // before the first row
+        {text, 1, 0x9, DBG_ERR_NO_LINE_AT_OFFSET, 0, 0, 0},
+        {text, 1, 0x100, DBG_ERR_NO_LINE_AT_OFFSET, 0, 0, 0},
+        {text, 1, 0x20, DBG_ERR_NONE, 0x20, 6, 1},         // the first of two rows there
+        {text, 0, 0x20, DBG_ERR_NONE, 0x14, 6, 0},
+        {init, 1, 0x0, DBG_ERR_NONE, 0x0, 30, 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.offset);
+        DbgOffsetQuery query{c.handle, c.offset};
+        DbgInstInfo out{};
+        ASSERT_EQ(engine.InstInfoByOffset(c.flag, &query, &out), c.status);
+        if (c.status != DBG_ERR_NONE)
+            continue;
+        EXPECT_EQ(query.offset, c.foundOffset);
+        EXPECT_EQ(out.line, c.line);
+        EXPECT_EQ(out.column, 1u);
+        EXPECT_EQ(out.file_index, c.file);
+        EXPECT_EQ(std::u16string(out.name), c.file == 0 ? u"/src/a.s" : u"/src/inc/B.inc");
+    }
+}
+
+TEST_F(RetrieveQuery, ByOffsetRefusesSectionsNeverOpened) {
+    DbgLineSectionHandle stranger{kInit, 0}; // a real section, but never opened
+    DbgOffsetQuery query{&stranger, 0};
+    DbgInstInfo out{};
+    EXPECT_EQ(engine.InstInfoByOffset(1, &query, &out), DBG_ERR_OBJECT_FILE);
+    DbgLineSectionHandle unknown{999, 0};
+    query.handle = &unknown;
+    EXPECT_EQ(engine.InstInfoByOffset(1, &query, &out), DBG_ERR_OBJECT_FILE);
+    // A section with no rows has a handle whose queries find nothing.
+    query.handle = engine.SectionHandle(555);
+    EXPECT_EQ(engine.InstInfoByOffset(1, &query, &out), DBG_ERR_NO_LINE_AT_OFFSET);
+}
+
+TEST_F(RetrieveQuery, LongNamesFillTheNameFieldWithoutTerminator) {
+    // Checked through the copy rule directly: a 300-unit path fills all 257 units.
+    Bytes longLine;
+    LineUnit u;
+    u.files = {{std::string(300, 'n'), 0}};
+    TablePlacer p;
+    p.sections[u.ProgramStart() + u.NextOperand()] = kText;
+    u.SetAddress(0).Copy();
+    longLine = u.Encode();
+    CDwarfSections s;
+    s.info = info.data();
+    s.infoSize = info.size();
+    s.abbrev = abbrev.data();
+    s.abbrevSize = abbrev.size();
+    s.line = longLine.data();
+    s.lineSize = longLine.size();
+    CBaseRetrieve other;
+    ASSERT_EQ(other.LoadDwarf(s, p), DBG_ERR_NONE);
+    DbgOffsetQuery query{other.SectionHandle(kText), 0};
+    DbgInstInfo out;
+    std::memset(&out, 0xff, sizeof(out));
+    ASSERT_EQ(other.InstInfoByOffset(1, &query, &out), DBG_ERR_NONE);
+    EXPECT_EQ(out.name[0], u'/');
+    EXPECT_EQ(out.name[256], u'n');
+}
+
+TEST_F(RetrieveQuery, SourceNamesAreFoundInAnyLetterCase) {
+    char name[] = "/SRC/INC/b.INC";
+    DbgSourceHandle *handle = nullptr;
+    ASSERT_EQ(engine.FindSource(name, &handle), DBG_ERR_NONE);
+    EXPECT_STREQ(name, "/src/inc/b.inc"); // the caller's buffer comes back lowercased
+    EXPECT_EQ(handle->file_index, 1u);
+    EXPECT_EQ(std::u16string(handle->name), u"/src/inc/B.inc");
+    char missing[] = "/src/c.s";
+    EXPECT_EQ(engine.FindSource(missing, &handle), DBG_ERR_SOURCE_NOT_FOUND);
+}
+
+TEST_F(RetrieveQuery, BySource) {
+    DbgSourceHandle *a = Source("/src/a.s");
+    DbgSourceHandle *b = Source("/src/inc/b.inc");
+    struct Case {
+        const char *name;
+        DbgSourceHandle *handle;
+        uint32_t flag, line;
+        uint32_t status;
+        uint64_t address;
+        BrxHandle section;
+    } cases[] = {
+        {"ExactPosition", a, 0, 5, DBG_ERR_NONE, 0x8, kText}, // the lowest address of line 5
+        {"ExactInAnotherSection", a, 0, 30, DBG_ERR_NONE, 0x0, kInit},
+        {"LineWithoutCodeGivesTheNearestBelow", a, 0, 7, DBG_ERR_INEXACT_POSITION, 0x14, kText},
+        {"NearestBelowCanBeInAnEarlierFile", b, 0, 1, DBG_ERR_INEXACT_POSITION, 0x0, kInit},
+        {"BelowEveryRecord", a, 0, 1, DBG_ERR_NO_LINE_AT_POSITION, 0, 0},
+        {"OtherFile", b, 0, 6, DBG_ERR_NONE, 0x20, kText},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        DbgSourceQuery query{c.handle, c.line, 1};
+        DbgSourceResult result{nullptr, 0xdead};
+        ASSERT_EQ(engine.InstInfoBySource(c.flag, &query, &result), c.status);
+        if (c.status == DBG_ERR_NO_LINE_AT_POSITION)
+            continue;
+        EXPECT_EQ(result.address, c.address);
+        ASSERT_NE(result.handle, nullptr);
+        EXPECT_EQ(result.handle->section, c.section);
+    }
+}
+
+TEST_F(RetrieveQuery, ContinuingWalksThroughRecordsAtTheSamePosition) {
+    DbgSourceHandle *a = Source("/src/a.s");
+    DbgSourceQuery query{a, 5, 1};
+    DbgSourceResult result{};
+    ASSERT_EQ(engine.InstInfoBySource(0, &query, &result), DBG_ERR_NONE);
+    EXPECT_EQ(result.address, 0x8u);
+    ASSERT_EQ(engine.InstInfoBySource(1, &query, &result), DBG_ERR_NONE);
+    EXPECT_EQ(result.address, 0x10u);
+    // The next record (line 6) lies above the key: the previous record is given, inexactly.
+    ASSERT_EQ(engine.InstInfoBySource(1, &query, &result), DBG_ERR_INEXACT_POSITION);
+    EXPECT_EQ(result.address, 0x10u);
+    // Continuing after the very last record finds nothing more.
+    DbgSourceQuery last{Source("/src/inc/b.inc"), 6, 1};
+    ASSERT_EQ(engine.InstInfoBySource(0, &last, &result), DBG_ERR_NONE);
+    EXPECT_EQ(engine.InstInfoBySource(1, &last, &result), DBG_ERR_NO_LINE_AT_POSITION);
+}
+
+TEST_F(RetrieveQuery, SourceFileNamesAndBufferSizes) {
+    uint32_t count = 0;
+    ASSERT_EQ(engine.SourceFileCount(&count), DBG_ERR_NONE);
+    EXPECT_EQ(count, 2u);
+    char buffer[64];
+    uint32_t exact = 2 * 8 + 1; // "/src/a.s" is 8 units
+    uint32_t size = exact;
+    ASSERT_EQ(engine.SourceFileName(0, buffer, &size), DBG_ERR_NONE);
+    EXPECT_STREQ(buffer, "/src/a.s");
+    EXPECT_EQ(size, exact); // the size is not changed
+    size = exact - 1;
+    EXPECT_EQ(engine.SourceFileName(0, buffer, &size), DBG_ERR_BAD_SOURCE_INDEX);
+    size = sizeof(buffer);
+    EXPECT_EQ(engine.SourceFileName(2, buffer, &size), DBG_ERR_BAD_SOURCE_INDEX);
+    EXPECT_EQ(engine.SourceFileName(-1, buffer, &size), DBG_ERR_BAD_SOURCE_INDEX);
+}
+
+TEST(RetrieveLoad, ShortLineSectionAndBrokenUnits) {
+    InfoUnit cu = InfoUnit::Standard("a.s", "/", 0);
+    Bytes info = cu.Info(), abbrev = cu.Abbrev();
+    LineUnit u;
+    u.files = {{"a.s", 0}};
+    u.SetAddress(0).Copy().Copy();
+    Bytes line = u.Encode();
+    CDwarfSections s{info.data(), info.size(), abbrev.data(), abbrev.size(),
+                     line.data(), line.size()};
+    struct AnyPlacer : CSequencePlacer {
+        CError Place(uint64_t, uint64_t, BrxHandle &section, int64_t &bias) override {
+            section = 1;
+            bias = 0;
+            return kOk;
+        }
+    } placer;
+    {
+        CDwarfSections shorter = s;
+        shorter.lineSize = 31;
+        CBaseRetrieve engine;
+        EXPECT_EQ(engine.LoadDwarf(shorter, placer), DBG_ERR_LINE_SECTION_TOO_SHORT);
+    }
+    {
+        Bytes broken = line;
+        broken.back() = 0x00; // the last opcode becomes an extended one with no length
+        CDwarfSections b = s;
+        b.line = broken.data();
+        CBaseRetrieve engine;
+        EXPECT_EQ(engine.LoadDwarf(b, placer), DBG_ERR_READ_FAILED);
+        EXPECT_EQ(engine.Rows().size(), 1u); // the row decoded before the fault stays
+    }
+    {
+        Bytes badInfo = info;
+        badInfo[4] = 3; // version 3
+        CDwarfSections b = s;
+        b.info = badInfo.data();
+        CBaseRetrieve engine;
+        EXPECT_EQ(engine.LoadDwarf(b, placer), DBG_ERR_READ_FAILED);
+    }
+}
+
+} // namespace
