@@ -282,9 +282,6 @@ bool CElfReader::ReadRelocations() {
         bool symbolsKnown = h.m_nLink == m_nSymbolTable && m_nSymbolTable != 0;
         uint32_t target = m_ModelSection[h.m_nInfo];
         uint64_t count = h.m_nSize / h.m_nEntrySize;
-        m_File.m_Relocations.reserve(m_File.m_Relocations.size() + count);
-        m_File.m_Sections[target].m_Relocations.reserve(
-            m_File.m_Sections[target].m_Relocations.size() + count);
         for (uint64_t k = 0; k < count; ++k) {
             uint64_t at = h.m_nOffset + k * h.m_nEntrySize;
             uint64_t offset = m_Image.Word(at, m_nWord);
