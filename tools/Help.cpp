@@ -73,7 +73,8 @@ DESCRIPTION FORMAT
     One statement per line. '#' starts a comment that runs to the end of the line. A statement
     is a keyword followed by words; a word is bare, "quoted" (with \" and \\ inside), or
     name=value (the value bare or quoted). Numbers are decimal or 0x-prefixed hexadecimal.
-    The first statement is `module`; names may be used before the line that declares them.
+    The first statement is `module`. A symbol may be named before the `symbol` line that
+    defines it; sources, types and sections are declared before they are used.
 
     module source=NAME [directory=DIR] [producer=TEXT] [tool=PATH] [language=1]
            [machine=1] [front-end=MAJOR.MINOR.BUILD] [back-end=MAJOR.MINOR.BUILD]

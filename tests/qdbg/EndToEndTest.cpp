@@ -1,0 +1,259 @@
+// qdbg end to end: the example descriptions build in every object format, the consumers read
+// the objects without a complaint, and the query commands give back what was described.
+#include "qdbg/Process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <sstream>
+#include <tuple>
+
+namespace {
+
+using namespace qdbgtest;
+
+const std::string kExamples = std::string(QUILLET_SOURCE_DIR) + "/examples";
+const std::string kQdbg = QDBG_PATH;
+
+struct Row {
+    std::string section;
+    uint64_t offset;
+    uint32_t line;
+    std::string file; // base name
+    bool operator<(const Row &o) const {
+        return std::tie(section, offset, line, file) < std::tie(o.section, o.offset, o.line, o.file);
+    }
+    bool operator==(const Row &o) const {
+        return std::tie(section, offset, line, file) == std::tie(o.section, o.offset, o.line, o.file);
+    }
+};
+
+std::ostream &operator<<(std::ostream &out, const Row &r) {
+    return out << r.section << "+" << r.offset << " " << r.file << ":" << r.line;
+}
+
+std::string BaseName(const std::string &path) {
+    size_t slash = path.find_last_of("/\\");
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The line entries a description states, read independently of qdbg's parser: only the
+// `source`, `section`, `line` and `lines` statements matter here.
+std::vector<Row> DescribedRows(const std::string &text) {
+    std::map<std::string, std::string> sources;
+    std::vector<Row> rows;
+    std::string section;
+    std::istringstream lines(text);
+    std::string line;
+    while (std::getline(lines, line)) {
+        line = line.substr(0, line.find('#'));
+        std::istringstream words(line);
+        std::string keyword, source;
+        words >> keyword;
+        if (keyword == "source") {
+            std::string path;
+            words >> source >> path;
+            sources[source] = BaseName(path);
+        } else if (keyword == "section") {
+            words >> section;
+        } else if (keyword == "line") {
+            std::string number, offset, option;
+            words >> source >> number >> offset;
+            uint64_t base = 0;
+            while (words >> option)
+                if (option.rfind("base=", 0) == 0)
+                    base = std::stoull(option.substr(5), nullptr, 0);
+            rows.push_back({section, base + std::stoull(offset, nullptr, 0),
+                            static_cast<uint32_t>(std::stoul(number, nullptr, 0)), sources[source]});
+        } else if (keyword == "lines") {
+            std::string pair;
+            words >> source;
+            while (words >> pair) {
+                size_t colon = pair.find(':');
+                rows.push_back({section, std::stoull(pair.substr(colon + 1), nullptr, 0),
+                                static_cast<uint32_t>(std::stoul(pair.substr(0, colon), nullptr, 0)),
+                                sources[source]});
+            }
+        }
+    }
+    std::sort(rows.begin(), rows.end());
+    return rows;
+}
+
+// `qdbg lines` output: SECTION OFFSET LINE COLUMN FILE.
+std::vector<Row> ListedRows(const std::string &output) {
+    std::vector<Row> rows;
+    std::istringstream lines(output);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream words(line);
+        std::string section, offset, number, column, file;
+        words >> section >> offset >> number >> column;
+        std::getline(words >> std::ws, file);
+        rows.push_back({section, std::stoull(offset, nullptr, 0),
+                        static_cast<uint32_t>(std::stoul(number)), BaseName(file)});
+    }
+    std::sort(rows.begin(), rows.end());
+    return rows;
+}
+
+void ExpectNoComplaints(const CommandResult &result, const std::string &what) {
+    EXPECT_EQ(result.exitCode, 0) << what << "\n" << result.err;
+    for (const std::string &line : Complaints(result.out + result.err))
+        ADD_FAILURE() << what << ": " << line;
+}
+
+// Builds examples/NAME.qd in FORMAT into DIR (run from examples/, where its sources are).
+std::string Build(const ScratchDir &dir, const std::string &name, const std::string &format) {
+    std::string object = dir / (name + "-" + format + ".o");
+    CommandResult built = RunCommand(kQdbg + " build " + name + ".qd -o " + Quote(object) +
+                                  " --format " + format,
+                              kExamples);
+    EXPECT_EQ(built.exitCode, 0) << built.err;
+    EXPECT_EQ(built.err, "");
+    return object;
+}
+
+void CheckConsumers(const std::string &object, const std::string &format) {
+    if (format == "coff") {
+        // No LLVM tool opens machine 0x0200; the copy with the machine zeroed is read in full.
+        std::string copy = object + ".machine0";
+        std::string bytes = ReadFile(object);
+        ASSERT_GT(bytes.size(), 2u);
+        bytes[0] = bytes[1] = '\0';
+        WriteFile(copy, bytes);
+        CommandResult dump = RunCommand("llvm-readobj-14 --codeview " + Quote(copy));
+        ExpectNoComplaints(dump, "llvm-readobj-14 --codeview");
+        EXPECT_NE(dump.out.find("CodeViewDebugInfo"), std::string::npos);
+        return;
+    }
+    ExpectNoComplaints(RunCommand("readelf --debug-dump=info,abbrev,line,decodedline -W " + Quote(object)),
+                       "readelf");
+    CommandResult verify = RunCommand("llvm-dwarfdump-14 --verify --all " + Quote(object));
+    ExpectNoComplaints(verify, "llvm-dwarfdump-14 --verify --all");
+    EXPECT_NE(verify.out.find("No errors."), std::string::npos) << verify.out;
+}
+
+class ExampleDescriptions
+    : public ::testing::TestWithParam<std::tuple<const char *, const char *>> {};
+
+TEST_P(ExampleDescriptions, BuildReadCleanlyAndListTheDescribedRows) {
+    const std::string name = std::get<0>(GetParam()), format = std::get<1>(GetParam());
+    ScratchDir dir;
+    std::string object = Build(dir, name, format);
+    ASSERT_TRUE(FileExists(object));
+    CheckConsumers(object, format);
+    CommandResult listed = RunCommand(kQdbg + " lines " + Quote(object));
+    ASSERT_EQ(listed.exitCode, 0) << listed.err;
+    std::vector<Row> expected = DescribedRows(ReadFile(kExamples + "/" + name + ".qd"));
+    ASSERT_FALSE(expected.empty());
+    EXPECT_EQ(ListedRows(listed.out), expected) << listed.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(AllFormats, ExampleDescriptions,
+                         ::testing::Combine(::testing::Values("hello", "tour"),
+                                            ::testing::Values("elf64", "elf32", "coff")));
+
+struct Query {
+    const char *arguments; // after the object
+    int exitCode;
+    const char *out;       // exact standard output, with "{tour}" standing for tour.s's full path
+    const char *errPart;   // a part of standard error ("" for none)
+};
+
+const Query kQueries[] = {
+    {"addr .text 0x10", 0, "{tour}:10\n", ""},
+    {"addr .text 19", 0, "{tour}:11\n", ""},        // inside the instruction at 17
+    {"addr .text 0x15", 0, "{inc}:2\n", ""},        // the include file's row at 20
+    {"addr .text.inline 3", 0, "{tour}:19\n", ""},
+    {"addr .data 4", 3, "??:0\n", ""},
+    {"addr .nothing 0", 1, "", "has no section .nothing"},
+    {"line {tour} 10", 0, ".text 0x10\n", ""},
+    {"line {tour} 18", 0, ".text.inline 0x0\n", ""},
+    {"line {TOUR} 4", 0, ".text 0x3\n", ""},           // letter case does not matter
+    {"line {tour} 9", 3, "", "nearest earlier position is {tour}:8 at .text 0xe"},
+    {"line {tour}.missing 3", 3, "", "has no line information for"},
+};
+
+class LineQueries : public ::testing::TestWithParam<std::tuple<Query, const char *>> {};
+
+std::string Substitute(std::string text, const std::string &tour, const std::string &inc) {
+    for (auto [key, value] : {std::pair<std::string, std::string>{"{tour}", tour}, {"{inc}", inc},
+                              {"{TOUR}", [&] {
+                                   std::string upper = tour;
+                                   std::transform(upper.begin(), upper.end(), upper.begin(),
+                                                  [](unsigned char c) { return std::toupper(c); });
+                                   return upper;
+                               }()}}) {
+        for (size_t at; (at = text.find(key)) != std::string::npos;)
+            text.replace(at, key.size(), value);
+    }
+    return text;
+}
+
+TEST_P(LineQueries, AnswerFromTheLineInformation) {
+    const Query &q = std::get<0>(GetParam());
+    const std::string format = std::get<1>(GetParam());
+    ScratchDir dir;
+    std::string object = Build(dir, "tour", format);
+    CommandResult files = RunCommand(kQdbg + " files " + Quote(object));
+    ASSERT_EQ(files.exitCode, 0) << files.err;
+    std::string tour, inc;
+    std::istringstream names(files.out);
+    for (std::string name; std::getline(names, name);) {
+        if (BaseName(name) == "tour.s")
+            tour = name;
+        else if (BaseName(name) == "tour.inc")
+            inc = name;
+        else
+            ADD_FAILURE() << "unexpected source file " << name;
+    }
+    ASSERT_FALSE(tour.empty());
+    ASSERT_FALSE(inc.empty());
+    std::string command = q.arguments;
+    std::string verb = command.substr(0, command.find(' '));
+    std::string rest = command.substr(command.find(' ') + 1);
+    CommandResult result = RunCommand(kQdbg + " " + verb + " " + Quote(object) + " " +
+                               Substitute(rest, Quote(tour), Quote(inc)));
+    EXPECT_EQ(result.exitCode, q.exitCode) << command << "\n" << result.err;
+    EXPECT_EQ(result.out, Substitute(q.out, tour, inc)) << command;
+    if (*q.errPart != '\0') {
+        EXPECT_NE(result.err.find(Substitute(q.errPart, tour, inc)), std::string::npos)
+            << command << "\n" << result.err;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(ElfAndCoff, LineQueries,
+                         ::testing::Combine(::testing::ValuesIn(kQueries),
+                                            ::testing::Values("elf64", "coff")));
+
+TEST(QdbgQueries, AnObjectThatCannotBeOpenedIsAFailure) {
+    ScratchDir dir;
+    WriteFile(dir / "not-an-object.o", "plain text, not an object file\n");
+    for (const char *command : {"lines", "files"}) {
+        CommandResult result = RunCommand(kQdbg + " " + command + " " + Quote(dir / "not-an-object.o"));
+        EXPECT_EQ(result.exitCode, 1) << command;
+        EXPECT_NE(result.err.find("cannot open"), std::string::npos) << result.err;
+        EXPECT_EQ(result.out, "");
+    }
+}
+
+TEST(CExample, WritesAnElf64ObjectWithItsFiveRows) {
+    ScratchDir dir;
+    std::string object = dir / "count.o";
+    CommandResult run =
+        RunCommand(Quote(std::string(QUILLET_BINARY_DIR) + "/examples/emit_elf64") + " " + Quote(object));
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    CheckConsumers(object, "elf64");
+    CommandResult listed = RunCommand(kQdbg + " lines " + Quote(object));
+    ASSERT_EQ(listed.exitCode, 0) << listed.err;
+    std::vector<Row> expected = {{".text", 0, 4, "count.s"},
+                                 {".text", 2, 5, "count.s"},
+                                 {".text", 7, 7, "count.s"},
+                                 {".text", 9, 8, "count.s"},
+                                 {".text", 11, 9, "count.s"}};
+    EXPECT_EQ(ListedRows(listed.out), expected) << listed.out;
+}
+
+} // namespace
