@@ -111,7 +111,8 @@ CError CLineSection::ReadHeader(uint64_t offset, std::string_view compilationDir
         const char *dir = ReadCString(p, end, dirLength);
         if (!dir)
             return Fail(p);
-        files.AddDirectory(std::string_view(dir, dirLength));
+        // A relative include directory is relative to the compilation directory.
+        files.AddDirectory(JoinPath(compilationDirectory, std::string_view(dir, dirLength)));
     }
     for (;;) {
         if (p >= end)

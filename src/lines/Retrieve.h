@@ -88,6 +88,7 @@ public:
     uint32_t FindSource(char *sourceName, DbgSourceHandle **outHandle);
 
     // Read access for tests and tools.
+    BrxHandle Object() const { return m_hObject; }
     const quillet::CFileTable &Files() const { return m_Files; }
     const std::vector<quillet::CLineRow> &Rows() const { return m_Rows; }
     const std::vector<quillet::CSectionRows> &Sections() const { return m_SectionList; }
