@@ -60,3 +60,21 @@ uint32_t U32(BrxHandle object, uint32_t key);
 uint64_t U64(BrxHandle object, uint32_t key);
 
 } // namespace brixtest
+
+namespace brixtest {
+
+// The nested "Key: value" / "Name {" ... "}" text that llvm-readobj prints, as a tree.
+struct ReadobjNode {
+    std::string name; // the text before the opening bracket
+    std::vector<std::pair<std::string, std::string>> attributes; // bare lines have an empty key
+    std::vector<ReadobjNode> children;
+
+    std::string Get(const std::string &key) const; // empty when absent
+    const ReadobjNode *Child(const std::string &name) const;
+};
+ReadobjNode ParseReadobj(const std::string &text);
+// "name (12)" -> "name"
+std::string StripNumber(const std::string &value);
+uint64_t ParseNumber(const std::string &value); // decimal or 0x hex, up to the first space
+
+} // namespace brixtest

@@ -1,0 +1,380 @@
+// Objects made by other tools, read through brix: what brix answers must match what
+// llvm-readobj reports for the same file.
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <tuple>
+
+using namespace brixtest;
+
+namespace {
+
+bool HasFlag(const ReadobjNode &section, const char *listName, const std::string &flag) {
+    const ReadobjNode *list = section.Child(listName);
+    if (!list)
+        return false;
+    for (const auto &a : list->attributes)
+        if (a.second.rfind(flag + " ", 0) == 0)
+            return true;
+    return false;
+}
+
+// The number in the last parentheses of "Name (12)" or "Any (0x2)".
+uint64_t NumberInParentheses(const std::string &value) {
+    size_t open = value.rfind('(');
+    return open == std::string::npos ? 0 : ParseNumber(value.substr(open + 1));
+}
+
+std::vector<const ReadobjNode *> Children(const ReadobjNode &root, const char *list,
+                                          const char *item) {
+    std::vector<const ReadobjNode *> out;
+    if (const ReadobjNode *l = root.Child(list))
+        for (const ReadobjNode &c : l->children)
+            if (c.name == item)
+                out.push_back(&c);
+    return out;
+}
+
+const char kAssembly[] = R"(
+    .text
+    .globl main_entry
+    .type main_entry,@function
+main_entry:
+    call helper
+    movq data_word(%rip), %rax
+    ret
+helper:
+    ret
+    .section .text.other,"ax",@progbits
+    .globl other
+    .type other,@function
+other:
+    jmp main_entry
+    .data
+data_word:
+    .quad main_entry
+    .quad helper + 4
+    .bss
+    .zero 32
+)";
+
+TEST(ForeignObjects, ElfFromTheAssemblerMatchesReadobj) {
+    if (!ToolAvailable("llvm-mc-14") || !ToolAvailable("llvm-readobj-14"))
+        GTEST_SKIP() << "llvm-mc-14 or llvm-readobj-14 is not installed";
+    TempDir dir;
+    WriteFileBytes(dir.File("t.s"),
+                   std::vector<uint8_t>(kAssembly, kAssembly + sizeof kAssembly - 1));
+    CommandResult mc = RunCommand("llvm-mc-14 -filetype=obj -triple x86_64-linux-gnu -g '" +
+                                  dir.File("t.s") + "' -o '" + dir.File("t.o") + "'");
+    ASSERT_EQ(mc.exitCode, 0) << mc.output;
+    CommandResult dump =
+        RunCommand("llvm-readobj-14 --sections --relocations --expand-relocs --symbols '" +
+                   dir.File("t.o") + "'");
+    ASSERT_EQ(dump.exitCode, 0) << dump.output;
+    ReadobjNode root = ParseReadobj(dump.output);
+
+    uint32_t mode = 7;
+    BrxHandle file = 0;
+    ASSERT_EQ(_brx_open_file(dir.File("t.o").c_str(), &mode, &file, 0), 0);
+    EXPECT_EQ(mode, 0u);
+    EXPECT_EQ(U32(file, BRX_KEY_FORMAT), uint32_t(BRX_FORMAT_ELF64));
+    EXPECT_EQ(U32(file, BRX_KEY_MACHINE), 62u);
+
+    // Sections with content are offered; the format's tables are not.
+    std::vector<BrxHandle> sections = Sections(file);
+    size_t offered = 0;
+    for (const ReadobjNode *s : Children(root, "Sections", "Section")) {
+        std::string type = StripNumber(s->Get("Type"));
+        if (type == "SHT_NULL" || type == "SHT_STRTAB" || type == "SHT_SYMTAB" ||
+            type == "SHT_RELA" || type == "SHT_REL" || type == "SHT_GROUP")
+            continue;
+        std::string name = StripNumber(s->Get("Name"));
+        SCOPED_TRACE(name);
+        ASSERT_LT(offered, sections.size());
+        BrxHandle h = sections[offered++];
+        EXPECT_EQ(SectionName(h), name);
+        EXPECT_EQ(U64(h, BRX_KEY_SECTION_SIZE), ParseNumber(s->Get("Size")));
+        EXPECT_EQ(U64(h, BRX_KEY_SECTION_ADDRESS), ParseNumber(s->Get("Address")));
+        EXPECT_EQ((U32(h, BRX_KEY_SECTION_FLAGS) & BRX_SECTION_CODE) != 0,
+                  HasFlag(*s, "Flags", "SHF_EXECINSTR"));
+        EXPECT_EQ(SectionBytes(h).size(), ParseNumber(s->Get("Size")));
+    }
+    EXPECT_EQ(offered, sections.size());
+    EXPECT_GE(offered, 5u); // .text, .text.other, .data, .bss and the debugging sections
+
+    // Symbols in table order (llvm-readobj also lists the null symbol first).
+    std::vector<BrxHandle> symbols = Symbols(file);
+    std::vector<const ReadobjNode *> expected = Children(root, "Symbols", "Symbol");
+    ASSERT_EQ(expected.size(), symbols.size() + 1);
+    for (size_t i = 0; i < symbols.size(); ++i) {
+        const ReadobjNode &e = *expected[i + 1];
+        BrxHandle h = symbols[i];
+        std::string name = StripNumber(e.Get("Name"));
+        SCOPED_TRACE(name);
+        std::string type = StripNumber(e.Get("Type"));
+        if (type != "Section") { // brix names a section symbol after its section
+            EXPECT_EQ(SymbolName(h), name);
+        }
+        EXPECT_EQ(U64(h, BRX_KEY_SYMBOL_OFFSET), ParseNumber(e.Get("Value")));
+        EXPECT_EQ(U32(h, BRX_KEY_SYMBOL_BINDING),
+                  StripNumber(e.Get("Binding")) == "Local" ? 1u : 2u);
+        uint32_t expectedType = type == "Function" ? 2 : type == "File" ? 4 : 0;
+        EXPECT_EQ(U32(h, BRX_KEY_SYMBOL_TYPE), expectedType);
+        std::string section = StripNumber(e.Get("Section"));
+        BrxHandle sh = U32(h, BRX_KEY_SYMBOL_SECTION);
+        if (section == "Undefined" || section == "Absolute")
+            EXPECT_EQ(sh, 0u);
+        else
+            EXPECT_EQ(SectionName(sh), section);
+    }
+
+    // Relocations, per section they apply to.
+    size_t relocationCount = 0;
+    for (const ReadobjNode &list : root.Child("Relocations")->children) {
+        std::string relaName = list.name.substr(list.name.find(") ") + 2);
+        std::string target = relaName.substr(relaName.rfind(".rel") == 0 ? 5 : 0);
+        SCOPED_TRACE(target);
+        BrxHandle section = FindSection(file, target.c_str());
+        ASSERT_NE(section, 0u);
+        std::vector<BrxHandle> relocs = Relocations(section);
+        ASSERT_EQ(relocs.size(), list.children.size());
+        for (size_t k = 0; k < relocs.size(); ++k) {
+            const ReadobjNode &e = list.children[k];
+            EXPECT_EQ(U64(relocs[k], BRX_KEY_RELOC_OFFSET), ParseNumber(e.Get("Offset")));
+            EXPECT_EQ(U32(relocs[k], BRX_KEY_RELOC_TYPE), NumberInParentheses(e.Get("Type")));
+            EXPECT_EQ(U64(relocs[k], BRX_KEY_RELOC_ADDEND), ParseNumber(e.Get("Addend")));
+            BrxHandle symbol = U32(relocs[k], BRX_KEY_RELOC_TARGET);
+            EXPECT_EQ(SymbolName(symbol), StripNumber(e.Get("Symbol")));
+        }
+        relocationCount += relocs.size();
+    }
+    EXPECT_GE(relocationCount, 4u);
+    EXPECT_EQ(_brx_close_file(file), 0);
+}
+
+const char kSourceMain[] = R"(#include "helper.h"
+int add(int a, int b) {
+    return a + b;
+}
+inline int twice(int v) { return v * 2; }
+int main(void) {
+    int x = add(1, 2);
+    return x + helper(3) + twice(x);
+}
+)";
+const char kSourceHelper[] = R"(static int helper(int v) {
+    return v * 2;
+}
+)";
+
+struct LineRow {
+    size_t section; // position among the object's sections
+    std::string file;
+    uint64_t address;
+    uint32_t line;
+    bool operator<(const LineRow &o) const {
+        return std::tie(section, file, address, line) <
+               std::tie(o.section, o.file, o.address, o.line);
+    }
+    bool operator==(const LineRow &o) const {
+        return std::tie(section, file, address, line) ==
+               std::tie(o.section, o.file, o.address, o.line);
+    }
+};
+
+std::ostream &operator<<(std::ostream &os, const LineRow &r) {
+    return os << "{" << r.section << " " << r.file << " +" << r.address << " line " << r.line
+              << "}";
+}
+
+struct CompileCase {
+    const char *name;
+    const char *flags;
+    size_t comdatSections; // at least
+};
+
+class ForeignCoff : public ::testing::TestWithParam<CompileCase> {};
+
+TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
+    if (!ToolAvailable("clang-14") || !ToolAvailable("llvm-readobj-14"))
+        GTEST_SKIP() << "clang-14 or llvm-readobj-14 is not installed";
+    TempDir dir;
+    WriteFileBytes(dir.File("main.c"),
+                   std::vector<uint8_t>(kSourceMain, kSourceMain + sizeof kSourceMain - 1));
+    WriteFileBytes(dir.File("helper.h"),
+                   std::vector<uint8_t>(kSourceHelper, kSourceHelper + sizeof kSourceHelper - 1));
+    CommandResult cc = RunCommand("cd '" + dir.Path() +
+                                  "' && clang-14 --target=x86_64-pc-windows-msvc -g -gcodeview " +
+                                  GetParam().flags + " -c main.c -o main.obj");
+    ASSERT_EQ(cc.exitCode, 0) << cc.output;
+    std::string path = dir.File("main.obj");
+    CommandResult dump = RunCommand("llvm-readobj-14 --sections --relocations --expand-relocs "
+                                    "--symbols --codeview '" +
+                                    path + "'");
+    ASSERT_EQ(dump.exitCode, 0) << dump.output;
+    ReadobjNode root = ParseReadobj(dump.output);
+
+    uint32_t mode = 7;
+    BrxHandle file = 0;
+    ASSERT_EQ(_brx_open_file(path.c_str(), &mode, &file, 0), 0);
+    EXPECT_EQ(mode, 0u);
+    EXPECT_EQ(U32(file, BRX_KEY_FORMAT), uint32_t(BRX_FORMAT_COFF));
+    EXPECT_EQ(U32(file, BRX_KEY_MACHINE), 0x8664u);
+
+    std::vector<BrxHandle> sections = Sections(file);
+    std::vector<const ReadobjNode *> expectedSections = Children(root, "Sections", "Section");
+    ASSERT_EQ(sections.size(), expectedSections.size());
+    for (size_t i = 0; i < sections.size(); ++i) {
+        const ReadobjNode &e = *expectedSections[i];
+        SCOPED_TRACE(e.Get("Name"));
+        EXPECT_EQ(SectionName(sections[i]), StripNumber(e.Get("Name")));
+        EXPECT_EQ(U64(sections[i], BRX_KEY_SECTION_SIZE), ParseNumber(e.Get("RawDataSize")));
+        EXPECT_EQ((U32(sections[i], BRX_KEY_SECTION_FLAGS) & BRX_SECTION_CODE) != 0,
+                  HasFlag(e, "Characteristics", "IMAGE_SCN_CNT_CODE"));
+    }
+
+    // Symbols in table order; a FILE record is offered as a plain symbol named by its file.
+    std::vector<BrxHandle> symbols = Symbols(file);
+    std::vector<const ReadobjNode *> expectedSymbols = Children(root, "Symbols", "Symbol");
+    ASSERT_LE(expectedSymbols.size(), symbols.size());
+    std::map<std::string, uint64_t> functionOffsets;
+    std::map<std::string, size_t> functionSections;
+    size_t comdatSections = 0;
+    for (size_t i = 0; i < expectedSymbols.size(); ++i) {
+        const ReadobjNode &e = *expectedSymbols[i];
+        BrxHandle h = symbols[i];
+        std::string name = e.Get("Name");
+        SCOPED_TRACE(name);
+        if (const ReadobjNode *aux = e.Child("AuxFileRecord"))
+            name = aux->Get("FileName");
+        EXPECT_EQ(SymbolName(h), name);
+        EXPECT_EQ(U32(h, BRX_KEY_SYMBOL_TYPE),
+                  StripNumber(e.Get("ComplexType")) == "Function" ? 2u : 0u);
+        EXPECT_EQ(U32(h, BRX_KEY_SYMBOL_BINDING),
+                  StripNumber(e.Get("StorageClass")) == "External" ? 2u : 1u);
+        EXPECT_EQ(U64(h, BRX_KEY_SYMBOL_OFFSET), ParseNumber(e.Get("Value")));
+        uint64_t number = NumberInParentheses(e.Get("Section"));
+        bool inSection = e.Get("Section").rfind("IMAGE_SYM_", 0) != 0;
+        BrxHandle section = U32(h, BRX_KEY_SYMBOL_SECTION);
+        EXPECT_EQ(section, inSection ? sections.at(number - 1) : 0u);
+        if (inSection) {
+            functionOffsets[name] = ParseNumber(e.Get("Value"));
+            functionSections[name] = number - 1;
+        }
+        // The definition record of a COMDAT section carries its selection.
+        if (const ReadobjNode *def = e.Child("AuxSectionDef")) {
+            uint32_t selection = uint32_t(NumberInParentheses(def->Get("Selection")));
+            if (selection == 0)
+                continue;
+            BrxComdat comdat{};
+            ASSERT_EQ(_brx_get_keyed(sections.at(number - 1), BRX_KEY_COMDAT, nullptr, &comdat, 0),
+                      0);
+            EXPECT_EQ(comdat.selection, selection);
+            if (selection == BRX_COMDAT_ASSOCIATIVE) {
+                EXPECT_EQ(comdat.section,
+                          sections.at(NumberInParentheses(def->Get("AssocSection")) - 1));
+            }
+            ++comdatSections;
+        }
+    }
+    EXPECT_GE(comdatSections, GetParam().comdatSections);
+
+    size_t relocationCount = 0;
+    for (const ReadobjNode &list : root.Child("Relocations")->children) {
+        size_t number = size_t(ParseNumber(list.name.substr(list.name.find('(') + 1)));
+        std::vector<BrxHandle> relocs = Relocations(sections.at(number - 1));
+        ASSERT_EQ(relocs.size(), list.children.size());
+        for (size_t k = 0; k < relocs.size(); ++k) {
+            const ReadobjNode &e = list.children[k];
+            EXPECT_EQ(U64(relocs[k], BRX_KEY_RELOC_OFFSET), ParseNumber(e.Get("Offset")));
+            EXPECT_EQ(U32(relocs[k], BRX_KEY_RELOC_TYPE), NumberInParentheses(e.Get("Type")));
+            EXPECT_EQ(SymbolName(U32(relocs[k], BRX_KEY_RELOC_TARGET)), e.Get("Symbol"));
+        }
+        relocationCount += relocs.size();
+    }
+    EXPECT_GE(relocationCount, 6u);
+
+    // Line information: llvm-readobj gives offsets from the function's symbol; brix gives
+    // section offsets.
+    std::vector<LineRow> expectedRows;
+    std::vector<std::string> expectedFiles;
+    std::function<void(const ReadobjNode &)> collect = [&](const ReadobjNode &n) {
+        if (n.name == "FunctionLineTable") {
+            std::string function = n.Get("LinkageName");
+            for (const ReadobjNode &segment : n.children) {
+                if (segment.name != "FilenameSegment")
+                    continue;
+                std::string fileName = StripNumber(segment.Get("Filename"));
+                if (std::find(expectedFiles.begin(), expectedFiles.end(), fileName) ==
+                    expectedFiles.end())
+                    expectedFiles.push_back(fileName);
+                for (const ReadobjNode &row : segment.children)
+                    expectedRows.push_back(
+                        {functionSections.at(function), fileName,
+                         functionOffsets.at(function) + ParseNumber(row.name.substr(1)),
+                         uint32_t(ParseNumber(row.Get("LineNumberStart")))});
+            }
+        }
+        for (const ReadobjNode &c : n.children)
+            collect(c);
+    };
+    collect(root);
+    ASSERT_GE(expectedRows.size(), 8u);
+
+    std::vector<LineRow> rows;
+    for (size_t i = 0; i < sections.size(); ++i) {
+        BrxHandle previousBlock = BRX_FIRST, block = 0;
+        while (_brx_get_keyed(sections[i], BRX_KEY_NEXT_LINE_BLOCK, &previousBlock, &block, 0) ==
+               0) {
+            BrxHandle reference = U32(block, BRX_KEY_LINE_BLOCK_FILE);
+            BrxHandle fileSymbol = U32(reference, BRX_KEY_LINE_FILE_SYMBOL);
+            EXPECT_EQ(U32(fileSymbol, BRX_KEY_SYMBOL_TYPE), uint32_t(BRX_SYMBOL_SOURCE_FILE));
+            std::string fileName = SymbolName(fileSymbol);
+            uint32_t count = U32(block, BRX_KEY_LINE_ITEM_COUNT);
+            uint32_t seen = 0;
+            BrxHandle previousItem = BRX_FIRST, item = 0;
+            while (_brx_get_keyed(block, BRX_KEY_NEXT_LINE_ITEM, &previousItem, &item, 0) == 0) {
+                rows.push_back({i, fileName, U64(item, BRX_KEY_LINE_ITEM_ADDRESS),
+                                U32(item, BRX_KEY_LINE_ITEM_LINE)});
+                EXPECT_EQ(U32(item, BRX_KEY_OWNER), block);
+                previousItem = item;
+                ++seen;
+            }
+            EXPECT_EQ(seen, count);
+            previousBlock = block;
+        }
+    }
+    std::sort(rows.begin(), rows.end());
+    std::sort(expectedRows.begin(), expectedRows.end());
+    EXPECT_EQ(rows, expectedRows);
+
+    // The files the line information names are the source-file symbols, in first-seen order.
+    std::vector<std::string> files;
+    BrxHandle table = SymbolTable(file), symbol = 0;
+    uint32_t sourceFile = BRX_SYMBOL_SOURCE_FILE;
+    BrxFindSymbol find{BRX_FIRST, BRX_KEY_SYMBOL_TYPE, &sourceFile};
+    while (_brx_get_keyed(table, BRX_KEY_FIND_SYMBOL, &find, &symbol, 0) == 0) {
+        files.push_back(SymbolName(symbol));
+        find.after = symbol;
+    }
+    std::vector<std::string> sortedFiles = files, sortedExpected = expectedFiles;
+    std::sort(sortedFiles.begin(), sortedFiles.end());
+    std::sort(sortedExpected.begin(), sortedExpected.end());
+    EXPECT_EQ(sortedFiles, sortedExpected);
+    EXPECT_EQ(files.size(), 2u);
+    EXPECT_EQ(_brx_close_file(file), 0);
+}
+
+// With function sections every function has a COMDAT code section and its own associated
+// .debug$S; without them the functions share .text and their lines start inside it.
+INSTANTIATE_TEST_SUITE_P(Layouts, ForeignCoff,
+                         ::testing::Values(CompileCase{"SharedText", "", 0},
+                                           CompileCase{"FunctionSections", "-ffunction-sections",
+                                                       3}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+} // namespace
