@@ -156,6 +156,40 @@ DbgStatus ModuleBuilder::Line(DbgSource source, uint32_t line, uint64_t offset, 
     return Dbg_create_line(scope, &desc);
 }
 
+BrxHandle ModuleBuilder::FindSection(const std::string &name) const {
+    BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_KEY_NAME, name.c_str()};
+    BrxHandle section = 0;
+    if (_brx_get_keyed(m_File, BRX_KEY_FIND, &find, &section, 0) != BRX_OK)
+        return 0;
+    return section;
+}
+
+std::vector<uint8_t> ModuleBuilder::SectionBytes(const std::string &name) const {
+    BrxHandle section = FindSection(name);
+    uint64_t size = 0;
+    if (!section || _brx_get_keyed(section, BRX_KEY_SECTION_SIZE, nullptr, &size, 0) != BRX_OK)
+        return {};
+    std::vector<uint8_t> bytes(size);
+    BrxBytes data{size, 0, bytes.data()};
+    if (size && _brx_get_keyed(section, BRX_KEY_SECTION_DATA, nullptr, &data, 0) != BRX_OK)
+        return {};
+    return bytes;
+}
+
+std::vector<ModuleBuilder::Relocation> ModuleBuilder::Relocations(BrxHandle section) const {
+    std::vector<Relocation> relocations;
+    BrxHandle previous = BRX_FIRST, next = 0;
+    while (_brx_get_keyed(section, BRX_KEY_NEXT_RELOCATION, &previous, &next, 0) == BRX_OK) {
+        Relocation r{0, 0, 0};
+        _brx_get_keyed(next, BRX_KEY_RELOC_OFFSET, nullptr, &r.offset, 0);
+        _brx_get_keyed(next, BRX_KEY_RELOC_TYPE, nullptr, &r.type, 0);
+        _brx_get_keyed(next, BRX_KEY_RELOC_TARGET, nullptr, &r.target, 0);
+        relocations.push_back(r);
+        previous = next;
+    }
+    return relocations;
+}
+
 bool ModuleBuilder::Write() { return m_File && _brx_write_file(m_File) == BRX_OK; }
 
 } // namespace qtest

@@ -68,6 +68,17 @@ public:
     DbgStatus Line(DbgSource source, uint32_t line, uint64_t offset, DbgScope scope = nullptr);
 
     DbgStatus Emit() { return Dbg_emit(); }
+
+    // The bytes of a section of the file, by name (empty when there is no such section).
+    std::vector<uint8_t> SectionBytes(const std::string &name) const;
+    BrxHandle FindSection(const std::string &name) const;
+    struct Relocation {
+        uint64_t offset;
+        uint32_t type;
+        BrxHandle target;
+    };
+    // The relocations of a section, in the order they were made.
+    std::vector<Relocation> Relocations(BrxHandle section) const;
     // Writes the object file to its path; true on success.
     bool Write();
 

@@ -1,0 +1,318 @@
+// Modules built through the C API, written as ELF32 and ELF64 and read back by binutils and
+// LLVM: the decoded line rows must be exactly the line entries described, every entry must be
+// shown with its tag, name and attributes, and the verifier must find nothing wrong.
+#include "support/ModuleBuilder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <regex>
+#include <sstream>
+
+namespace {
+
+using qtest::ModuleBuilder;
+
+struct Row {
+    std::string file;
+    uint32_t line;
+    uint64_t address;
+    bool operator==(const Row &o) const {
+        return file == o.file && line == o.line && address == o.address;
+    }
+};
+
+std::ostream &operator<<(std::ostream &os, const Row &r) {
+    return os << r.file << ":" << r.line << "@0x" << std::hex << r.address << std::dec;
+}
+
+// A sequence's rows and the address at which it ends.
+struct Sequence {
+    std::vector<Row> rows;
+    uint64_t end;
+};
+
+// One line entry as described: the file's base name, line and section offset.
+struct Described {
+    const char *file;
+    uint32_t line;
+    uint64_t offset;
+};
+
+// What a sequence must decode to: the entries sorted by address; it ends on the next multiple
+// of 16 above the last row.
+Sequence Expect(std::vector<Described> entries) {
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](const Described &a, const Described &b) { return a.offset < b.offset; });
+    Sequence s;
+    for (const Described &e : entries)
+        s.rows.push_back({e.file, e.line, e.offset});
+    uint64_t last = s.rows.empty() ? 0 : s.rows.back().address;
+    s.end = (last / 16 + 1) * 16;
+    return s;
+}
+
+// The rows of `readelf --debug-dump=decodedline`: "name line address [view] [x]"; a "-" line
+// ends a sequence.
+std::vector<Sequence> ReadelfSequences(const std::string &output) {
+    std::vector<Sequence> sequences;
+    Sequence current;
+    std::regex row(R"(^(\S+)\s+(\d+|-)\s+(0x[0-9a-f]+|0)\b.*$)");
+    for (const std::string &line : qtest::SplitLines(output)) {
+        std::smatch m;
+        if (!std::regex_match(line, m, row))
+            continue;
+        uint64_t address = std::stoull(m[3].str(), nullptr, 16);
+        if (m[2].str() == "-") {
+            current.end = address;
+            sequences.push_back(current);
+            current = Sequence();
+        } else {
+            current.rows.push_back({m[1].str(), uint32_t(std::stoul(m[2].str())), address});
+        }
+    }
+    return sequences;
+}
+
+// The entries of `llvm-dwarfdump --debug-info`: tag and, when present, name.
+struct Entry {
+    std::string tag;
+    std::string name;
+    std::map<std::string, std::string> attributes;
+};
+
+std::vector<Entry> DwarfdumpEntries(const std::string &output) {
+    std::vector<Entry> entries;
+    std::regex tag(R"(^0x[0-9a-f]+:\s+(DW_TAG_\w+|NULL).*$)");
+    std::regex attribute(R"(^\s+(DW_AT_\w+)\s+\((.*)\)\s*$)");
+    for (const std::string &line : qtest::SplitLines(output)) {
+        std::smatch m;
+        if (std::regex_match(line, m, tag)) {
+            entries.push_back({m[1].str(), "", {}});
+        } else if (!entries.empty() && std::regex_match(line, m, attribute)) {
+            std::string value = m[2].str();
+            if (m[1].str() == "DW_AT_name" && value.size() >= 2)
+                entries.back().name = value.substr(1, value.size() - 2);
+            entries.back().attributes[m[1].str()] = value;
+        }
+    }
+    return entries;
+}
+
+std::string Join(const std::vector<std::string> &lines) {
+    std::string out;
+    for (const std::string &l : lines)
+        out += l + "\n";
+    return out;
+}
+
+class DwarfConsumer : public ::testing::TestWithParam<int32_t> {
+protected:
+    void ExpectNoComplaints(const std::string &command) {
+        qtest::CommandResult r = qtest::RunConsumer(command, m_Path);
+        EXPECT_EQ(r.exitCode, 0) << command << "\n" << r.output;
+        EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
+            << command << "\n"
+            << Join(qtest::ConsumerComplaints(r.output));
+    }
+
+    qtest::TempDir m_Dir;
+    std::string m_Path;
+};
+
+// A module with every object kind, two code sections and a data section, procedures with and
+// without objects, entry points, six source files in several directories, and line entries
+// described out of order in procedures and in sections.
+void BuildRichModule(const std::string &path, int32_t format, std::vector<Sequence> &expected) {
+    ModuleBuilder m(path, format);
+    BrxHandle text = m.AddSection(".text", true, 0x200);
+    BrxHandle cold = m.AddSection(".text.cold", true, 0x100);
+    BrxHandle data = m.AddSection(".data", false, 0x40);
+    BrxHandle p1 = m.AddSymbol("p1", text, 0x00);
+    BrxHandle p1Alt = m.AddSymbol(".p1_alt", text, 0x20);
+    BrxHandle l1 = m.AddSymbol(".L1", text, 0x10, false);
+    BrxHandle p2 = m.AddSymbol("p2", text, 0x80, false);
+    BrxHandle p3 = m.AddSymbol("p3", cold, 0x00);
+    BrxHandle counter = m.AddSymbol("counter", data, 0x00, true, BRX_SYMBOL_PLAIN);
+    BrxHandle buffer = m.AddSymbol("buffer", data, 0x08, false, BRX_SYMBOL_PLAIN);
+
+    DbgScope module = nullptr;
+    ASSERT_EQ(m.OpenModule(u"c:\\work", u"main.asm", u"qasm 2.1", 0, &module), 0u);
+    DbgSource a = m.Source(u"c:\\proj\\src\\a.asm");
+    DbgSource b = m.Source(u"c:\\proj\\src\\b.asm");
+    DbgSource inc = m.Source(u"c:\\proj\\inc\\macros.inc");
+    DbgSource c = m.Source(u"C:\\Proj\\Src\\c.asm"); // the directory of a.asm
+    DbgSource plain = m.Source(u"plain.asm");             // no directory
+    DbgSource d = m.Source(u"C:\\Work\\d.asm");          // the compilation directory
+
+    int32_t limit = -40000;
+    ASSERT_EQ(m.Constant("LIMIT", 6, &limit), 0u);
+    double half = 0.5;
+    ASSERT_EQ(m.Constant("HALF", 10, &half), 0u);
+
+    DbgType data4 = nullptr, procType = nullptr;
+    ASSERT_EQ(Dbg_base_type(5, &data4), 0u);
+    ASSERT_EQ(Dbg_procedure_type(data4, 1, &procType), 0u);
+
+    ASSERT_EQ(m.OpenSection(text), 0u);
+    ASSERT_EQ(m.Line(c, 50, 0x60), 0u); // the section's own entry
+    ASSERT_EQ(m.OpenProcedure({p1, p1Alt}, 0x00, 0x40, nullptr, nullptr, procType, 300), 0u);
+    ASSERT_EQ(m.CodeLabel(p1), 0u); // folded into the procedure's entry
+    ASSERT_EQ(m.CodeLabel(l1), 0u);
+    ASSERT_EQ(m.CodeLabel(p1Alt), 0u); // an entry point
+    ASSERT_EQ(m.Register("acc", 7, 200), 0u);
+    // Described in decreasing order.
+    ASSERT_EQ(m.Line(b, 30, 0x30), 0u);
+    ASSERT_EQ(m.Line(inc, 7, 0x24), 0u);
+    ASSERT_EQ(m.Line(a, 12, 0x10), 0u);
+    ASSERT_EQ(m.Line(a, 10, 0x00), 0u);
+    ASSERT_EQ(m.Close(), 0u);
+    ASSERT_EQ(m.OpenProcedure({p2}, 0x80, 0x90), 0u); // no objects, default type
+    ASSERT_EQ(m.Line(plain, 3, 0x84), 0u);
+    ASSERT_EQ(m.Line(d, 200, 0x80), 0u);
+    ASSERT_EQ(m.Close(), 0u);
+    expected.push_back(Expect({{"c.asm", 50, 0x60},
+                               {"b.asm", 30, 0x30},
+                               {"macros.inc", 7, 0x24},
+                               {"a.asm", 12, 0x10},
+                               {"a.asm", 10, 0x00},
+                               {"plain.asm", 3, 0x84},
+                               {"d.asm", 200, 0x80}}));
+
+    // A data section with labels and rows of its own: it ends its own sequence.
+    ASSERT_EQ(Dbg_set_current_scope(module), 0u);
+    ASSERT_EQ(m.OpenSection(data), 0u);
+    ASSERT_EQ(m.DataLabel(counter, 8), 0u);
+    ASSERT_EQ(m.DataLabel(buffer, 0), 0u);
+    ASSERT_EQ(m.Line(b, 90, 0x08), 0u);
+    ASSERT_EQ(m.Line(b, 88, 0x00), 0u);
+    ASSERT_EQ(m.Close(), 0u);
+    expected.push_back(Expect({{"b.asm", 90, 0x08}, {"b.asm", 88, 0x00}}));
+
+    ASSERT_EQ(m.OpenSection(cold), 0u);
+    ASSERT_EQ(m.OpenProcedure({p3}, 0x00, 0x2e), 0u);
+    ASSERT_EQ(m.Line(a, 70, 0x00), 0u);
+    ASSERT_EQ(m.Line(inc, 2, 0x2e), 0u);
+    ASSERT_EQ(m.Line(a, 71, 0x04), 0u);
+    expected.push_back(Expect({{"a.asm", 70, 0x00}, {"macros.inc", 2, 0x2e}, {"a.asm", 71, 0x04}}));
+
+    ASSERT_EQ(m.Emit(), 0u);
+    ASSERT_TRUE(m.Write());
+}
+
+TEST_P(DwarfConsumer, ReadelfDecodesExactlyTheDescribedRows) {
+    m_Path = m_Dir.File("rich.o");
+    std::vector<Sequence> expected;
+    BuildRichModule(m_Path, GetParam(), expected);
+    ASSERT_FALSE(HasFatalFailure());
+
+    qtest::CommandResult r =
+        qtest::RunConsumer("readelf --debug-dump=info,abbrev,rawline,decodedline -W", m_Path);
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
+        << Join(qtest::ConsumerComplaints(r.output));
+    std::vector<Sequence> decoded = ReadelfSequences(r.output);
+    ASSERT_EQ(decoded.size(), expected.size()) << r.output;
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(decoded[i].rows, expected[i].rows) << "sequence " << i;
+        EXPECT_EQ(decoded[i].end, expected[i].end) << "sequence " << i;
+    }
+}
+
+TEST_P(DwarfConsumer, DwarfdumpShowsEveryEntryWithItsAttributes) {
+    m_Path = m_Dir.File("rich.o");
+    std::vector<Sequence> expected;
+    BuildRichModule(m_Path, GetParam(), expected);
+    ASSERT_FALSE(HasFatalFailure());
+
+    qtest::CommandResult r = qtest::RunConsumer("llvm-dwarfdump-14 --debug-info --debug-line", m_Path);
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
+        << Join(qtest::ConsumerComplaints(r.output));
+    std::vector<Entry> entries = DwarfdumpEntries(r.output);
+    // Child scopes come before the scope's own objects; types stand with the module's objects.
+    std::vector<std::pair<std::string, std::string>> want = {
+        {"DW_TAG_compile_unit", "main.asm"},
+        // The main-symbol label left p1's list; the last object took its place.
+        {"DW_TAG_subprogram", "p1"},
+        {"DW_TAG_constant", "acc"},
+        {"DW_TAG_label", ".L1"},
+        {"DW_TAG_entry_point", "p1_alt"},
+        {"NULL", ""},
+        {"DW_TAG_subprogram", "p2"},
+        {"DW_TAG_variable", "counter"},
+        {"DW_TAG_label", "buffer"},
+        {"DW_TAG_subprogram", "p3"},
+        // A type joins the module's objects when an object first takes it, before that object.
+        {"DW_TAG_base_type", "data4"}, // signed, of LIMIT
+        {"DW_TAG_constant", "LIMIT"},
+        {"DW_TAG_base_type", "real8"},
+        {"DW_TAG_constant", "HALF"},
+        {"DW_TAG_base_type", "void"},  // the default procedure type's return type
+        {"DW_TAG_base_type", "data4"}, // unsigned, returned by p1's type
+        {"DW_TAG_base_type", "data8"}, // unsigned, of acc
+        {"DW_TAG_base_type", "data8"}, // signed, of counter
+        {"NULL", ""},
+    };
+    std::vector<std::pair<std::string, std::string>> got;
+    for (const Entry &e : entries)
+        got.push_back({e.tag, e.name});
+    EXPECT_EQ(got, want) << r.output;
+    if (got != want)
+        return;
+    const Entry &unit = entries[0];
+    EXPECT_EQ(unit.attributes.at("DW_AT_comp_dir"), "\"c:\\\\work\""); // printed escaped
+    EXPECT_EQ(unit.attributes.at("DW_AT_producer"), "\"qasm 2.1\"");
+    EXPECT_EQ(unit.attributes.count("DW_AT_low_pc"), 0u) << "two code sections: no range";
+    const Entry &p1 = entries[1];
+    EXPECT_NE(p1.attributes.at("DW_AT_type").find("\"data4\""), std::string::npos);
+    EXPECT_EQ(p1.attributes.at("DW_AT_external"), "0x01");
+    EXPECT_NE(p1.attributes.at("DW_AT_return_addr").find("DW_OP_regx"), std::string::npos);
+    EXPECT_NE(entries[2].attributes.at("DW_AT_location").find("DW_OP_regx 0xc7"),
+              std::string::npos);
+    EXPECT_EQ(entries[3].attributes.at("DW_AT_external"), "0x00");
+    EXPECT_EQ(entries[6].attributes.count("DW_AT_type"), 0u) << "default type: no reference";
+    EXPECT_EQ(entries[6].attributes.at("DW_AT_external"), "0x00");
+    EXPECT_NE(entries[7].attributes.at("DW_AT_type").find("\"data8\""), std::string::npos);
+    EXPECT_NE(entries[11].attributes.at("DW_AT_const_value").find("c0 63 ff ff"),
+              std::string::npos)
+        << entries[11].attributes.at("DW_AT_const_value");
+    EXPECT_NE(entries[11].attributes.at("DW_AT_type").find("\"data4\""), std::string::npos);
+}
+
+TEST_P(DwarfConsumer, VerifierFindsNoErrors) {
+    m_Path = m_Dir.File("rich.o");
+    std::vector<Sequence> expected;
+    BuildRichModule(m_Path, GetParam(), expected);
+    ASSERT_FALSE(HasFatalFailure());
+    qtest::CommandResult r = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
+    EXPECT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_NE(r.output.find("No errors."), std::string::npos) << r.output;
+    // The verdict itself is the one line that mentions errors.
+    EXPECT_EQ(qtest::ConsumerComplaints(r.output), std::vector<std::string>{"No errors."});
+    ExpectNoComplaints("objdump --dwarf=info,abbrev,line");
+}
+
+// An empty module still gets its three sections, a unit and a line-program header.
+TEST_P(DwarfConsumer, EmptyModuleIsValid) {
+    m_Path = m_Dir.File("empty.o");
+    {
+        ModuleBuilder m(m_Path, GetParam());
+        ASSERT_EQ(m.OpenModule(), 0u);
+        ASSERT_EQ(m.Emit(), 0u);
+        ASSERT_TRUE(m.Write());
+    }
+    ExpectNoComplaints("readelf --debug-dump=info,abbrev,rawline,decodedline -W");
+    qtest::CommandResult r = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
+    EXPECT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_NE(r.output.find("No errors."), std::string::npos) << r.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(Elf, DwarfConsumer,
+                         ::testing::Values(BRX_FORMAT_ELF32, BRX_FORMAT_ELF64),
+                         [](const ::testing::TestParamInfo<int32_t> &info) {
+                             return info.param == BRX_FORMAT_ELF32 ? "Elf32" : "Elf64";
+                         });
+
+} // namespace
