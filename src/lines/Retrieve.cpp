@@ -2,6 +2,10 @@
 
 #include "dwarf/AbbrevSection.h"
 #include "dwarf/InfoSection.h"
+#include "frame/LibraryState.h"
+#include "objects/CompInfo.h"
+#include "scopes/ModuleScope.h"
+#include "scopes/SectionScope.h"
 
 #include <algorithm>
 #include <cstring>
@@ -275,6 +279,14 @@ uint32_t CBaseRetrieve::LoadElfLines() {
 uint32_t CBaseRetrieve::LoadDwarf(const CDwarfSections &sections, CSequencePlacer &placer) {
     if (sections.lineSize < kMinLineSectionSize)
         return DBG_ERR_LINE_SECTION_TOO_SHORT;
+    // A run that has written a line program cannot decode one (they share the header constants
+    // in the specification's model); the library's reader claims the interlock.
+    if (IsLibraryReader()) {
+        uint32_t &use = State().lineProgramUse;
+        if (use == kLineProgramWriting)
+            return DBG_ERR_READ_FAILED;
+        use = kLineProgramDecoding;
+    }
     CAbbrevSection abbrev(sections.abbrev, sections.abbrevSize);
     CInfoSection info(sections.info, sections.infoSize, abbrev, sections.str, sections.strSize);
     CLineSection line(sections.line, sections.lineSize);
@@ -373,8 +385,32 @@ uint32_t CBaseRetrieve::LoadCoffLines() {
     return status;
 }
 
-void CBaseRetrieve::AttachModule(const std::u16string &, const std::u16string &,
-                                 const std::u16string &) {}
+bool CBaseRetrieve::IsLibraryReader() const { return State().reader.get() == this; }
+
+void CBaseRetrieve::AttachModule(const std::u16string &producer, const std::u16string &directory,
+                                 const std::u16string &name) {
+    // Only the library's own reader builds the scope tree; a reader made on its own (a test, the
+    // fuzzer) keeps its rows to itself.
+    LibraryState &state = State();
+    if (!IsLibraryReader() || state.moduleRoot)
+        return;
+    CCompInfo record(kRetrieveLanguage, 0, 0, kRetrieveMachine, nullptr, nullptr,
+                     producer.c_str(), directory.c_str(), name.c_str(), u"");
+    m_pModule = new CModuleScope(record);
+    state.moduleRoot = m_pModule;
+    state.currentScope = m_pModule;
+}
+
+void CBaseRetrieve::AttachSectionScope(CSectionRows &rows) {
+    if (!m_pModule || rows.m_pScope || State().moduleRoot != m_pModule)
+        return;
+    uint16_t flags = 0;
+    if (!Query(rows.m_Section, BRX_KEY_SECTION_FLAGS, nullptr, &flags))
+        flags = 0;
+    auto scope = std::make_unique<CSectionScope>(rows.m_Section, (flags & BRX_SECTION_CODE) != 0);
+    if (m_pModule->AddChildScope(scope.get()).Ok())
+        rows.m_pScope = scope.release(); // owned by the module now
+}
 
 CSectionRows &CBaseRetrieve::SlotOf(BrxHandle section) {
     auto found = m_SectionSlot.find(section);
@@ -446,6 +482,7 @@ void CBaseRetrieve::FinishRows() {
         for (uint32_t i = rows.m_nBegin; i < rows.m_nEnd; i += kFenceStep)
             m_Fence.push_back(m_Rows[i].m_nAddress);
         rows.m_nFenceEnd = static_cast<uint32_t>(m_Fence.size());
+        AttachSectionScope(rows);
     }
 }
 

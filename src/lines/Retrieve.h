@@ -106,8 +106,12 @@ private:
     void FinishRows();
     quillet::CSectionRows &SlotOf(BrxHandle section);
     DbgLineSectionHandle *NumberedHandle(quillet::CSectionRows &rows);
+    bool IsLibraryReader() const;
+    // The retrieval module scope: made from the first unit (or empty for COFF) and made the
+    // library's module root and current scope; section scopes under it for sections with rows.
     void AttachModule(const std::u16string &producer, const std::u16string &directory,
                       const std::u16string &name);
+    void AttachSectionScope(quillet::CSectionRows &rows);
     int64_t FindRowAtOffset(const quillet::CSectionRows &rows, uint64_t offset) const;
     const quillet::CSectionRows *SectionOfRow(uint32_t row) const;
 
