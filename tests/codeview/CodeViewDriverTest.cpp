@@ -1,0 +1,389 @@
+// The CodeView driver end to end on an in-memory COFF object: subsection framing and length
+// patching, the string and checksum tables, line blocks, COMDAT symbol sections and the cursor
+// that finds them, and the failures that end an emission.
+#include "codeview/CodeViewReading.h"
+
+#include "codeview/Md5.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace {
+
+using namespace cvtest;
+
+constexpr uint32_t F1 = 0xF1, F2 = 0xF2, F3 = 0xF3, F4 = 0xF4;
+constexpr uint32_t kSectionIndex = 11, kSectionRelative = 14;
+
+Bytes ChecksumRecord(uint32_t stringOffset, const std::string &content) {
+    const quillet::Md5Digest digest = quillet::CMd5::Of(content.data(), content.size());
+    Bytes out;
+    PutU32(out, stringOffset);
+    out.push_back(16);
+    out.push_back(1);
+    out.insert(out.end(), digest.begin(), digest.end());
+    PutU16(out, 0);
+    return out;
+}
+
+Bytes LineHeader(uint32_t codeSize) {
+    Bytes out(8, 0);
+    PutU32(out, codeSize);
+    return out;
+}
+
+Bytes Block(uint32_t file, std::vector<std::pair<uint32_t, uint32_t>> pairs) {
+    Bytes out;
+    PutU32(out, file);
+    PutU32(out, uint32_t(pairs.size()));
+    PutU32(out, uint32_t(12 + 8 * pairs.size()));
+    for (auto [offset, line] : pairs) {
+        PutU32(out, offset);
+        PutU32(out, (line & 0xFFFFFF) | 0x80000000);
+    }
+    return out;
+}
+
+class CodeViewDriver : public ::testing::Test {
+protected:
+    // No emission here may trip a consistency check.
+    void TearDown() override {
+        EXPECT_EQ(m_Checks.Count(), 0);
+        for (const std::string &expression : m_Checks.Expressions())
+            ADD_FAILURE() << "check failed: " << expression;
+    }
+
+    qtest::CheckCounter m_Checks;
+    qtest::TempDir m_Dir;
+    std::string Write(const std::string &name, const std::string &content) const {
+        const std::string path = m_Dir.File(name);
+        EXPECT_TRUE(qtest::WriteTextFile(path, content)) << path;
+        return path;
+    }
+    std::string ObjectPath() const { return m_Dir.Path() + "/module.obj"; }
+    // The path that the string table gives a file: working directory, '/', base name.
+    static std::string TablePath(const std::string &baseName) {
+        return WorkingDirectory() + "/" + baseName;
+    }
+};
+
+TEST_F(CodeViewDriver, EmptyModuleHoldsOnlyTheModuleRecords) {
+    CoffModule m(ObjectPath());
+    m.OpenModule();
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+
+    const auto symbols = m.SectionsNamed(".debug$S");
+    ASSERT_EQ(symbols.size(), 1u);
+    EXPECT_TRUE(m.SectionsNamed(".debug$T").empty()) << "no type record, no type section";
+    const Bytes bytes = CoffModule::Contents(symbols[0]);
+    const auto subsections = Subsections(bytes);
+    ASSERT_EQ(Kinds(subsections), std::vector<uint32_t>{F1});
+    EXPECT_EQ(subsections[0].content.size() + 12, bytes.size()) << "length patched";
+    std::vector<uint16_t> kinds;
+    for (const Record &r : Records(subsections[0].content))
+        kinds.push_back(r.kind);
+    EXPECT_EQ(kinds, (std::vector<uint16_t>{0x1101, 0x113C, 0x113D}));
+    EXPECT_TRUE(m.Relocations(symbols[0]).empty());
+}
+
+TEST_F(CodeViewDriver, WithoutDebugInfoTheEnvironmentBlockIsLeftOut) {
+    CoffModule m(ObjectPath());
+    m.OpenModule(/*noDebugInfo=*/1);
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+    const auto subsections = Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]));
+    ASSERT_EQ(Kinds(subsections), std::vector<uint32_t>{F1});
+    std::vector<uint16_t> kinds;
+    for (const Record &r : Records(subsections[0].content))
+        kinds.push_back(r.kind);
+    EXPECT_EQ(kinds, (std::vector<uint16_t>{0x1101, 0x113C}));
+}
+
+TEST_F(CodeViewDriver, TwoFilesGiveStringTableChecksumsAndBlocks) {
+    const std::string a = "first file\n", b = "second\nfile\n";
+    const std::string aPath = Write("a.asm", a), bPath = Write("b.asm", b);
+    CoffModule m(ObjectPath());
+    m.OpenModule();
+    const BrxHandle text = m.Section(".text", 0x40);
+    DbgSource fa = m.Source(aPath), fb = m.Source(bPath);
+    DbgScope section = m.OpenSection(text);
+    // Recorded out of order: the blocks come out by address.
+    m.Line(section, fb, 7, 8);
+    m.Line(section, fa, 6, 4);
+    m.Line(section, fa, 5, 0);
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+
+    const BrxHandle symbols = m.SectionsNamed(".debug$S").at(0);
+    const Bytes bytes = CoffModule::Contents(symbols);
+    const auto subsections = Subsections(bytes);
+    ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2}));
+
+    // Offsets follow the recording order of the section's entries: b first, then a.
+    Bytes strings = {0};
+    PutString(strings, TablePath("b.asm"));
+    const uint32_t aOffset = uint32_t(strings.size());
+    PutString(strings, TablePath("a.asm"));
+    EXPECT_EQ(subsections[1].content, strings);
+    EXPECT_EQ(subsections[2].content, Concat({ChecksumRecord(1, b), ChecksumRecord(aOffset, a)}));
+    EXPECT_EQ(subsections[3].content,
+              Concat({LineHeader(0x40), Block(24, {{0, 5}, {4, 6}}), Block(0, {{8, 7}})}));
+
+    const uint64_t header = subsections[3].offset + 8;
+    const auto relocations = m.Relocations(symbols);
+    ASSERT_EQ(relocations.size(), 2u);
+    EXPECT_EQ(relocations[0].offset, header + 4);
+    EXPECT_EQ(relocations[0].type, kSectionIndex);
+    EXPECT_EQ(relocations[0].target, text);
+    EXPECT_EQ(relocations[1].offset, header);
+    EXPECT_EQ(relocations[1].type, kSectionRelative);
+    EXPECT_EQ(relocations[1].target, text);
+}
+
+TEST_F(CodeViewDriver, SubsectionsStartOnFourByteBoundaries) {
+    // A constant's name of 1 to 4 bytes moves the end of the symbols subsection through every
+    // remainder modulo 4; the string table's header must still start aligned, after zero fill.
+    const std::string source = Write("a.asm", "x");
+    std::vector<size_t> lengths;
+    for (const std::string name : {"A", "AB", "ABC", "ABCD"}) {
+        CoffModule m(ObjectPath());
+        DbgScope module = m.OpenModule();
+        const int32_t code = 2;
+        const int8_t value = 5;
+        const DbgObjectProp props[] = {{DBG_PROP_BASE_TYPE, &code},
+                                       {DBG_PROP_VALUE, &value},
+                                       {DBG_PROP_NAME, name.c_str()}};
+        DbgObject constant = nullptr;
+        ASSERT_EQ(Dbg_create_object(DBG_OBJ_CONSTANT, props, 3, module, &constant), DBG_ERR_NONE);
+        DbgScope section = m.OpenSection(m.Section(".text", 4));
+        m.Line(section, m.Source(source), 1, 0);
+        ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+        const auto subsections = Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]));
+        ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2})) << name;
+        lengths.push_back(subsections[0].content.size());
+        EXPECT_EQ(subsections[1].offset, (12 + lengths.back() + 3) & ~size_t(3)) << name;
+    }
+    for (size_t i = 1; i < lengths.size(); ++i)
+        EXPECT_EQ(lengths[i], lengths[0] + i) << "the length counts the content, not the fill";
+}
+
+TEST_F(CodeViewDriver, EverySourceRecordIsItsOwnTableEntry) {
+    // x.asm and sub/x.asm share a base name; x.asm is registered twice.
+    const std::string one = Write("x.asm", "one");
+    ASSERT_EQ(qtest::RunCommand("mkdir -p '" + m_Dir.File("sub") + "'").exitCode, 0);
+    const std::string two = Write("sub/x.asm", "two");
+    CoffModule m(ObjectPath());
+    m.OpenModule();
+    DbgSource first = m.Source(one), other = m.Source(two), again = m.Source(one);
+    DbgScope section = m.OpenSection(m.Section(".text", 16));
+    m.Line(section, first, 1, 0);
+    m.Line(section, again, 2, 4);
+    m.Line(section, other, 3, 8);
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+
+    const auto subsections = Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]));
+    ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2}));
+    Bytes strings = {0};
+    std::vector<uint32_t> offsets;
+    for (int i = 0; i < 3; ++i) {
+        offsets.push_back(uint32_t(strings.size()));
+        PutString(strings, TablePath("x.asm"));
+    }
+    EXPECT_EQ(subsections[1].content, strings);
+    EXPECT_EQ(subsections[2].content,
+              Concat({ChecksumRecord(offsets[0], "one"), ChecksumRecord(offsets[1], "one"),
+                      ChecksumRecord(offsets[2], "two")}));
+    // Records with equal names make one run, named by the first record's checksum; a different
+    // name with the same base name starts another.
+    EXPECT_EQ(subsections[3].content, Concat({LineHeader(16), Block(0, {{0, 1}, {4, 2}}),
+                                              Block(48, {{8, 3}})}));
+}
+
+TEST_F(CodeViewDriver, EachSectionWritesItsOwnLinesSubsection) {
+    const std::string a = Write("a.asm", "a"), b = Write("b.asm", "b");
+    CoffModule m(ObjectPath());
+    DbgScope module = m.OpenModule();
+    const BrxHandle text = m.Section(".text", 0x20), more = m.Section(".text2", 0x30);
+    const BrxHandle quiet = m.Section(".text3", 0x10);
+    DbgSource fa = m.Source(a), fb = m.Source(b);
+    // First section: lines only in its procedure, after one of its own.
+    DbgScope s1 = m.OpenSection(text);
+    m.Line(s1, fa, 1, 0);
+    DbgScope p1 = m.OpenProcedure(m.Symbol("p1", text, 8), 8, 0x20);
+    m.Line(p1, fb, 10, 8);
+    m.Line(p1, fb, 11, 12);
+    m.Close();
+    m.Reenter(module);
+    // Second section: no entries of its own, a procedure with entries.
+    m.OpenSection(more);
+    DbgScope p2 = m.OpenProcedure(m.Symbol("p2", more, 0), 0, 0x30);
+    m.Line(p2, fa, 20, 0x10);
+    m.Close();
+    m.Reenter(module);
+    // Third: no entries anywhere below it.
+    m.OpenSection(quiet);
+    m.OpenProcedure(m.Symbol("p3", quiet, 0), 0, 0x10);
+    m.Close();
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+
+    const BrxHandle symbols = m.SectionsNamed(".debug$S").at(0);
+    const auto subsections = Subsections(CoffModule::Contents(symbols));
+    ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2, F2}));
+    // One checksum table for both sections: a at 0, b at 24.
+    EXPECT_EQ(subsections[3].content, Concat({LineHeader(0x20), Block(0, {{0, 1}}),
+                                              Block(24, {{8, 10}, {12, 11}})}));
+    EXPECT_EQ(subsections[4].content, Concat({LineHeader(0x30), Block(0, {{0x10, 20}})}));
+
+    const auto relocations = m.Relocations(symbols);
+    std::vector<qtest::ModuleBuilder::Relocation> lineRelocations;
+    for (const auto &r : relocations)
+        if (r.offset >= subsections[3].offset)
+            lineRelocations.push_back(r);
+    ASSERT_EQ(lineRelocations.size(), 4u);
+    EXPECT_EQ(lineRelocations[0].offset, subsections[3].offset + 12);
+    EXPECT_EQ(lineRelocations[0].target, text);
+    EXPECT_EQ(lineRelocations[1].offset, subsections[3].offset + 8);
+    EXPECT_EQ(lineRelocations[2].offset, subsections[4].offset + 12);
+    EXPECT_EQ(lineRelocations[2].target, more);
+    EXPECT_EQ(lineRelocations[3].offset, subsections[4].offset + 8);
+    EXPECT_EQ(lineRelocations[3].type, kSectionRelative);
+}
+
+TEST_F(CodeViewDriver, ComdatSectionHasItsOwnSymbolSectionAndTables) {
+    const std::string a = Write("a.asm", "aaa"), b = Write("b.asm", "bbb");
+    CoffModule m(ObjectPath());
+    DbgScope module = m.OpenModule();
+    const BrxHandle text = m.Section(".text", 0x10);
+    const BrxHandle inlined = m.Section(".text$inl", 0x18, true, /*comdat=*/true);
+    DbgSource fa = m.Source(a), fb = m.Source(b);
+    DbgScope plain = m.OpenSection(text);
+    m.Line(plain, fb, 1, 0);
+    m.Line(plain, fa, 2, 4);
+    m.Reenter(module);
+    m.OpenSection(inlined);
+    DbgScope proc = m.OpenProcedure(m.Symbol("inl", inlined, 0), 0, 0x18);
+    m.Line(proc, fa, 30, 0);
+    m.Line(proc, fa, 31, 6);
+    m.Close();
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+
+    const auto symbols = m.SectionsNamed(".debug$S");
+    ASSERT_EQ(symbols.size(), 2u);
+    const BrxComdat association = CoffModule::Comdat(symbols[1]);
+    EXPECT_EQ(association.selection, uint32_t(BRX_COMDAT_ASSOCIATIVE));
+    EXPECT_EQ(association.section, inlined);
+    EXPECT_EQ(CoffModule::Comdat(symbols[0]).selection, 0u);
+
+    const auto main = Subsections(CoffModule::Contents(symbols[0]));
+    ASSERT_EQ(Kinds(main), (std::vector<uint32_t>{F1, F3, F4, F2}));
+    const uint32_t aOffset = uint32_t(1 + TablePath("b.asm").size() + 1);
+    EXPECT_EQ(main[2].content, Concat({ChecksumRecord(1, "bbb"), ChecksumRecord(aOffset, "aaa")}));
+    EXPECT_EQ(main[3].content, Concat({LineHeader(0x10), Block(0, {{0, 1}}), Block(24, {{4, 2}})}));
+
+    // The COMDAT section's own table starts again at index 0, for a file the main one has too.
+    const Bytes ownBytes = CoffModule::Contents(symbols[1]);
+    const auto own = Subsections(ownBytes);
+    ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F4, F2}));
+    std::vector<uint16_t> kinds;
+    for (const Record &r : Records(own[0].content))
+        kinds.push_back(r.kind);
+    EXPECT_EQ(kinds, (std::vector<uint16_t>{0x1110, 0x0006}));
+    EXPECT_EQ(own[1].content, ChecksumRecord(aOffset, "aaa"));
+    EXPECT_EQ(own[2].content, Concat({LineHeader(0x18), Block(0, {{0, 30}, {6, 31}})}));
+
+    const auto relocations = m.Relocations(symbols[1]);
+    ASSERT_EQ(relocations.size(), 4u); // the procedure's two, then the line header's two
+    EXPECT_EQ(relocations[2].offset, own[2].offset + 12);
+    EXPECT_EQ(relocations[2].type, kSectionIndex);
+    EXPECT_EQ(relocations[2].target, inlined);
+    EXPECT_EQ(relocations[3].offset, own[2].offset + 8);
+    EXPECT_EQ(relocations[3].type, kSectionRelative);
+    EXPECT_EQ(relocations[3].target, inlined);
+}
+
+TEST_F(CodeViewDriver, ComdatSectionWithoutLinesStillMovesTheCursor) {
+    const std::string a = Write("a.asm", "a");
+    CoffModule m(ObjectPath());
+    DbgScope module = m.OpenModule();
+    const BrxHandle first = m.Section(".text$1", 8, true, true);
+    const BrxHandle second = m.Section(".text$2", 8, true, true);
+    m.OpenSection(first);
+    m.OpenProcedure(m.Symbol("f1", first, 0), 0, 8);
+    m.Close();
+    m.Reenter(module);
+    m.OpenSection(second);
+    DbgScope proc = m.OpenProcedure(m.Symbol("f2", second, 0), 0, 8);
+    m.Line(proc, m.Source(a), 3, 2);
+    m.Close();
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+
+    const auto symbols = m.SectionsNamed(".debug$S");
+    ASSERT_EQ(symbols.size(), 3u);
+    EXPECT_EQ(CoffModule::Comdat(symbols[1]).section, first);
+    EXPECT_EQ(CoffModule::Comdat(symbols[2]).section, second);
+    EXPECT_EQ(Kinds(Subsections(CoffModule::Contents(symbols[0]))),
+              (std::vector<uint32_t>{F1, F3}));
+    EXPECT_EQ(Kinds(Subsections(CoffModule::Contents(symbols[1]))), (std::vector<uint32_t>{F1}));
+    const auto own = Subsections(CoffModule::Contents(symbols[2]));
+    ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F4, F2}));
+    EXPECT_EQ(own[2].content, Concat({LineHeader(8), Block(0, {{2, 3}})}));
+}
+
+TEST_F(CodeViewDriver, LinesHeldByTheModuleAreIgnored) {
+    CoffModule m(ObjectPath());
+    DbgScope module = m.OpenModule();
+    // The file does not exist: reading it would fail the emission.
+    m.Line(module, m.Source(m_Dir.Path() + "/missing.asm"), 4, 0);
+    m.OpenSection(m.Section(".text", 8));
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+    EXPECT_EQ(Kinds(Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]))),
+              std::vector<uint32_t>{F1});
+}
+
+TEST_F(CodeViewDriver, UnreadableSourceFileFailsTheEmission) {
+    CoffModule m(ObjectPath());
+    m.OpenModule();
+    DbgScope section = m.OpenSection(m.Section(".text", 8));
+    m.Line(section, m.Source(m_Dir.Path() + "/missing.asm"), 4, 0);
+    EXPECT_EQ(Dbg_emit(), DBG_ERR_WRITE_FAILED);
+}
+
+TEST_F(CodeViewDriver, ProcedureTypesAreNumberedInTheTypeSection) {
+    CoffModule m(ObjectPath());
+    m.OpenModule();
+    const BrxHandle text = m.Section(".text", 0x30);
+    DbgType data4 = nullptr, real8 = nullptr, near = nullptr, far = nullptr;
+    ASSERT_EQ(Dbg_base_type(5, &data4), DBG_ERR_NONE);
+    ASSERT_EQ(Dbg_base_type(10, &real8), DBG_ERR_NONE);
+    ASSERT_EQ(Dbg_procedure_type(data4, 1, &near), DBG_ERR_NONE);
+    ASSERT_EQ(Dbg_procedure_type(real8, 2, &far), DBG_ERR_NONE);
+    m.OpenSection(text);
+    m.OpenProcedure(m.Symbol("one", text, 0), 0, 0x10, near);
+    m.Close();
+    m.OpenProcedure(m.Symbol("two", text, 0x10), 0x10, 0x20, far);
+    m.Close();
+    m.OpenProcedure(m.Symbol("three", text, 0x20), 0x20, 0x30, near);
+    m.Close();
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+
+    const auto types = m.SectionsNamed(".debug$T");
+    ASSERT_EQ(types.size(), 1u);
+    const Bytes expected = {
+        0x04, 0x00, 0x00, 0x00,                                     // signature
+        0x06, 0x00, 0x01, 0x12, 0x00, 0x00, 0x00, 0x00,             // 0x1000 argument list
+        0x0e, 0x00, 0x08, 0x10, 0x22, 0x00, 0x00, 0x00, 0x0d, 0x00, // 0x1001 procedure
+        0x00, 0x00, 0x00, 0x10, 0x00, 0x00,                         //   returning data4
+        0x06, 0x00, 0x01, 0x12, 0x00, 0x00, 0x00, 0x00,             // 0x1002 argument list
+        0x0e, 0x00, 0x08, 0x10, 0x41, 0x00, 0x00, 0x00, 0x00, 0x00, // 0x1003 procedure
+        0x00, 0x00, 0x02, 0x10, 0x00, 0x00,                         //   returning real8
+    };
+    EXPECT_EQ(CoffModule::Contents(types[0]), expected);
+
+    const auto subsections = Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]));
+    std::vector<uint32_t> procedureTypes;
+    for (const Record &r : Records(subsections.at(0).content))
+        if (r.kind == 0x1110)
+            procedureTypes.push_back(U32(r.bytes, 28));
+    EXPECT_EQ(procedureTypes, (std::vector<uint32_t>{0x1001, 0x1003, 0x1001}));
+}
+
+} // namespace
