@@ -24,8 +24,11 @@ namespace {
 CError AppendRecord(CBinarySection &section, const ByteWriter &writer, uint64_t &start) {
     if (!writer.Finish())
         return kFailed;
-    start = section.Size();
-    return section.Append(writer.Data(), uint32_t(writer.Size()));
+    if (section.Append(writer.Data(), uint32_t(writer.Size())).Failed())
+        return kFailed;
+    // Measured after the append: a pending subsection header may have gone in front of it.
+    start = section.Size() - writer.Size();
+    return kOk;
 }
 
 unsigned CodeSize(const CBaseAbbrev *abbrev) { return SizeULEB128(abbrev ? abbrev->Code() : 0); }

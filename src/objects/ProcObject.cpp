@@ -135,9 +135,10 @@ CError CProcObject::WriteCodeView(CBinarySection &symbols, CBinarySection &types
     record.U8(0);
     if (!record.Finish())
         return kFailed;
-    uint64_t start = symbols.Size();
     if (symbols.Append(record.Data(), uint32_t(record.Size())).Failed())
         return kFailed;
+    // Measured after the append: a pending subsection header may have gone in front of it.
+    const uint64_t start = symbols.Size() - record.Size();
     if (symbols.AddSectionRelocation(start + 36, m_hMainSymbol).Failed() ||
         symbols.AddAddressRelocation(start + 32, m_hMainSymbol).Failed())
         return kFailed;
