@@ -259,8 +259,13 @@ TEST_F(CodeViewDriver, ComdatSectionHasItsOwnSymbolSectionAndTables) {
     m.Line(plain, fb, 1, 0);
     m.Line(plain, fa, 2, 4);
     m.Reenter(module);
-    m.OpenSection(inlined);
-    DbgScope proc = m.OpenProcedure(m.Symbol("inl", inlined, 0), 0, 0x18);
+    // The first record of the section's own symbols is a label: its relocations must point at
+    // it behind the signature and subsection header that its append brought in front of it.
+    const BrxHandle entry = m.Symbol("inl_entry", inlined, 2, false, BRX_SYMBOL_PLAIN);
+    const BrxHandle inl = m.Symbol("inl", inlined, 0);
+    DbgScope comdat = m.OpenSection(inlined);
+    ASSERT_EQ(m.Builder().CodeLabel(entry, nullptr, comdat), DBG_ERR_NONE);
+    DbgScope proc = m.OpenProcedure(inl, 0, 0x18);
     m.Line(proc, fa, 30, 0);
     m.Line(proc, fa, 31, 6);
     m.Close();
@@ -283,21 +288,29 @@ TEST_F(CodeViewDriver, ComdatSectionHasItsOwnSymbolSectionAndTables) {
     const Bytes ownBytes = CoffModule::Contents(symbols[1]);
     const auto own = Subsections(ownBytes);
     ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F4, F2}));
-    std::vector<uint16_t> kinds;
-    for (const Record &r : Records(own[0].content))
-        kinds.push_back(r.kind);
-    EXPECT_EQ(kinds, (std::vector<uint16_t>{0x1110, 0x0006}));
+    EXPECT_EQ(RecordKinds(own[0].content), (std::vector<uint16_t>{0x1105, 0x1110, 0x0006}));
+    const auto records = Records(own[0].content);
+    ASSERT_EQ(records.size(), 3u);
     EXPECT_EQ(own[1].content, ChecksumRecord(aOffset, "aaa"));
     EXPECT_EQ(own[2].content, Concat({LineHeader(0x18), Block(0, {{0, 30}, {6, 31}})}));
 
+    // Segment and offset fields of the label, of the procedure, then of the line header.
+    const size_t symbolsAt = own[0].offset + 8;
+    const std::vector<qtest::ModuleBuilder::Relocation> expected = {
+        {symbolsAt + records[0].offset + 8, kSectionIndex, entry},
+        {symbolsAt + records[0].offset + 4, kSectionRelative, entry},
+        {symbolsAt + records[1].offset + 36, kSectionIndex, inl},
+        {symbolsAt + records[1].offset + 32, kSectionRelative, inl},
+        {own[2].offset + 12, kSectionIndex, inlined},
+        {own[2].offset + 8, kSectionRelative, inlined},
+    };
     const auto relocations = m.Relocations(symbols[1]);
-    ASSERT_EQ(relocations.size(), 4u); // the procedure's two, then the line header's two
-    EXPECT_EQ(relocations[2].offset, own[2].offset + 12);
-    EXPECT_EQ(relocations[2].type, kSectionIndex);
-    EXPECT_EQ(relocations[2].target, inlined);
-    EXPECT_EQ(relocations[3].offset, own[2].offset + 8);
-    EXPECT_EQ(relocations[3].type, kSectionRelative);
-    EXPECT_EQ(relocations[3].target, inlined);
+    ASSERT_EQ(relocations.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(relocations[i].offset, expected[i].offset) << "relocation " << i;
+        EXPECT_EQ(relocations[i].type, expected[i].type) << "relocation " << i;
+        EXPECT_EQ(relocations[i].target, expected[i].target) << "relocation " << i;
+    }
 }
 
 TEST_F(CodeViewDriver, ComdatSectionWithoutLinesStillMovesTheCursor) {
