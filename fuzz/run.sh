@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# Builds the retrieval fuzzer with clang (libFuzzer, AddressSanitizer, UndefinedBehaviorSanitizer)
+# from the sources, makes a seed corpus of valid objects, and fuzzes for a bounded time.
+#   fuzz/run.sh SECONDS      build, seed, fuzz; exits non-zero when an input crashes
+#   fuzz/run.sh --build-only build the fuzzer and the seeds, do not run
+# FUZZ_BUILD_DIR overrides where everything goes (default: build-fuzz in the source tree).
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+OUT="${FUZZ_BUILD_DIR:-$ROOT/build-fuzz}"
+CXX="${FUZZ_CXX:-clang++-14}"
+MC="${FUZZ_MC:-llvm-mc-14}"
+CC_WIN="${FUZZ_CLANG:-clang-14}"
+SECONDS_TO_RUN="${1:-60}"
+
+mkdir -p "$OUT/obj" "$OUT/seeds" "$OUT/corpus"
+FLAGS=(-std=c++17 -g -O1 -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
+       -I"$ROOT/include" -I"$ROOT/src" -I"$ROOT/brix")
+
+# Compile every library source once (again only when it is newer than its object), two at a time.
+compile() {
+    local src="$1" obj
+    obj="$OUT/obj/$(echo "${src#"$ROOT"/}" | tr '/' '_').o"
+    if [[ ! -f "$obj" || "$src" -nt "$obj" ]] || find "$ROOT/src" "$ROOT/brix" "$ROOT/include" \
+        -name '*.h' -newer "$obj" | grep -q .; then
+        "$CXX" "${FLAGS[@]}" -c "$src" -o "$obj"
+    fi
+    echo "$obj"
+}
+export -f compile
+export OUT CXX ROOT
+export FLAGS_STR="${FLAGS[*]}"
+SOURCES=$(find "$ROOT/src" "$ROOT/brix" -name '*.cpp' | sort)
+OBJECTS=$(printf '%s\n' $SOURCES "$ROOT/fuzz/FuzzRetrieve.cpp" |
+          xargs -P 2 -I{} bash -c 'FLAGS=($FLAGS_STR); compile "$@"' _ {})
+"$CXX" -fsanitize=fuzzer,address,undefined $OBJECTS -o "$OUT/fuzz_retrieve"
+
+# Seeds: valid objects made now by other tools, each behind the byte that selects "object";
+# and raw line sections behind the byte that selects "line section".
+SEEDS="$OUT/seeds"
+WORK="$(mktemp -d)"
+trap 'rm -rf "$WORK"' EXIT
+{
+    echo '.file 1 "a.s"'
+    echo '.file 2 "/inc" "b.inc"'
+    for section in .text .text.two; do
+        echo ".section $section,\"ax\",@progbits"
+        echo "  nop"
+        for i in $(seq 1 40); do
+            echo ".loc $(( (i % 2) + 1 )) $(( i * 3 )) $(( i % 4 ))"
+            echo "  movl \$$i, %eax"
+        done
+    done
+    echo '.section .debug_abbrev,"",@progbits'
+    echo '.byte 1, 0x11, 1, 0x03, 0x08, 0x1b, 0x08, 0x25, 0x08, 0x10, 0x06, 0, 0, 0'
+    echo '.section .debug_info,"",@progbits'
+    echo '.long .Lend - .Lstart'
+    echo '.Lstart: .short 2'
+    echo '.long 0'
+    echo '.byte 8, 1'
+    echo '.asciz "a.s"'
+    echo '.asciz "/w"'
+    echo '.asciz "seed"'
+    echo '.long 0'
+    echo '.byte 0'
+    echo '.Lend:'
+} > "$WORK/seed.s"
+"$MC" -filetype=obj -triple x86_64-linux-gnu -dwarf-version=2 "$WORK/seed.s" -o "$WORK/elf64.o"
+"$MC" -filetype=obj -triple i686-linux-gnu -dwarf-version=2 "$WORK/seed.s" -o "$WORK/elf32.o"
+printf 'int f(int x) {\n  int y = x * 3;\n  return y + 1;\n}\nint g(void) { return f(2); }\n' > "$WORK/c.c"
+"$CC_WIN" --target=x86_64-pc-windows-msvc -gcodeview -c "$WORK/c.c" -o "$WORK/coff.obj"
+for object in elf64.o elf32.o coff.obj; do
+    { printf '\x00'; cat "$WORK/$object"; } > "$SEEDS/object-$object"
+done
+llvm-objcopy-14 --dump-section .debug_line="$WORK/line.bin" "$WORK/elf64.o"
+{ printf '\x01'; cat "$WORK/line.bin"; } > "$SEEDS/line-elf64"
+
+if [[ "${1:-}" == "--build-only" ]]; then
+    exit 0
+fi
+# libFuzzer exits non-zero (and keeps the crashing input in $OUT) when an input fails.
+cd "$OUT"
+./fuzz_retrieve -max_total_time="$SECONDS_TO_RUN" -timeout=10 -rss_limit_mb=2048 \
+    -print_final_stats=1 "$OUT/corpus" "$SEEDS"
