@@ -87,6 +87,8 @@ const ErrorCase kErrorCases[] = {
     {"line a 1 0x\n", "4: offset '0x' is not a number"},
 };
 
+std::ostream &operator<<(std::ostream &out, const ErrorCase &c) { return out << c.expected; }
+
 class DescriptionErrors : public ::testing::TestWithParam<ErrorCase> {};
 
 TEST_P(DescriptionErrors, NameFileLineAndFault) {
@@ -124,6 +126,10 @@ const UsageCase kUsageCases[] = {
     {"line x.o a.s 3 70000", "qdbg: column '70000' is not a column number"},
     {"--help frob", "qdbg: unknown command 'frob'"},
 };
+
+std::ostream &operator<<(std::ostream &out, const UsageCase &c) {
+    return out << "qdbg " << c.arguments;
+}
 
 class UsageErrors : public ::testing::TestWithParam<UsageCase> {};
 

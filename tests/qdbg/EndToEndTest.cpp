@@ -176,6 +176,8 @@ const Query kQueries[] = {
     {"line {tour}.missing 3", 3, "", "has no line information for"},
 };
 
+std::ostream &operator<<(std::ostream &out, const Query &q) { return out << q.arguments; }
+
 class LineQueries : public ::testing::TestWithParam<std::tuple<Query, const char *>> {};
 
 std::string Substitute(std::string text, const std::string &tour, const std::string &inc) {

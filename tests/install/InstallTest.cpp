@@ -1,0 +1,212 @@
+// Installation: `cmake --install` into a scratch prefix gives the headers, the versioned shared
+// libraries, qdbg, the pkg-config files and the CMake package; a C program outside the tree
+// (the README's example) builds against them both ways, runs, and writes an ELF64 object that
+// readelf reads without a complaint. The public headers compile strictly as C99 and C++17.
+#include "qdbg/Process.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace qdbgtest;
+
+const std::string kBuildDir = QUILLET_BINARY_DIR;
+const std::string kSourceDir = QUILLET_SOURCE_DIR;
+
+// A sanitizer build installs sanitized libraries; what links them needs the same runtime.
+#if defined(__SANITIZE_ADDRESS__)
+const std::string kSanitize = " -fsanitize=address,undefined";
+#else
+const std::string kSanitize = "";
+#endif
+
+// The library directory below the prefix, as the build was configured.
+std::string InstallLibDir() {
+    std::string cache = ReadFile(kBuildDir + "/CMakeCache.txt");
+    const std::string key = "CMAKE_INSTALL_LIBDIR:PATH=";
+    size_t at = cache.find(key);
+    if (at == std::string::npos)
+        return "lib";
+    at += key.size();
+    return cache.substr(at, cache.find('\n', at) - at);
+}
+
+// The README's C example: the first ```c block.
+std::string ReadmeExample() {
+    std::string readme = ReadFile(kSourceDir + "/README.md");
+    size_t begin = readme.find("```c\n");
+    if (begin == std::string::npos)
+        return "";
+    begin += 5;
+    return readme.substr(begin, readme.find("```", begin) - begin);
+}
+
+class Installed : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        s_Prefix = new ScratchDir;
+        s_Install = new CommandResult(
+            RunCommand("cmake --install " + Quote(kBuildDir) + " --prefix " + Quote(s_Prefix->Path())));
+    }
+    static void TearDownTestSuite() {
+        delete s_Install;
+        delete s_Prefix;
+    }
+    void SetUp() override { ASSERT_EQ(s_Install->exitCode, 0) << s_Install->out << s_Install->err; }
+
+    static std::string Prefix(const std::string &path) { return *s_Prefix / path; }
+    static std::string LibDir() { return Prefix(InstallLibDir()); }
+
+    // Runs the program built from the README example in `dir` and checks its object.
+    static void RunAndReadObject(const ScratchDir &dir, const std::string &program) {
+        CommandResult run = RunCommand(Quote(program), dir.Path());
+        ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
+        CommandResult read = RunCommand("readelf -a --debug-dump=info,abbrev,line -W start.o", dir.Path());
+        EXPECT_EQ(read.exitCode, 0);
+        EXPECT_TRUE(Complaints(read.out + read.err).empty()) << read.out << read.err;
+        EXPECT_NE(read.out.find("ELF64"), std::string::npos);
+        EXPECT_NE(read.out.find("DW_TAG_subprogram"), std::string::npos);
+        EXPECT_NE(read.out.find("start.s"), std::string::npos);
+    }
+
+    static ScratchDir *s_Prefix;
+    static CommandResult *s_Install;
+};
+
+ScratchDir *Installed::s_Prefix = nullptr;
+CommandResult *Installed::s_Install = nullptr;
+
+TEST_F(Installed, EveryFileIsInPlace) {
+    for (const std::string &path :
+         {std::string("include/quillet/quillet.h"), std::string("include/brix/brix.h"),
+          std::string("bin/qdbg"), InstallLibDir() + "/libquillet.so",
+          InstallLibDir() + "/libbrix.so", InstallLibDir() + "/pkgconfig/quillet.pc",
+          InstallLibDir() + "/pkgconfig/brix.pc", InstallLibDir() + "/cmake/Quillet/QuilletConfig.cmake",
+          InstallLibDir() + "/cmake/Quillet/QuilletConfigVersion.cmake",
+          InstallLibDir() + "/cmake/Quillet/QuilletTargets.cmake"})
+        EXPECT_TRUE(FileExists(Prefix(path))) << path;
+}
+
+TEST_F(Installed, LibrariesCarryTheirSonameVersion) {
+    for (const char *name : {"quillet", "brix"}) {
+        std::string lib = LibDir() + "/lib" + name;
+        CommandResult links = RunCommand("readlink " + Quote(lib + ".so") + " " + Quote(lib + ".so.1"));
+        EXPECT_EQ(links.out, std::string("lib") + name + ".so.1\nlib" + name + ".so.1.0.0\n") << name;
+        CommandResult dynamic = RunCommand("readelf -d " + Quote(lib + ".so.1.0.0"));
+        EXPECT_NE(dynamic.out.find(std::string("Library soname: [lib") + name + ".so.1]"),
+                  std::string::npos)
+            << dynamic.out;
+    }
+}
+
+TEST_F(Installed, QdbgRunsFromThePrefixAndBuildsAnExample) {
+    ScratchDir dir;
+    CommandResult built = RunCommand(Quote(Prefix("bin/qdbg")) + " build hello.qd -o " +
+                                         Quote(dir / "hello.o"),
+                                     kSourceDir + "/examples");
+    ASSERT_EQ(built.exitCode, 0) << built.err;
+    CommandResult listed = RunCommand(Quote(Prefix("bin/qdbg")) + " lines " + Quote(dir / "hello.o"));
+    EXPECT_EQ(listed.exitCode, 0) << listed.err;
+    EXPECT_NE(listed.out.find(".text 0x7 6 1 "), std::string::npos) << listed.out;
+}
+
+TEST_F(Installed, ReadmeExampleBuildsThroughPkgConfig) {
+    ScratchDir dir;
+    std::string example = ReadmeExample();
+    ASSERT_NE(example.find("Dbg_emit"), std::string::npos);
+    WriteFile(dir / "example.c", example);
+    std::string pkgConfig = "PKG_CONFIG_PATH=" + Quote(LibDir() + "/pkgconfig") + " pkg-config";
+    CommandResult flags = RunCommand(pkgConfig + " --cflags --libs quillet");
+    ASSERT_EQ(flags.exitCode, 0) << flags.err;
+    // quillet.pc requires brix.pc: both libraries come with one name.
+    EXPECT_NE(flags.out.find("-lquillet"), std::string::npos) << flags.out;
+    EXPECT_NE(flags.out.find("-lbrix"), std::string::npos) << flags.out;
+    CommandResult version = RunCommand(pkgConfig + " --modversion quillet brix");
+    EXPECT_EQ(version.out, "1.0.0\n1.0.0\n");
+    CommandResult compiled =
+        RunCommand("cc -std=c11 -Wall -Wextra -Wpedantic -Werror" + kSanitize +
+                       " example.c $(" + pkgConfig + " --cflags --libs quillet) -Wl,-rpath," +
+                       Quote(LibDir()) + " -o example",
+                   dir.Path());
+    ASSERT_EQ(compiled.exitCode, 0) << compiled.out << compiled.err;
+    RunAndReadObject(dir, dir / "example");
+}
+
+TEST_F(Installed, ReadmeExampleBuildsThroughFindPackage) {
+    ScratchDir dir;
+    WriteFile(dir / "example.c", ReadmeExample());
+    WriteFile(dir / "CMakeLists.txt",
+              "cmake_minimum_required(VERSION 3.16)\n"
+              "project(consumer C)\n"
+              "find_package(Quillet 1.0 REQUIRED)\n"
+              "if(NOT TARGET Quillet::brix)\n"
+              "  message(FATAL_ERROR \"Quillet::brix is missing\")\n"
+              "endif()\n"
+              "add_executable(example example.c)\n"
+              "set_target_properties(example PROPERTIES C_STANDARD 11)\n"
+              "target_compile_options(example PRIVATE -Wall -Wextra -Werror)\n"
+              "target_link_libraries(example PRIVATE Quillet::quillet)\n");
+    CommandResult configured =
+        RunCommand("cmake -S . -B build -G Ninja -DCMAKE_PREFIX_PATH=" + Quote(s_Prefix->Path()) +
+                       " -DCMAKE_C_FLAGS=" + Quote(kSanitize),
+                   dir.Path());
+    ASSERT_EQ(configured.exitCode, 0) << configured.out << configured.err;
+    CommandResult built = RunCommand("cmake --build build", dir.Path());
+    ASSERT_EQ(built.exitCode, 0) << built.out << built.err;
+    RunAndReadObject(dir, dir / "build/example");
+}
+
+struct HeaderCase {
+    const char *compiler;
+    const char *standard;
+    const char *includes;
+};
+
+const HeaderCase kHeaderCases[] = {
+    {"cc", "c99", "#include <quillet/quillet.h>\n"},
+    {"cc", "c99", "#include <brix/brix.h>\n"},
+    {"cc", "c99", "#include <quillet/quillet.h>\n#include <brix/brix.h>\n"},
+    {"cc", "c11", "#include <brix/brix.h>\n#include <quillet/quillet.h>\n"},
+    {"c++", "c++17", "#include <quillet/quillet.h>\n"},
+    {"c++", "c++17", "#include <brix/brix.h>\n"},
+    {"c++", "c++17", "#include <quillet/quillet.h>\n#include <brix/brix.h>\n"},
+};
+
+std::ostream &operator<<(std::ostream &out, const HeaderCase &c) {
+    return out << c.standard << " with " << c.includes;
+}
+
+class PublicHeaders : public ::testing::TestWithParam<HeaderCase> {};
+
+TEST_P(PublicHeaders, CompileWithPedanticWarningsAsErrors) {
+    const HeaderCase &c = GetParam();
+    ScratchDir dir;
+    // Every record and function pointer type is used, so that nothing in the headers escapes
+    // the compiler.
+    std::string source = std::string(c.includes) +
+                         "int use(void);\n"
+                         "int use(void) {\n"
+                         "#ifdef QUILLET_QUILLET_H\n"
+                         "    DbgLineDesc line = {0, 1, 0, 0, 0, 0};\n"
+                         "    DbgInstInfo info;\n"
+                         "    DbgStatus (*emit)(void) = Dbg_emit;\n"
+                         "    info.line = line.line;\n"
+                         "    return (int)info.line + (emit != 0);\n"
+                         "#else\n"
+                         "    BrxBytes bytes = {0, 0, 0};\n"
+                         "    int32_t (*write)(BrxHandle) = _brx_write_file;\n"
+                         "    return (int)bytes.count + (write != 0);\n"
+                         "#endif\n"
+                         "}\n";
+    std::string file = std::string("header.") + (std::string(c.compiler) == "cc" ? "c" : "cpp");
+    WriteFile(dir / file, source);
+    CommandResult compiled = RunCommand(std::string(c.compiler) + " -std=" + c.standard +
+                                            " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I" +
+                                            Quote(kSourceDir + "/include") + " " + file,
+                                        dir.Path());
+    EXPECT_EQ(compiled.exitCode, 0) << c.standard << "\n" << c.includes << compiled.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, PublicHeaders, ::testing::ValuesIn(kHeaderCases));
+
+} // namespace
