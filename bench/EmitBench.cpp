@@ -34,6 +34,7 @@ constexpr uint32_t kInstructionSize = 4;
 
 struct RunResult {
     double seconds = 0;
+    double describeSeconds = 0, emitSeconds = 0, writeSeconds = 0;
     double peakBytes = 0;
     uint64_t lineEntries = 0;
     bool ok = false;
@@ -70,9 +71,17 @@ BrxHandle MakeSymbol(BrxHandle table, int format, const char *name, BrxHandle se
     return symbol;
 }
 
-// Describes, emits and writes the module with `procedures` procedures.
+using Clock = std::chrono::steady_clock;
+
+double Since(Clock::time_point begin) {
+    return std::chrono::duration<double>(Clock::now() - begin).count();
+}
+
+// Describes, emits and writes the module with `procedures` procedures; the time of each phase
+// goes into `phases` (describe, including the brix symbols; Dbg_emit; the file write).
 bool DescribeEmitWrite(const std::string &path, const std::vector<std::u16string> &sources,
-                       int format, uint32_t procedures) {
+                       int format, uint32_t procedures, RunResult &phases) {
+    Clock::time_point begin = Clock::now();
     BrxHandle file = 0, table = 0, data = 0;
     BENCH_CHECK(_brx_new_file(path.c_str(), format, &file));
     std::vector<BrxHandle> code(kCodeSections);
@@ -169,8 +178,13 @@ bool DescribeEmitWrite(const std::string &path, const std::vector<std::u16string
             BENCH_CHECK(Dbg_close_current_scope());
         }
     }
+    phases.describeSeconds = Since(begin);
+    begin = Clock::now();
     BENCH_CHECK(Dbg_emit());
+    phases.emitSeconds = Since(begin);
+    begin = Clock::now();
     BENCH_CHECK(_brx_write_file(file));
+    phases.writeSeconds = Since(begin);
     Dbg_finish();
     _brx_close_file(file);
     return true;
@@ -193,12 +207,11 @@ RunResult RunInChild(const std::string &directory, int format, uint32_t procedur
         }
         std::string output = directory + "/bench.o";
         double baseline = StatusBytes("VmRSS");
-        auto begin = std::chrono::steady_clock::now();
-        bool ok = DescribeEmitWrite(output, sources, format, procedures);
-        auto end = std::chrono::steady_clock::now();
         RunResult out;
+        Clock::time_point begin = Clock::now();
+        bool ok = DescribeEmitWrite(output, sources, format, procedures, out);
+        out.seconds = Since(begin);
         out.ok = ok;
-        out.seconds = std::chrono::duration<double>(end - begin).count();
         out.peakBytes = StatusBytes("VmHWM") - baseline;
         out.lineEntries = uint64_t(procedures) * kLinesPerProcedure;
         std::remove(output.c_str());
@@ -245,6 +258,9 @@ void BM_Emit(benchmark::State &state, int format) {
     state.counters["line_entries"] = lines;
     state.counters["us_per_line"] = best.seconds * 1e6 / lines;
     state.counters["bytes_per_line"] = best.peakBytes / lines;
+    state.counters["describe_ms"] = best.describeSeconds * 1e3;
+    state.counters["emit_ms"] = best.emitSeconds * 1e3;
+    state.counters["write_ms"] = best.writeSeconds * 1e3;
 }
 
 void Register(const char *name, int format) {
@@ -260,8 +276,8 @@ void Register(const char *name, int format) {
 int PrintSummary() {
     int failures = 0;
     std::printf("\nEmission, describe + emit + write (argument: 1/N of the full module)\n");
-    std::printf("%-7s %9s %12s %12s %12s %10s\n", "format", "entries", "time ms", "us/entry",
-                "bytes/entry", "step cost");
+    std::printf("%-7s %9s %10s %10s %10s %10s %10s %12s %10s\n", "format", "entries", "time ms",
+                "describe", "emit", "write", "us/entry", "bytes/entry", "step cost");
     for (int format : {BRX_FORMAT_ELF64, BRX_FORMAT_COFF}) {
         const char *name = format == BRX_FORMAT_ELF64 ? "elf64" : "coff";
         double previous = 0;
@@ -273,9 +289,11 @@ int PrintSummary() {
             double perEntry = r.seconds * 1e6 / r.lineEntries;
             double bytes = r.peakBytes / r.lineEntries;
             double step = previous > 0 ? r.seconds / previous : 0;
-            std::printf("%-7s %9llu %12.1f %12.3f %12.1f %9s\n", name,
-                        static_cast<unsigned long long>(r.lineEntries), r.seconds * 1e3, perEntry,
-                        bytes, step > 0 ? (std::to_string(step).substr(0, 5) + "x").c_str() : "-");
+            std::printf("%-7s %9llu %10.1f %10.1f %10.1f %10.1f %10.3f %12.1f %9s\n", name,
+                        static_cast<unsigned long long>(r.lineEntries), r.seconds * 1e3,
+                        r.describeSeconds * 1e3, r.emitSeconds * 1e3, r.writeSeconds * 1e3,
+                        perEntry, bytes,
+                        step > 0 ? (std::to_string(step).substr(0, 5) + "x").c_str() : "-");
             if (divisor != 100 && step > 12.0) {
                 std::printf("        FAIL: the tenfold step costs %.1fx (target: at most ~12x)\n", step);
                 ++failures;
