@@ -165,7 +165,10 @@ BrxHandle ModuleBuilder::FindSection(const std::string &name) const {
 }
 
 std::vector<uint8_t> ModuleBuilder::SectionBytes(const std::string &name) const {
-    BrxHandle section = FindSection(name);
+    return SectionBytes(FindSection(name));
+}
+
+std::vector<uint8_t> ModuleBuilder::SectionBytes(BrxHandle section) const {
     uint64_t size = 0;
     if (!section || _brx_get_keyed(section, BRX_KEY_SECTION_SIZE, nullptr, &size, 0) != BRX_OK)
         return {};

@@ -71,6 +71,7 @@ public:
 
     // The bytes of a section of the file, by name (empty when there is no such section).
     std::vector<uint8_t> SectionBytes(const std::string &name) const;
+    std::vector<uint8_t> SectionBytes(BrxHandle section) const;
     BrxHandle FindSection(const std::string &name) const;
     struct Relocation {
         uint64_t offset;

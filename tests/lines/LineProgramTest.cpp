@@ -1,0 +1,165 @@
+#include "frame/LibraryState.h"
+#include "lines/LineProgram.h"
+#include "lines/SourceFile.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class LineRows : public ::testing::Test {
+protected:
+    LineRows() {
+        State().Reset();
+        files.Create(u"a.asm");
+        files.Create(u"b.asm");
+        files.ConvertToDwarf();
+    }
+    ~LineRows() override { State().Reset(); }
+
+    CLineEntry Entry(size_t file, uint32_t line, uint64_t address) {
+        CLineEntry e;
+        e.line = line;
+        e.base = address;
+        e.source = files.Cell(file);
+        return e;
+    }
+
+    CSourceFileList files;
+    CLineState state;
+};
+
+// Each row after the first of a sequence: the bytes for a line and address advance.
+TEST_F(LineRows, SpecialOpcodeOrLongForm) {
+    struct Case {
+        const char *what;
+        uint32_t line;
+        uint64_t address;
+        Bytes bytes;
+    } cases[] = {
+        {"one line, 16 bytes", 11, 0x10, {251}},
+        {"fourteen lines, 16 bytes: beyond 255", 25, 0x20, {0x02, 0x10, 0x03, 0x0e, 0x01}},
+        {"no address advance", 30, 0x20, {10 + 5}},
+        {"a line back", 29, 0x24, {0x02, 0x04, 0x03, 0x7f, 0x01}},
+        {"fifteen lines, no advance", 44, 0x24, {0x03, 0x0f, 0x01}},
+        {"same line: no row", 44, 0x30, {}},
+        {"largest special", 45, 0x24 + 16, {uint8_t(10 + 1 + 15 * 16)}},
+    };
+    CLineRowWriter writer(state, 8);
+    ASSERT_TRUE(writer.AddRow(7, Entry(0, 10, 0)).Ok());
+    size_t before = writer.Bytes().size();
+    for (const Case &c : cases) {
+        ASSERT_TRUE(writer.AddRow(7, Entry(0, c.line, c.address)).Ok());
+        Bytes row(writer.Bytes().begin() + before, writer.Bytes().end());
+        EXPECT_EQ(row, c.bytes) << c.what;
+        before = writer.Bytes().size();
+    }
+}
+
+// The first row of a sequence sets its address, relocated against the section; the operand is
+// as wide as the unit's addresses.
+TEST_F(LineRows, SequenceStartsWithARelocatedAddress) {
+    struct Case {
+        unsigned width;
+        size_t file;
+        Bytes bytes;
+        uint64_t relocationOffset;
+    } cases[] = {
+        {8, 0, {0x00, 0x09, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0x1a}, 3},
+        {4, 0, {0x00, 0x05, 0x02, 0, 0, 0, 0, 0x1a}, 3},
+        {8, 1, {0x04, 0x02, 0x00, 0x09, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0x1a}, 5},
+    };
+    for (const Case &c : cases) {
+        CLineState fresh;
+        CLineRowWriter writer(fresh, c.width);
+        ASSERT_TRUE(writer.AddRow(42, Entry(c.file, 2, 1)).Ok());
+        EXPECT_EQ(writer.Bytes(), c.bytes);
+        ASSERT_EQ(writer.Relocations().size(), 1u);
+        EXPECT_EQ(writer.Relocations()[0].offset, c.relocationOffset);
+        EXPECT_EQ(writer.Relocations()[0].section, 42u);
+    }
+}
+
+// A sequence ends on the next multiple of 16, and the next one sets its address again.
+TEST_F(LineRows, SequenceEndsOnTheNextMultipleOf16) {
+    struct Case {
+        uint64_t last;
+        uint8_t advance;
+    } cases[] = {{0x20, 16}, {0x2e, 2}, {0x2f, 1}, {0x21, 15}};
+    for (const Case &c : cases) {
+        CLineState fresh;
+        CLineRowWriter writer(fresh, 8);
+        ASSERT_TRUE(writer.AddRow(5, Entry(0, 3, c.last)).Ok());
+        size_t before = writer.Bytes().size();
+        writer.EndSequence();
+        Bytes end(writer.Bytes().begin() + before, writer.Bytes().end());
+        EXPECT_EQ(end, (Bytes{0x02, c.advance, 0x00, 0x01, 0x01})) << c.last;
+        EXPECT_EQ(fresh.section, 0u);
+        EXPECT_EQ(fresh.line, 1u);
+        ASSERT_TRUE(writer.AddRow(5, Entry(0, 3, 0)).Ok());
+        EXPECT_EQ(writer.Relocations().size(), 2u) << "the same section is set again";
+    }
+}
+
+TEST_F(LineRows, LineOneOpeningASequenceGivesNoRow) {
+    CLineRowWriter writer(state, 8);
+    ASSERT_TRUE(writer.AddRow(5, Entry(0, 1, 0x10)).Ok());
+    EXPECT_TRUE(writer.Bytes().empty());
+    EXPECT_TRUE(writer.Relocations().empty());
+}
+
+TEST_F(LineRows, WritingIsRefusedWhileDecoding) {
+    State().lineProgramUse = kLineProgramDecoding;
+    CLineRowWriter writer(state, 8);
+    EXPECT_TRUE(writer.AddRow(5, Entry(0, 4, 0)).Failed());
+    EXPECT_TRUE(writer.Bytes().empty());
+}
+
+// The header's directory table holds each directory once (compared lowercased; the compilation
+// directory is index 0 and not written); names lose their directory.
+TEST(LineHeader, DirectoriesAndFiles) {
+    State().Reset();
+    CSourceFileList files;
+    CSourceCell *a = files.Create(u"C:\\Src\\A.s");
+    files.Create(u"c:\\src\\b.s");
+    files.Create(u"C:\\Work\\c.s");
+    files.Create(u"plain.s");
+    files.Create(u"c:\\inc\\");
+    files.Create(u"c:\\src\\b.s");
+    files.ConvertToDwarf();
+    Bytes header = BuildLineProgramHeader(u"c:\\work", files);
+    Bytes expected = {0, 0, 0, 0, 2, 0, 0, 0, 0, 0, // lengths patched below
+                      1, 1, 0, 15, 10, 0, 1, 1, 1, 1, 0, 0, 0, 1};
+    for (const char *dir : {"c:\\src"})
+        expected.insert(expected.end(), dir, dir + strlen(dir) + 1);
+    expected.push_back(0);
+    struct File {
+        const char *name;
+        uint8_t dir;
+    } fileRows[] = {{"A.s", 1}, {"b.s", 1}, {"c.s", 0}, {"plain.s", 0}, {"c:\\inc\\", 0},
+                    {"b.s", 1}};
+    for (const File &f : fileRows) {
+        expected.insert(expected.end(), f.name, f.name + strlen(f.name) + 1);
+        expected.insert(expected.end(), {f.dir, 0, 0});
+    }
+    expected.push_back(0);
+    uint32_t headerLength = uint32_t(expected.size() - 10);
+    for (int i = 0; i < 4; ++i)
+        expected[6 + i] = uint8_t(headerLength >> (8 * i));
+    EXPECT_EQ(header, expected);
+    // The handle reaches the file's new form: its base name, still at position 0.
+    ASSERT_EQ((*a)->kind(), 2u);
+    EXPECT_EQ((*a)->Name(), u"A.s");
+    EXPECT_EQ(static_cast<CDwarfSourceFile *>(*a)->index, 0u);
+}
+
+TEST(LineHeader, WithoutFilesIsTwentySixBytes) {
+    State().Reset();
+    CSourceFileList files;
+    Bytes header = BuildLineProgramHeader(u"c:\\work", files);
+    EXPECT_EQ(header.size(), 26u);
+    EXPECT_EQ(header[6], 16);
+}
+
+} // namespace
