@@ -268,3 +268,129 @@ uint64_t ParseNumber(const std::string &value) {
 }
 
 } // namespace brixtest
+
+namespace brixtest {
+
+namespace {
+
+// Little-endian appends for the CodeView bytes of the test object.
+struct CvBytes {
+    std::vector<uint8_t> v;
+    CvBytes &U8(uint8_t x) {
+        v.push_back(x);
+        return *this;
+    }
+    CvBytes &U16(uint16_t x) { return U8(uint8_t(x)).U8(uint8_t(x >> 8)); }
+    CvBytes &U32(uint32_t x) { return U16(uint16_t(x)).U16(uint16_t(x >> 16)); }
+    CvBytes &Str(const char *s) {
+        while (*s)
+            U8(uint8_t(*s++));
+        return U8(0);
+    }
+    CvBytes &Pad4() {
+        while (v.size() % 4)
+            U8(0);
+        return *this;
+    }
+    // A subsection: kind, length, content, padding to 4.
+    CvBytes &Subsection(uint32_t kind, const CvBytes &content) {
+        U32(kind).U32(uint32_t(content.v.size()));
+        v.insert(v.end(), content.v.begin(), content.v.end());
+        return Pad4();
+    }
+    CvBytes &ChecksumRecord(uint32_t stringOffset) {
+        U32(stringOffset).U8(16).U8(1);
+        for (int i = 0; i < 16; ++i)
+            U8(uint8_t(i * 17));
+        return U16(0);
+    }
+};
+
+struct Pair {
+    uint32_t offset, line;
+    uint16_t column;
+};
+
+struct Block {
+    uint32_t checksumOffset;
+    std::vector<Pair> pairs;
+};
+
+CvBytes Lines(uint32_t codeOffset, uint16_t flags, uint32_t codeSize,
+              const std::vector<Block> &blocks) {
+    CvBytes b;
+    b.U32(codeOffset).U16(0).U16(flags).U32(codeSize);
+    for (const Block &block : blocks) {
+        bool columns = flags & 1;
+        b.U32(block.checksumOffset).U32(uint32_t(block.pairs.size()));
+        b.U32(uint32_t(12 + block.pairs.size() * (columns ? 12 : 8)));
+        for (const Pair &p : block.pairs)
+            b.U32(p.offset).U32(p.line | 0x80000000u);
+        if (columns)
+            for (const Pair &p : block.pairs)
+                b.U16(p.column).U16(0);
+    }
+    return b;
+}
+
+constexpr uint32_t kSymbols = 0xf1, kLines = 0xf2, kStrings = 0xf3, kChecksums = 0xf4;
+
+} // namespace
+
+// Writes the sample object. The COMDAT section's blocks name their file through the checksum
+// table of their own symbol section. With `ownTableDiffers` that table differs from the main one
+// (inc.inc first); otherwise it repeats the main one, so that a reader which takes the first
+// table of the object (as llvm-readobj does) sees the same file names.
+void WriteCodeViewSample(const std::string &path, bool ownTableDiffers) {
+    BrxHandle file = 0;
+    ASSERT_EQ(_brx_new_file(path.c_str(), BRX_FORMAT_COFF, &file), 0);
+    BrxHandle text = AddSection(file, ".text", BRX_SECTION_CODE, 16);
+    AppendBytes(text, std::vector<uint8_t>(64, 0x90));
+    BrxHandle inl = AddSection(file, ".text$inline_fn", BRX_SECTION_CODE, 16);
+    AppendBytes(inl, std::vector<uint8_t>(16, 0xc3));
+    BrxComdat any{BRX_COMDAT_ANY, 0};
+    ASSERT_EQ(_brx_set_value(inl, BRX_KEY_COMDAT, &any, 0), 0);
+    BrxHandle mainSymbols = AddSection(file, ".debug$S", BRX_SECTION_DEBUG, 4, 1);
+    BrxHandle inlSymbols = AddSection(file, ".debug$S", BRX_SECTION_DEBUG, 4, 1);
+    BrxComdat tie{BRX_COMDAT_ASSOCIATIVE, inl};
+    ASSERT_EQ(_brx_set_value(inlSymbols, BRX_KEY_COMDAT, &tie, 0), 0);
+
+    AddSymbol(file, "unit.asm", BRX_BINDING_LOCAL, BRX_SYMBOL_SOURCE_FILE, 0, 0);
+    AddSymbol(file, "main_fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, text, 0);
+    BrxHandle inlineFn =
+        AddSymbol(file, "inline_fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, inl, 4);
+
+    // Main symbol section: strings "unit.asm" at 1 and "inc.inc" at 10, their checksum records
+    // at 0 and 24, and the lines of .text.
+    CvBytes main;
+    main.U32(4).Subsection(kSymbols, CvBytes());
+    main.Subsection(kStrings, CvBytes().U8(0).Str("unit.asm").Str("inc.inc"));
+    main.Subsection(kChecksums, CvBytes().ChecksumRecord(1).ChecksumRecord(10));
+    size_t linesAt = main.v.size() + 8;
+    main.Subsection(
+        kLines, Lines(0, 0, 64, {{0, {{0, 10, 0}, {4, 11, 0}, {8, 12, 0}}}, {24, {{16, 3, 0}}}}));
+    AppendBytes(mainSymbols, main.v);
+    AddRelocation(mainSymbols, 14, text, linesAt);
+    AddRelocation(mainSymbols, 11, text, linesAt + 4);
+
+    // The COMDAT section's own symbol section: its checksum table names "inc.inc" (string 10 of
+    // the main table); its lines start 2 bytes into inline_fn, with columns.
+    CvBytes own;
+    own.U32(4).Subsection(kSymbols, CvBytes());
+    CvBytes ownChecksums;
+    if (ownTableDiffers)
+        ownChecksums.ChecksumRecord(10);
+    else
+        ownChecksums.ChecksumRecord(1).ChecksumRecord(10);
+    own.Subsection(kChecksums, ownChecksums);
+    size_t ownLinesAt = own.v.size() + 8;
+    own.Subsection(kLines,
+                   Lines(2, 1, 8, {{ownTableDiffers ? 0u : 24u, {{0, 20, 5}, {3, 21, 7}}}}));
+    AppendBytes(inlSymbols, own.v);
+    AddRelocation(inlSymbols, 14, inlineFn, ownLinesAt);
+    AddRelocation(inlSymbols, 11, inlineFn, ownLinesAt + 4);
+    ASSERT_EQ(_brx_write_file(file), 0);
+    ASSERT_EQ(_brx_close_file(file), 0);
+}
+
+} // namespace brixtest

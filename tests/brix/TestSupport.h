@@ -78,3 +78,14 @@ std::string StripNumber(const std::string &value);
 uint64_t ParseNumber(const std::string &value); // decimal or 0x hex, up to the first space
 
 } // namespace brixtest
+
+namespace brixtest {
+
+// A COFF object as Quillet lays one out: .text, a COMDAT .text$inline_fn, the main .debug$S
+// (string table "unit.asm", "inc.inc"; checksums; lines of .text: unit.asm lines 10, 11, 12 at
+// 0, 4, 8 and inc.inc line 3 at 16) and the COMDAT section's own associated .debug$S (lines 20
+// and 21 of inc.inc with columns 5 and 7, 2 bytes into inline_fn, which is at offset 4). Its
+// own checksum table differs from the main one when `ownTableDiffers`, else repeats it.
+void WriteCodeViewSample(const std::string &path, bool ownTableDiffers);
+
+} // namespace brixtest

@@ -1,0 +1,433 @@
+// Malformed files and wrong arguments: every one gives a non-zero result and nothing crashes
+// (the sanitizer build runs these too).
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+#include <functional>
+#include <random>
+
+using namespace brixtest;
+
+namespace {
+
+std::vector<uint8_t> SampleElf(int32_t format, const TempDir &dir) {
+    std::string path = dir.File("sample.o");
+    BrxHandle file = 0;
+    EXPECT_EQ(_brx_new_file(path.c_str(), format, &file), 0);
+    BrxHandle text = AddSection(file, ".text", BRX_SECTION_CODE, 16);
+    AppendBytes(text, std::vector<uint8_t>(24, 0x90));
+    BrxHandle inl = AddSection(file, ".text.inline", BRX_SECTION_CODE, 4);
+    AppendBytes(inl, std::vector<uint8_t>(8, 0xc3));
+    BrxComdat any{BRX_COMDAT_ANY, 0};
+    EXPECT_EQ(_brx_set_value(inl, BRX_KEY_COMDAT, &any, 0), 0);
+    BrxHandle line = AddSection(file, ".debug_line", 0, 1, 1);
+    AppendBytes(line, std::vector<uint8_t>(32, 1));
+    AddSymbol(file, "unit.asm", BRX_BINDING_LOCAL, BRX_SYMBOL_SOURCE_FILE, 0, 0);
+    BrxHandle fn = AddSymbol(file, "fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, text, 4);
+    AddSymbol(file, "inline", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, inl, 0);
+    AddRelocation(line, 37, text, 4);
+    AddRelocation(line, format == BRX_FORMAT_ELF64 ? 39 : 37, fn, 12, 8);
+    EXPECT_EQ(_brx_write_file(file), 0);
+    EXPECT_EQ(_brx_close_file(file), 0);
+    return ReadFileBytes(path);
+}
+
+std::vector<uint8_t> SampleCoff(const TempDir &dir) {
+    std::string path = dir.File("sample.obj");
+    WriteCodeViewSample(path, true);
+    return ReadFileBytes(path);
+}
+
+// Opens an image; when it opens, every query a reader makes must work without a crash.
+int32_t OpenAndWalk(const TempDir &dir, const std::vector<uint8_t> &image) {
+    std::string path = dir.File("input.bin");
+    WriteFileBytes(path, image);
+    BrxHandle file = 0;
+    uint32_t mode = 7;
+    int32_t result = _brx_open_file(path.c_str(), &mode, &file, 0);
+    if (result != 0)
+        return result;
+    char name[64];
+    uint32_t capacity = sizeof name;
+    uint64_t value = 0;
+    uint8_t buf[256];
+    for (BrxHandle s : Sections(file)) {
+        _brx_get_keyed(s, BRX_KEY_NAME, &capacity, name, 0);
+        BrxBytes rec{sizeof buf, 0, buf};
+        _brx_get_keyed(s, BRX_KEY_SECTION_DATA, nullptr, &rec, 0);
+        for (BrxHandle r : Relocations(s)) {
+            BrxHandle target = 0;
+            if (_brx_get_keyed(r, BRX_KEY_RELOC_TARGET, nullptr, &target, 0) == 0)
+                _brx_get_keyed(target, BRX_KEY_SYMBOL_SECTION, nullptr, &value, 0);
+        }
+        BrxHandle previous = BRX_FIRST, block = 0;
+        while (_brx_get_keyed(s, BRX_KEY_NEXT_LINE_BLOCK, &previous, &block, 0) == 0) {
+            BrxHandle ref = 0, prevItem = BRX_FIRST, item = 0;
+            if (_brx_get_keyed(block, BRX_KEY_LINE_BLOCK_FILE, nullptr, &ref, 0) == 0)
+                _brx_get_keyed(ref, BRX_KEY_LINE_FILE_SYMBOL, nullptr, &value, 0);
+            while (_brx_get_keyed(block, BRX_KEY_NEXT_LINE_ITEM, &prevItem, &item, 0) == 0) {
+                _brx_get_keyed(item, BRX_KEY_LINE_ITEM_ADDRESS, nullptr, &value, 0);
+                prevItem = item;
+            }
+            previous = block;
+        }
+    }
+    for (BrxHandle s : Symbols(file))
+        _brx_get_keyed(s, BRX_KEY_SYMBOL_NAME, &capacity, name, 0);
+    EXPECT_EQ(_brx_close_file(file), 0);
+    return 0;
+}
+
+struct Sample {
+    const char *name;
+    std::function<std::vector<uint8_t>(const TempDir &)> make;
+};
+
+const Sample kSamples[] = {
+    {"elf32", [](const TempDir &d) { return SampleElf(BRX_FORMAT_ELF32, d); }},
+    {"elf64", [](const TempDir &d) { return SampleElf(BRX_FORMAT_ELF64, d); }},
+    {"coff", [](const TempDir &d) { return SampleCoff(d); }},
+};
+
+class Malformed : public ::testing::TestWithParam<Sample> {};
+
+TEST_P(Malformed, EveryTruncationIsRefused) {
+    TempDir dir;
+    std::vector<uint8_t> image = GetParam().make(dir);
+    ASSERT_GT(image.size(), 100u);
+    ASSERT_EQ(OpenAndWalk(dir, image), 0);
+    for (size_t length = 0; length < image.size(); ++length) {
+        std::vector<uint8_t> cut(image.begin(), image.begin() + length);
+        EXPECT_NE(OpenAndWalk(dir, cut), 0) << "length " << length;
+    }
+}
+
+// Random changes of a few bytes: any result is fine, a crash or a sanitizer report is not.
+TEST_P(Malformed, RandomDamageNeverCrashes) {
+    TempDir dir;
+    std::vector<uint8_t> image = GetParam().make(dir);
+    std::mt19937 random(20261123);
+    int opened = 0;
+    for (int round = 0; round < 600; ++round) {
+        std::vector<uint8_t> damaged = image;
+        int changes = 1 + int(random() % 4);
+        for (int c = 0; c < changes; ++c) {
+            size_t at = random() % damaged.size();
+            // Mostly small changes to one byte; sometimes a large value in a whole word.
+            if (random() % 4 == 0 && at + 4 <= damaged.size())
+                std::memset(&damaged[at], 0xff, 4);
+            else
+                damaged[at] = uint8_t(random());
+        }
+        opened += OpenAndWalk(dir, damaged) == 0;
+    }
+    RecordProperty("opened", opened);
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, Malformed, ::testing::ValuesIn(kSamples),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// Targeted damage at the fields that locate and size everything else.
+struct Damage {
+    const char *what;
+    std::function<void(std::vector<uint8_t> &)> apply;
+};
+
+void Put32(std::vector<uint8_t> &v, size_t at, uint32_t x) {
+    for (int i = 0; i < 4; ++i)
+        v[at + i] = uint8_t(x >> (8 * i));
+}
+void Put16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
+    v[at] = uint8_t(x);
+    v[at + 1] = uint8_t(x >> 8);
+}
+uint64_t Get(const std::vector<uint8_t> &v, size_t at, unsigned width) {
+    uint64_t x = 0;
+    for (unsigned i = 0; i < width; ++i)
+        x |= uint64_t(v[at + i]) << (8 * i);
+    return x;
+}
+
+// Where a field of the first ELF section header of a type is (class-dependent layout).
+struct ElfLayout {
+    bool is64;
+    size_t Word() const { return is64 ? 8 : 4; }
+    size_t SectionTable(const std::vector<uint8_t> &v) const {
+        return size_t(Get(v, is64 ? 0x28 : 0x20, unsigned(Word())));
+    }
+    size_t EntrySizeField() const { return is64 ? 0x3a : 0x2e; }
+    size_t CountField() const { return is64 ? 0x3c : 0x30; }
+    size_t NameIndexField() const { return is64 ? 0x3e : 0x32; }
+    size_t Header(const std::vector<uint8_t> &v, uint32_t type) const {
+        size_t table = SectionTable(v), entry = is64 ? 64 : 40;
+        size_t count = size_t(Get(v, CountField(), 2));
+        for (size_t i = 1; i < count; ++i)
+            if (Get(v, table + i * entry + 4, 4) == type)
+                return table + i * entry;
+        ADD_FAILURE() << "no section of type " << type;
+        return table;
+    }
+    // Field offsets within a section header.
+    size_t Offset() const { return is64 ? 24 : 16; }
+    size_t Size() const { return is64 ? 32 : 20; }
+    size_t Link() const { return is64 ? 40 : 24; }
+    size_t EntrySize() const { return is64 ? 56 : 36; }
+    void PutWord(std::vector<uint8_t> &v, size_t at, uint64_t x) const {
+        for (size_t i = 0; i < Word(); ++i)
+            v[at + i] = uint8_t(x >> (8 * i));
+    }
+};
+
+std::vector<Damage> ElfDamage(bool is64) {
+    ElfLayout L{is64};
+    constexpr uint32_t PROGBITS = 1, SYMTAB = 2, STRTAB = 3, RELA = 4;
+    return {
+        {"section table past the end",
+         [=](auto &v) { L.PutWord(v, is64 ? 0x28 : 0x20, 0xfffffff0u); }},
+        {"section count past the end", [=](auto &v) { Put16(v, L.CountField(), 0xfffe); }},
+        {"section header too small", [=](auto &v) { Put16(v, L.EntrySizeField(), 8); }},
+        {"name table index past the count", [=](auto &v) { Put16(v, L.NameIndexField(), 0xfff0); }},
+        {"section bytes past the end",
+         [=](auto &v) { L.PutWord(v, L.Header(v, PROGBITS) + L.Offset(), v.size() - 2); }},
+        {"section size past the end",
+         [=](auto &v) { L.PutWord(v, L.Header(v, PROGBITS) + L.Size(), 0xfffffff0u); }},
+        {"section name past its table",
+         [=](auto &v) { Put32(v, L.Header(v, PROGBITS), 0xffffff); }},
+        {"symbol strings index past the count",
+         [=](auto &v) { Put32(v, L.Header(v, SYMTAB) + L.Link(), 0xffff); }},
+        {"symbol table past the end",
+         [=](auto &v) { L.PutWord(v, L.Header(v, SYMTAB) + L.Size(), 0xfffffff0u); }},
+        {"symbol entry size too small",
+         [=](auto &v) { L.PutWord(v, L.Header(v, SYMTAB) + L.EntrySize(), 1); }},
+        {"symbol name past the strings",
+         [=](auto &v) {
+             size_t table = size_t(Get(v, L.Header(v, SYMTAB) + L.Offset(), unsigned(L.Word())));
+             Put32(v, table + (is64 ? 24 : 16), 0x0fffffff);
+         }},
+        {"relocation symbol past the symbols",
+         [=](auto &v) {
+             size_t rela = size_t(Get(v, L.Header(v, RELA) + L.Offset(), unsigned(L.Word())));
+             if (is64)
+                 Put32(v, rela + 12, 0x00ffffff); // high half of r_info
+             else
+                 Put32(v, rela + 4, 0xffffff00u | v[rela + 4]);
+         }},
+        {"relocations past the end",
+         [=](auto &v) { L.PutWord(v, L.Header(v, RELA) + L.Offset(), 0xfffffff0u); }},
+        {"unterminated section name",
+         [=](auto &v) {
+             // Point a section's name at ".shstrtab", the last name, and overwrite its NUL.
+             size_t names = L.SectionTable(v) + Get(v, L.NameIndexField(), 2) * (is64 ? 64 : 40);
+             ASSERT_EQ(Get(v, names + 4, 4), STRTAB);
+             uint64_t size = Get(v, names + L.Size(), unsigned(L.Word()));
+             size_t end = size_t(Get(v, names + L.Offset(), unsigned(L.Word())) + size);
+             Put32(v, L.Header(v, PROGBITS), uint32_t(size - 10));
+             v[end - 1] = 'x';
+         }},
+        {"wrong class", [](auto &v) { v[4] = 3; }},
+        {"wrong byte order", [](auto &v) { v[5] = 0; }},
+    };
+}
+
+std::vector<Damage> CoffDamage() {
+    // Layout of the sample: header (20), 4 section headers (40 each); section 3 is the main
+    // .debug$S with relocations.
+    auto section = [](size_t i) { return 20 + 40 * i; };
+    auto symbolTable = [](const std::vector<uint8_t> &v) { return size_t(Get(v, 8, 4)); };
+    auto stringTable = [=](const std::vector<uint8_t> &v) {
+        return symbolTable(v) + 18 * size_t(Get(v, 12, 4));
+    };
+    // The header of the first subsection of a kind in the main .debug$S (section 3).
+    auto find = [=](const std::vector<uint8_t> &v, uint32_t kind) {
+        size_t at = size_t(Get(v, section(2) + 20, 4));
+        size_t end = at + size_t(Get(v, section(2) + 16, 4));
+        for (at += 4; at + 8 <= end; at = (at + 8 + size_t(Get(v, at + 4, 4)) + 3) & ~size_t(3))
+            if (Get(v, at, 4) == kind)
+                return at;
+        ADD_FAILURE() << "no subsection " << kind;
+        return size_t(0);
+    };
+    return {
+        {"section count past the end", [](auto &v) { Put16(v, 2, 0xfffe); }},
+        {"optional header past the end", [](auto &v) { Put16(v, 16, 0xfff0); }},
+        {"symbol table past the end", [](auto &v) { Put32(v, 8, 0xffffff00u); }},
+        {"symbol count past the end", [](auto &v) { Put32(v, 12, 0x0fffffff); }},
+        {"section bytes past the end",
+         [=](auto &v) { Put32(v, section(0) + 20, uint32_t(v.size() - 1)); }},
+        {"section size past the end", [=](auto &v) { Put32(v, section(0) + 16, 0xfffffff0u); }},
+        {"relocations past the end", [=](auto &v) { Put32(v, section(2) + 24, 0xfffffff0u); }},
+        {"relocation count past the end", [=](auto &v) { Put16(v, section(2) + 32, 0xfffe); }},
+        {"relocation symbol past the symbols",
+         [=](auto &v) { Put32(v, size_t(Get(v, section(2) + 24, 4)) + 4, 0xffffff); }},
+        {"long section name past the strings",
+         [=](auto &v) { std::memcpy(&v[section(1)], "/9999999", 8); }},
+        {"long section name not a number",
+         [=](auto &v) { std::memcpy(&v[section(1)], "/12x\0\0\0\0", 8); }},
+        {"string table size past the end", [=](auto &v) { Put32(v, stringTable(v), 0xfffffff0u); }},
+        {"string table size below its own field", [=](auto &v) { Put32(v, stringTable(v), 2); }},
+        {"auxiliary records past the symbols", [=](auto &v) { v[stringTable(v) - 18 + 17] = 200; }},
+        {"associated section number past the sections",
+         [=](auto &v) {
+             // The definition record of the associative .debug$S section's symbol.
+             size_t symbols = symbolTable(v);
+             for (size_t s = symbols; s + 36 <= stringTable(v); s += 18)
+                 if (std::memcmp(&v[s], ".debug$S", 8) == 0 && v[s + 18 + 14] == 5)
+                     Put16(v, s + 18 + 12, 99);
+         }},
+        {"lines subsection longer than its section",
+         [=](auto &v) { Put32(v, find(v, 0xf2) + 4, 0x7ffffff0); }},
+        {"line block longer than its subsection",
+         [=](auto &v) {
+             size_t lines = find(v, 0xf2) + 8;
+             Put32(v, lines + 12 + 8, 0xfffff000u);
+         }},
+        {"line block with more pairs than bytes",
+         [=](auto &v) {
+             size_t lines = find(v, 0xf2) + 8;
+             Put32(v, lines + 12 + 4, 0x10000000u);
+         }},
+        {"checksum offset past the table",
+         [=](auto &v) {
+             size_t lines = find(v, 0xf2) + 8;
+             Put32(v, lines + 12, 0x1000);
+         }},
+        {"string offset past the string table",
+         [=](auto &v) { Put32(v, find(v, 0xf4) + 8, 0x1000); }},
+    };
+}
+
+struct DamageCase {
+    const char *sample;
+    Damage damage;
+};
+
+class TargetedDamage : public ::testing::TestWithParam<DamageCase> {};
+
+TEST_P(TargetedDamage, IsRefused) {
+    TempDir dir;
+    const DamageCase &c = GetParam();
+    std::vector<uint8_t> image;
+    for (const Sample &s : kSamples)
+        if (std::strcmp(s.name, c.sample) == 0)
+            image = s.make(dir);
+    ASSERT_EQ(OpenAndWalk(dir, image), 0);
+    c.damage.apply(image);
+    EXPECT_NE(OpenAndWalk(dir, image), 0) << c.damage.what;
+}
+
+std::vector<DamageCase> AllDamage() {
+    std::vector<DamageCase> out;
+    for (const Damage &d : ElfDamage(false))
+        out.push_back({"elf32", d});
+    for (const Damage &d : ElfDamage(true))
+        out.push_back({"elf64", d});
+    for (const Damage &d : CoffDamage())
+        out.push_back({"coff", d});
+    return out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Fields, TargetedDamage, ::testing::ValuesIn(AllDamage()),
+                         [](const auto &info) {
+                             std::string name =
+                                 std::string(info.param.sample) + "_" + info.param.damage.what;
+                             for (char &ch : name)
+                                 if (!std::isalnum(static_cast<unsigned char>(ch)))
+                                     ch = '_';
+                             return name + "_" + std::to_string(info.index);
+                         });
+
+TEST(NotAnObject, IsRefused) {
+    TempDir dir;
+    const std::vector<std::vector<uint8_t>> inputs = {
+        {},
+        {0x7f, 'E', 'L', 'G', 2, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0},
+        std::vector<uint8_t>{'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'},
+        std::vector<uint8_t>(64, 0x41),
+        {0x00, 0x00, 0xff, 0xff}, // an import or big-object header start
+    };
+    for (const auto &input : inputs)
+        EXPECT_NE(OpenAndWalk(dir, input), 0) << input.size();
+    BrxHandle file = 0;
+    EXPECT_NE(_brx_open_file(dir.File("missing.o").c_str(), nullptr, &file, 0), 0);
+    EXPECT_NE(_brx_open_file(dir.Path().c_str(), nullptr, &file, 0), 0); // a directory
+}
+
+TEST(WrongArguments, AreRefused) {
+    TempDir dir;
+    BrxHandle file = 0;
+    std::string path = dir.File("a.o");
+    // Creation of files.
+    EXPECT_NE(_brx_new_file(nullptr, BRX_FORMAT_ELF64, &file), 0);
+    EXPECT_NE(_brx_new_file(path.c_str(), 0, &file), 0);
+    EXPECT_NE(_brx_new_file(path.c_str(), 4, &file), 0);
+    EXPECT_NE(_brx_new_file(path.c_str(), BRX_FORMAT_ELF64, nullptr), 0);
+    EXPECT_NE(_brx_open_file(nullptr, nullptr, &file, 0), 0);
+    ASSERT_EQ(_brx_new_file(path.c_str(), BRX_FORMAT_ELF64, &file), 0);
+    BrxHandle section = AddSection(file, ".text", BRX_SECTION_CODE);
+    BrxHandle table = SymbolTable(file);
+
+    uint64_t value = 0;
+    uint32_t capacity = 64;
+    char name[64];
+    // Unknown and impossible handles.
+    for (BrxHandle h :
+         {BrxHandle(0), BrxHandle(BRX_FIRST), BrxHandle(0x00fffffe), BrxHandle(0x7f000001)}) {
+        EXPECT_NE(_brx_get_keyed(h, BRX_KEY_FORMAT, nullptr, &value, 0), 0);
+        EXPECT_NE(_wcbrx_get_keyed(h, BRX_KEY_PATH, &capacity, name, 0), 0);
+        EXPECT_NE(_brx_set_value(h, BRX_KEY_MACHINE, &value, 0), 0);
+        BrxHandle made = 0;
+        EXPECT_NE(_brx_create_object(h, 0, BRX_KIND_SECTION, 0, nullptr, &made, 0), 0);
+        EXPECT_NE(_brx_write_file(h), 0);
+        EXPECT_NE(_brx_close_file(h), 0);
+    }
+    // Unknown keys and keys of another kind of object.
+    for (uint32_t key : {0u, 1u, 999u, 0xffffffffu, uint32_t(BRX_KEY_RELOC_TYPE)}) {
+        EXPECT_NE(_brx_get_keyed(section, key, nullptr, &value, 0), 0) << key;
+        EXPECT_NE(_brx_set_value(section, key, &value, 0), 0) << key;
+    }
+    EXPECT_NE(_brx_get_keyed(file, BRX_KEY_NEXT_RELOCATION, nullptr, &value, 0), 0);
+    EXPECT_NE(_brx_get_keyed(table, BRX_KEY_FIND, nullptr, &value, 0), 0);
+    // Null pointers where a value is needed.
+    EXPECT_NE(_brx_get_keyed(file, BRX_KEY_FORMAT, nullptr, nullptr, 0), 0);
+    EXPECT_NE(_brx_get_keyed(section, BRX_KEY_NAME, nullptr, name, 0), 0);
+    EXPECT_NE(_brx_get_keyed(section, BRX_KEY_NAME, &capacity, nullptr, 0), 0);
+    EXPECT_NE(_brx_get_keyed(section, BRX_KEY_SECTION_DATA, nullptr, nullptr, 0), 0);
+    EXPECT_NE(_brx_get_keyed(file, BRX_KEY_FIND, nullptr, &value, 0), 0);
+    EXPECT_NE(_brx_get_keyed(section, BRX_KEY_NEXT_RELOCATION, nullptr, &value, 0), 0);
+    EXPECT_NE(_brx_set_value(section, BRX_KEY_SECTION_ADDRESS, nullptr, 0), 0);
+    BrxBytes noData{4, 0, nullptr};
+    EXPECT_NE(_brx_set_value(section, BRX_KEY_SECTION_DATA, &noData, 0), 0);
+    BrxBytes huge{UINT64_MAX, 1, name};
+    EXPECT_NE(_brx_set_value(section, BRX_KEY_SECTION_DATA, &huge, 0), 0);
+    // Wrong parents and attribute values at creation.
+    BrxHandle out = 0;
+    EXPECT_NE(_brx_create_object(file, 0, BRX_KIND_RELOCATION, 0, nullptr, &out, 0), 0);
+    EXPECT_NE(_brx_create_object(section, 0, BRX_KIND_SECTION, 0, nullptr, &out, 0), 0);
+    EXPECT_NE(_brx_create_object(file, 0, 42, 0, nullptr, &out, 0), 0);
+    EXPECT_NE(_brx_create_object(file, 0, BRX_KIND_SECTION, 1, nullptr, &out, 0), 0);
+    EXPECT_NE(_brx_create_object(file, 0, BRX_KIND_SECTION, 0, nullptr, nullptr, 0), 0);
+    uint32_t badAlignment = 3, badBinding = 7;
+    BrxAttr alignment[] = {{BRX_KEY_NAME, ".x"}, {BRX_KEY_SECTION_ALIGNMENT, &badAlignment}};
+    EXPECT_NE(_brx_create_object(file, 0, BRX_KIND_SECTION, 2, alignment, &out, 0), 0);
+    BrxAttr binding[] = {{BRX_KEY_SYMBOL_NAME, "s"}, {BRX_KEY_SYMBOL_BINDING, &badBinding}};
+    EXPECT_NE(_brx_create_object(table, 0, BRX_KIND_SYMBOL, 2, binding, &out, 0), 0);
+    BrxAttr unknown[] = {{BRX_KEY_NAME, ".y"}, {777, &badBinding}};
+    EXPECT_NE(_brx_create_object(file, 0, BRX_KIND_SECTION, 2, unknown, &out, 0), 0);
+    EXPECT_EQ(Sections(file).size(), 1u); // the refused sections left nothing behind
+    // A file that was read cannot be written; a file whose path cannot be created fails.
+    ASSERT_EQ(_brx_write_file(file), 0);
+    BrxHandle read = 0;
+    ASSERT_EQ(_brx_open_file(path.c_str(), nullptr, &read, 0), 0);
+    EXPECT_NE(_brx_write_file(read), 0);
+    _brx_close_file(read);
+    _brx_close_file(file);
+    ASSERT_EQ(_brx_new_file(dir.File("no/such/dir/a.o").c_str(), BRX_FORMAT_COFF, &file), 0);
+    EXPECT_NE(_brx_write_file(file), 0);
+    _brx_close_file(file);
+}
+
+} // namespace
