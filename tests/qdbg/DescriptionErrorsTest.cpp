@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
+
 namespace {
 
 using namespace qdbgtest;
@@ -166,6 +169,27 @@ TEST(QdbgHelp, TheManualDocumentsEveryStatementOfTheFormat) {
             << keyword;
     for (const char *type : {"data1", "sdata8", "real10", "void"})
         EXPECT_NE(manual.out.find(type), std::string::npos) << type;
+}
+
+TEST(QdbgHelp, TheManualsExampleBuildsInEveryFormat) {
+    CommandResult manual = RunCommand(std::string(QDBG_PATH) + " --help");
+    size_t begin = manual.out.find("\nEXAMPLE\n");
+    ASSERT_NE(begin, std::string::npos);
+    std::istringstream lines(manual.out.substr(begin + 9));
+    std::string description;
+    for (std::string line; std::getline(lines, line) && !line.empty();)
+        description += line.substr(std::min<size_t>(4, line.size())) + "\n";
+    ScratchDir dir;
+    WriteFile(dir / "hello.desc", description);
+    WriteFile(dir / "hello.s", "; the source the example's lines point into\n");
+    for (const char *format : {"elf64", "elf32", "coff"}) {
+        CommandResult built = RunCommand(std::string(QDBG_PATH) + " build hello.desc -o hello.o -f " +
+                                             format,
+                                         dir.Path());
+        EXPECT_EQ(built.exitCode, 0) << format << "\n" << description << built.err;
+        CommandResult listed = RunCommand(std::string(QDBG_PATH) + " lines hello.o", dir.Path());
+        EXPECT_NE(listed.out.find(".text 0xc 7 1 "), std::string::npos) << format << listed.out;
+    }
 }
 
 } // namespace
