@@ -5,7 +5,7 @@
 // has its own .debug$S, associated with it: signature, symbols, its own checksum table and its
 // lines. Every lines subsection holds exactly one section header followed by that section's
 // blocks, because readers take the first 12 bytes of a lines subsection as its header and all
-// that follows as blocks.
+// that follows as blocks. Every symbol section ends on a 4-byte boundary.
 #include "codeview/CodeViewEmit.h"
 
 #include "codeview/CodeViewFormat.h"
@@ -61,6 +61,23 @@ uint32_t CloseAllSubsections() {
     for (CBinarySection *section : State().symbolSections)
         if (uint32_t status = CloseSubsection(*section))
             return status;
+    return DBG_ERR_NONE;
+}
+
+// Zero fill after the last subsection of every symbol section, up to a multiple of 4 bytes.
+// Readers step from one subsection to the next by the length rounded up to 4, the last one
+// included, and refuse a section that ends before that.
+uint32_t PadSymbolSections() {
+    static const uint8_t zeros[quillet::cv::kSubsectionAlignment] = {};
+    for (CBinarySection *section : State().symbolSections) {
+        const uint32_t fill = uint32_t(-section->Size() % quillet::cv::kSubsectionAlignment);
+        if (fill == 0)
+            continue;
+        // Nothing more opens a subsection here.
+        section->SetPendingSubsectionType(0);
+        if (section->Append(zeros, fill).Failed())
+            return DBG_ERR_WRITE_FAILED;
+    }
     return DBG_ERR_NONE;
 }
 
@@ -155,7 +172,7 @@ uint32_t RunCodeViewDriver() {
         return status;
     if (CloseAllSubsections())
         return DBG_ERR_OBJECT_FILE;
-    return DBG_ERR_NONE;
+    return PadSymbolSections();
 }
 
 uint32_t SectionBeginCodeView(CSectionScope &scope, CBinarySection *&symSection,

@@ -79,7 +79,8 @@ TEST_F(CodeViewDriver, EmptyModuleHoldsOnlyTheModuleRecords) {
     const Bytes bytes = CoffModule::Contents(symbols[0]);
     const auto subsections = Subsections(bytes);
     ASSERT_EQ(Kinds(subsections), std::vector<uint32_t>{F1});
-    EXPECT_EQ(subsections[0].content.size() + 12, bytes.size()) << "length patched";
+    // The length is patched; zero fill brings the section to a multiple of 4 bytes.
+    EXPECT_EQ((subsections[0].content.size() + 12 + 3) & ~size_t(3), bytes.size());
     std::vector<uint16_t> kinds;
     for (const Record &r : Records(subsections[0].content))
         kinds.push_back(r.kind);
@@ -339,6 +340,26 @@ TEST_F(CodeViewDriver, ComdatSectionWithoutLinesStillMovesTheCursor) {
     const auto own = Subsections(CoffModule::Contents(symbols[2]));
     ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F4, F2}));
     EXPECT_EQ(own[2].content, Concat({LineHeader(8), Block(0, {{2, 3}})}));
+}
+
+TEST_F(CodeViewDriver, ComdatSectionWithOnlyLinesOpensItsSymbolsSubsectionFirst) {
+    // No record reaches the section's own symbol section in the symbols pass: its signature and
+    // an empty symbols subsection come in front of the checksum subsection.
+    const std::string a = Write("a.asm", "a");
+    CoffModule m(ObjectPath());
+    m.OpenModule();
+    const BrxHandle only = m.Section(".text$only", 8, true, true);
+    DbgScope section = m.OpenSection(only);
+    m.Line(section, m.Source(a), 5, 4);
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+
+    const auto symbols = m.SectionsNamed(".debug$S");
+    ASSERT_EQ(symbols.size(), 2u);
+    const auto own = Subsections(CoffModule::Contents(symbols[1]));
+    ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F4, F2}));
+    EXPECT_TRUE(own[0].content.empty());
+    EXPECT_EQ(own[1].content, ChecksumRecord(1, "a"));
+    EXPECT_EQ(own[2].content, Concat({LineHeader(8), Block(0, {{4, 5}})}));
 }
 
 TEST_F(CodeViewDriver, LinesHeldByTheModuleAreIgnored) {
