@@ -1,0 +1,106 @@
+// The query commands on objects that other tools made: an ELF object with DWARF 2 line
+// programs from llvm-mc, and a COFF object with CodeView line blocks from clang.
+#include "qdbg/Process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <regex>
+#include <sstream>
+
+namespace {
+
+using namespace qdbgtest;
+
+const std::string kQdbg = QDBG_PATH;
+
+// "SECTION OFFSET LINE" of every row that `qdbg lines` prints.
+std::vector<std::string> ListedRows(const std::string &object) {
+    CommandResult listed = RunCommand(kQdbg + " lines " + Quote(object));
+    EXPECT_EQ(listed.exitCode, 0) << listed.err;
+    std::vector<std::string> rows;
+    std::istringstream lines(listed.out);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string section, offset, number;
+        words >> section >> offset >> number;
+        rows.push_back(section + " " + offset + " " + number);
+    }
+    return rows;
+}
+
+std::string Hex(uint64_t value) {
+    std::ostringstream out;
+    out << "0x" << std::hex << value;
+    return out.str();
+}
+
+TEST(ForeignObjects, ElfLineProgramsFromLlvmMc) {
+    // Three sections of one-byte instructions; each instruction's row is its own source line.
+    ScratchDir dir;
+    std::string assembly;
+    std::vector<std::string> expected;
+    int line = 0;
+    for (const char *section : {".text", ".text.hot", ".text.cold"}) {
+        assembly += std::string("        .section ") + section + ",\"ax\",@progbits\n";
+        ++line;
+        for (int k = 0; k < 40; ++k) {
+            assembly += k % 7 == 3 ? "        int3\n" : "        nop\n";
+            ++line;
+            expected.push_back(std::string(section) + " " + Hex(k) + " " + std::to_string(line));
+        }
+    }
+    WriteFile(dir / "three.s", assembly);
+    CommandResult assembled = RunCommand("llvm-mc-14 -filetype=obj -triple x86_64-linux-gnu -g "
+                                         "-dwarf-version=2 three.s -o three.o",
+                                         dir.Path());
+    ASSERT_EQ(assembled.exitCode, 0) << assembled.err;
+    EXPECT_EQ(ListedRows(dir / "three.o"), expected);
+    CommandResult addr = RunCommand(kQdbg + " addr three.o .text.hot 7", dir.Path());
+    EXPECT_EQ(addr.out, dir / "three.s:50\n");
+}
+
+TEST(ForeignObjects, CoffLineBlocksFromClang) {
+    ScratchDir dir;
+    std::string source;
+    for (int k = 0; k < 6; ++k)
+        source += "int f" + std::to_string(k) + "(int x)\n{\n    int y = x * " + std::to_string(k + 2) +
+                  ";\n    return y + " + std::to_string(k) + ";\n}\n\n";
+    WriteFile(dir / "six.c", source);
+    CommandResult compiled = RunCommand(
+        "clang-14 --target=x86_64-pc-windows-msvc -g -gcodeview -O0 -c six.c -o six.obj", dir.Path());
+    ASSERT_EQ(compiled.exitCode, 0) << compiled.err;
+
+    // What LLVM reads: each function's line table (offsets from the function's start) and the
+    // function symbols' offsets in .text.
+    CommandResult symbols = RunCommand("llvm-readobj-14 --symbols six.obj", dir.Path());
+    std::map<std::string, uint64_t> start;
+    std::regex symbol(R"(Name: (f\d)\n\s+Value: (\d+)\n\s+Section: \.text)");
+    for (std::sregex_iterator it(symbols.out.begin(), symbols.out.end(), symbol), end; it != end; ++it)
+        start[(*it)[1]] = std::stoull((*it)[2]);
+    ASSERT_EQ(start.size(), 6u) << symbols.out;
+    CommandResult codeview = RunCommand("llvm-readobj-14 --codeview six.obj", dir.Path());
+    std::vector<std::pair<uint64_t, std::string>> rows;
+    std::regex item(R"(LinkageName: (f\d)|\+(0x[0-9A-F]+) \[\n\s+LineNumberStart: (\d+))");
+    std::string function;
+    for (std::sregex_iterator it(codeview.out.begin(), codeview.out.end(), item), end; it != end; ++it) {
+        if ((*it)[1].matched) {
+            function = (*it)[1];
+            continue;
+        }
+        uint64_t offset = start[function] + std::stoull((*it)[2], nullptr, 16);
+        rows.emplace_back(offset, ".text " + Hex(offset) + " " + (*it)[3].str());
+    }
+    ASSERT_GE(rows.size(), 18u) << codeview.out;
+    std::sort(rows.begin(), rows.end());
+    std::vector<std::string> expected;
+    for (const auto &row : rows)
+        expected.push_back(row.second);
+    EXPECT_EQ(ListedRows(dir / "six.obj"), expected);
+    CommandResult files = RunCommand(kQdbg + " files six.obj", dir.Path());
+    EXPECT_EQ(files.exitCode, 0);
+    EXPECT_NE(files.out.find("six.c\n"), std::string::npos) << files.out;
+}
+
+} // namespace
