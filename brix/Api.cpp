@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <sys/stat.h>
 
 using namespace brix;
 
@@ -671,16 +672,17 @@ int32_t Create(BrxHandle parent, uint32_t kind, uint32_t count, const BrxAttr *a
     return kOk;
 }
 
+// Reads a regular file whole; directories and other special files are refused (their reported
+// sizes mean nothing).
 bool ReadWholeFile(const char *path, std::vector<uint8_t> &out) {
     FILE *fp = std::fopen(path, "rb");
     if (!fp)
         return false;
-    bool ok = std::fseek(fp, 0, SEEK_END) == 0;
-    long size = ok ? std::ftell(fp) : -1;
-    ok = ok && size >= 0 && std::fseek(fp, 0, SEEK_SET) == 0;
+    struct stat info;
+    bool ok = fstat(fileno(fp), &info) == 0 && S_ISREG(info.st_mode) && info.st_size >= 0;
     if (ok) {
-        out.resize(size_t(size));
-        ok = size == 0 || std::fread(out.data(), 1, out.size(), fp) == out.size();
+        out.resize(size_t(info.st_size));
+        ok = out.empty() || std::fread(out.data(), 1, out.size(), fp) == out.size();
     }
     std::fclose(fp);
     return ok;

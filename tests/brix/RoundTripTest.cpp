@@ -167,7 +167,7 @@ TEST_P(RoundTrip, ReadingBackAnswersWhatWasWritten) {
         BrxHandle target = U32(relocs[i], BRX_KEY_RELOC_TARGET);
         EXPECT_EQ(U32(target, BRX_KEY_SYMBOL_SECTION), sections[expected[i].section]);
     }
-    EXPECT_EQ(U32(U32(relocs[2], BRX_KEY_RELOC_TARGET), BRX_KEY_SYMBOL_OFFSET), 16u);
+    EXPECT_EQ(U64(U32(relocs[2], BRX_KEY_RELOC_TARGET), BRX_KEY_SYMBOL_OFFSET), 16u);
     EXPECT_EQ(SymbolName(U32(relocs[2], BRX_KEY_RELOC_TARGET)), "main_function");
     EXPECT_EQ(Relocations(sections[".debug$S"]).size(), 1u);
     EXPECT_TRUE(Relocations(sections[".text"]).empty());
