@@ -165,6 +165,26 @@ TEST_F(CodeViewDriver, SubsectionsStartOnFourByteBoundaries) {
     }
     for (size_t i = 1; i < lengths.size(); ++i)
         EXPECT_EQ(lengths[i], lengths[0] + i) << "the length counts the content, not the fill";
+
+    // Without lines the symbols subsection is the last one: zero fill still ends the section
+    // on a 4-byte boundary, and the length does not count it.
+    for (const std::string name : {"A", "AB", "ABC", "ABCD"}) {
+        CoffModule m(ObjectPath());
+        DbgScope module = m.OpenModule();
+        const int32_t code = 2;
+        const int8_t value = 5;
+        const DbgObjectProp props[] = {{DBG_PROP_BASE_TYPE, &code},
+                                       {DBG_PROP_VALUE, &value},
+                                       {DBG_PROP_NAME, name.c_str()}};
+        DbgObject constant = nullptr;
+        ASSERT_EQ(Dbg_create_object(DBG_OBJ_CONSTANT, props, 3, module, &constant), DBG_ERR_NONE);
+        ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+        const Bytes bytes = CoffModule::Contents(m.SectionsNamed(".debug$S")[0]);
+        EXPECT_EQ(bytes.size() % 4, 0u) << name;
+        const auto subsections = Subsections(bytes);
+        ASSERT_EQ(Kinds(subsections), std::vector<uint32_t>{F1}) << name;
+        EXPECT_EQ(subsections[0].content.size(), lengths[name.size() - 1]) << name;
+    }
 }
 
 TEST_F(CodeViewDriver, EverySourceRecordIsItsOwnTableEntry) {
