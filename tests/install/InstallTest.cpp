@@ -173,7 +173,10 @@ const HeaderCase kHeaderCases[] = {
 };
 
 std::ostream &operator<<(std::ostream &out, const HeaderCase &c) {
-    return out << c.standard << " with " << c.includes;
+    std::string includes = c.includes;
+    for (char &ch : includes)
+        ch = ch == '\n' ? ' ' : ch;
+    return out << c.standard << ": " << includes;
 }
 
 class PublicHeaders : public ::testing::TestWithParam<HeaderCase> {};

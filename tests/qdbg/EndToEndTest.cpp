@@ -153,7 +153,11 @@ TEST_P(ExampleDescriptions, BuildReadCleanlyAndListTheDescribedRows) {
 
 INSTANTIATE_TEST_SUITE_P(AllFormats, ExampleDescriptions,
                          ::testing::Combine(::testing::Values("hello", "tour"),
-                                            ::testing::Values("elf64", "elf32", "coff")));
+                                            ::testing::Values("elf64", "elf32", "coff")),
+                         [](const auto &info) {
+                             return std::string(std::get<0>(info.param)) + "_" +
+                                    std::get<1>(info.param);
+                         });
 
 struct Query {
     const char *arguments; // after the object
@@ -228,7 +232,10 @@ TEST_P(LineQueries, AnswerFromTheLineInformation) {
 
 INSTANTIATE_TEST_SUITE_P(ElfAndCoff, LineQueries,
                          ::testing::Combine(::testing::ValuesIn(kQueries),
-                                            ::testing::Values("elf64", "coff")));
+                                            ::testing::Values("elf64", "coff")),
+                         [](const auto &info) {
+                             return std::to_string(info.index / 2) + "_" + std::get<1>(info.param);
+                         });
 
 TEST(QdbgQueries, AnObjectThatCannotBeOpenedIsAFailure) {
     ScratchDir dir;
