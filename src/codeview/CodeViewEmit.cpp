@@ -89,8 +89,10 @@ uint32_t AppendScopeBlocks(const CScopeNode &scope, CBinarySection &symbols,
         return DBG_ERR_WRITE_FAILED;
     std::vector<quillet::CvLinePoint> points;
     points.reserve(scope.Lines().size());
+    // An entry without a source file names no file: the tables have nothing for it.
     for (const CLineEntry &entry : scope.Lines())
-        points.push_back({entry.Address(), entry.line, entry.source});
+        if (SourceOf(entry.source))
+            points.push_back({entry.Address(), entry.line, entry.source});
     std::stable_sort(points.begin(), points.end(),
                      [](const quillet::CvLinePoint &a, const quillet::CvLinePoint &b) {
                          return a.address < b.address;
@@ -99,8 +101,7 @@ uint32_t AppendScopeBlocks(const CScopeNode &scope, CBinarySection &symbols,
     const auto &indices = tables->checksumIndex[&symbols];
     auto lookup = [&](const void *source) {
         quillet::CvFileInfo info{};
-        if (const CSourceFile *file = SourceOf(source))
-            info.name = file->Name();
+        info.name = SourceOf(source)->Name();
         const auto offset = tables->stringOffsets.find(source);
         if (!QCHECK(offset != tables->stringOffsets.end()))
             return info;
