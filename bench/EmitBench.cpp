@@ -275,7 +275,8 @@ void Register(const char *name, int format) {
 // The figures the targets are about, and whether they are met.
 int PrintSummary() {
     int failures = 0;
-    std::printf("\nEmission, describe + emit + write (argument: 1/N of the full module)\n");
+    std::printf("\nEmission, describe + emit + write; times are the best run of each size, "
+                "peak memory the largest\n");
     std::printf("%-7s %9s %10s %10s %10s %10s %10s %12s %10s\n", "format", "entries", "time ms",
                 "describe", "emit", "write", "us/entry", "bytes/entry", "step cost");
     for (int format : {BRX_FORMAT_ELF64, BRX_FORMAT_COFF}) {
