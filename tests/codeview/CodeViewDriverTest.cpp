@@ -221,6 +221,26 @@ TEST_F(CodeViewDriver, EverySourceRecordIsItsOwnTableEntry) {
                                               Block(48, {{8, 3}})}));
 }
 
+TEST_F(CodeViewDriver, NonAsciiNamesAreWrittenInUtf8) {
+    // U+00E9 and U+20AC: two and three bytes in the string table; the file is found by the
+    // same conversion of its name.
+    const std::string base = "caf\xC3\xA9\xE2\x82\xAC.asm";
+    const std::string path = Write(base, "accented");
+    CoffModule m(ObjectPath());
+    m.OpenModule();
+    const std::u16string wide = Wide(m_Dir.Path()) + u"/caf\u00E9\u20AC.asm";
+    DbgSource source = m.Builder().Source(wide);
+    DbgScope section = m.OpenSection(m.Section(".text", 4));
+    m.Line(section, source, 3, 0);
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+    const auto subsections = Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]));
+    ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2}));
+    Bytes strings = {0};
+    PutString(strings, TablePath(base));
+    EXPECT_EQ(subsections[1].content, strings);
+    EXPECT_EQ(subsections[2].content, ChecksumRecord(1, "accented"));
+}
+
 TEST_F(CodeViewDriver, EachSectionWritesItsOwnLinesSubsection) {
     const std::string a = Write("a.asm", "a"), b = Write("b.asm", "b");
     CoffModule m(ObjectPath());

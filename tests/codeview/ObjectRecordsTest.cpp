@@ -177,6 +177,16 @@ TEST_F(ObjectRecords, EveryKindWithItsLength) {
                 << "record " << i;
         }
     }
+    // The module's records: object name (path + 9 bytes), compile record (producer + 28) and
+    // environment block (21 + working directory + tool path + source path).
+    const std::string objectPath = m.Builder().Path();
+    EXPECT_EQ(records[0].bytes.size(), objectPath.size() + 9);
+    EXPECT_STREQ(reinterpret_cast<const char *>(&records[0].bytes[8]), objectPath.c_str());
+    EXPECT_EQ(records[1].bytes.size(), std::string("quillet test").size() + 28);
+    EXPECT_STREQ(reinterpret_cast<const char *>(&records[1].bytes[26]), "quillet test");
+    const std::string tool = "c:\\tools\\qasm.exe", source = "/src/main.asm";
+    EXPECT_EQ(records[2].bytes.size(), 21 + WorkingDirectory().size() + tool.size() + source.size());
+
     // Types and values where they stand.
     EXPECT_EQ(U32(records[4].bytes, 4), 0x22u);   // data4 unsigned
     EXPECT_EQ(U32(records[5].bytes, 4), 0x03u);   // void
