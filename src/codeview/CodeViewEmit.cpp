@@ -135,11 +135,9 @@ uint32_t RunCodeViewDriver() {
     CCodeViewTables tables;
     CEmissionScope emission(tables);
 
-    state.symbolSections.push_back(new CBinarySection(file, FORMAT_COFF, ".debug$S",
-                                                      kSectionAlignment, kSectionFlags,
-                                                      kSectionKind,
-                                                      CBinarySection::LowBuffer{
-                                                          kMainSymbolsLowCapacity}));
+    state.symbolSections.push_back(
+        new CBinarySection(file, FORMAT_COFF, ".debug$S", kSectionAlignment, kSectionFlags,
+                           kSectionKind, CBinarySection::LowBuffer{kMainSymbolsLowCapacity}));
     CBinarySection &mainSymbols = *state.symbolSections.front();
     QCHECK(mainSymbols.StartSubsection(CV_SIGNATURE).Ok());
     QCHECK(mainSymbols.StartSubsection(DEBUG_S_SYMBOLS).Ok());

@@ -19,7 +19,9 @@
 
 #include <vector>
 
-CCodeViewTables *ActiveCodeViewTables() { return State().codeViewTables; }
+CCodeViewTables *ActiveCodeViewTables() {
+    return State().codeViewTables;
+}
 
 bool IsComdatSection(uint32_t section) {
     BrxComdat comdat = {0, 0};
@@ -49,8 +51,8 @@ namespace {
 
 // Adds the paths of the files named by the entries of `scope`'s children, child by child, each
 // child's own subtree before the next child. The module's own entries are not visited.
-void CollectPaths(const CScopeNode &scope, const std::u16string &directory,
-                  CCodeViewTables &tables, std::vector<uint8_t> &content) {
+void CollectPaths(const CScopeNode &scope, const std::u16string &directory, CCodeViewTables &tables,
+                  std::vector<uint8_t> &content) {
     for (const auto &child : scope.Children()) {
         const void *previous = nullptr;
         for (const CLineEntry &entry : child->Lines()) {
@@ -132,9 +134,9 @@ private:
         if (digest == m_Tables.digests.end()) {
             if (!quillet::ReadWholeFile(file->Name(), m_Bytes))
                 return DBG_ERR_WRITE_FAILED;
-            digest = m_Tables.digests
-                         .emplace(source, quillet::CMd5::Of(m_Bytes.data(), m_Bytes.size()))
-                         .first;
+            digest =
+                m_Tables.digests.emplace(source, quillet::CMd5::Of(m_Bytes.data(), m_Bytes.size()))
+                    .first;
         }
         const auto record = quillet::EncodeChecksumRecord(offset->second, digest->second);
         if (table.Append(record.data(), uint32_t(record.size())).Failed())
@@ -156,9 +158,8 @@ uint32_t WriteStringTable(const CScopeNode &module, CBinarySection &mainSymbols,
         return DBG_ERR_NONE;
     if (!QCHECK(content.size() <= UINT32_MAX))
         return DBG_ERR_WRITE_FAILED;
-    return mainSymbols.Append(content.data(), uint32_t(content.size())).Ok()
-               ? DBG_ERR_NONE
-               : DBG_ERR_WRITE_FAILED;
+    return mainSymbols.Append(content.data(), uint32_t(content.size())).Ok() ? DBG_ERR_NONE
+                                                                             : DBG_ERR_WRITE_FAILED;
 }
 
 uint32_t WriteChecksumTables(const CScopeNode &module, CBinarySection &mainSymbols,

@@ -12,15 +12,15 @@ namespace quillet {
 
 // One line entry as the block encoder sees it.
 struct CvLinePoint {
-    uint64_t address;     // base + offset of the instruction in its section
+    uint64_t address; // base + offset of the instruction in its section
     uint32_t line;
-    const void *file;     // the source-file record the entry names
+    const void *file; // the source-file record the entry names
 };
 
 // What the encoder needs to know about a source-file record.
 struct CvFileInfo {
-    std::u16string_view name;  // runs are cut where the name changes (compared by content)
-    uint32_t checksumOffset;   // offset of the file's record in its checksum table
+    std::u16string_view name; // runs are cut where the name changes (compared by content)
+    uint32_t checksumOffset;  // offset of the file's record in its checksum table
 };
 
 // The section header: code offset 0 and segment 0 (both relocated by the caller), flags 0 and
@@ -35,6 +35,8 @@ void EncodeFileBlocks(const std::vector<CvLinePoint> &sorted,
                       std::vector<uint8_t> &out);
 
 // The line word of a pair: the line cut to 24 bits, with the statement bit set.
-constexpr uint32_t LineWord(uint32_t line) { return (line & 0x00FFFFFF) | 0x80000000; }
+constexpr uint32_t LineWord(uint32_t line) {
+    return (line & 0x00FFFFFF) | 0x80000000;
+}
 
 } // namespace quillet

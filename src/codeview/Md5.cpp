@@ -18,9 +18,12 @@ constexpr uint32_t kSine[64] = {
 };
 
 // Left-rotation amounts, four per round.
-constexpr unsigned kShift[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
+constexpr unsigned kShift[4][4] = {
+    {7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
 
-inline uint32_t RotateLeft(uint32_t x, unsigned n) { return (x << n) | (x >> (32 - n)); }
+inline uint32_t RotateLeft(uint32_t x, unsigned n) {
+    return (x << n) | (x >> (32 - n));
+}
 
 inline uint32_t LoadLE32(const uint8_t *p) {
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
@@ -41,10 +44,22 @@ void CMd5::Transform(const uint8_t *block) {
         uint32_t f;
         unsigned g;
         switch (round) {
-        case 0: f = (b & c) | (~b & d); g = i; break;
-        case 1: f = (b & d) | (c & ~d); g = (5 * i + 1) % 16; break;
-        case 2: f = b ^ c ^ d; g = (3 * i + 5) % 16; break;
-        default: f = c ^ (b | ~d); g = (7 * i) % 16; break;
+        case 0:
+            f = (b & c) | (~b & d);
+            g = i;
+            break;
+        case 1:
+            f = (b & d) | (c & ~d);
+            g = (5 * i + 1) % 16;
+            break;
+        case 2:
+            f = b ^ c ^ d;
+            g = (3 * i + 5) % 16;
+            break;
+        default:
+            f = c ^ (b | ~d);
+            g = (7 * i) % 16;
+            break;
         }
         const uint32_t rotated = RotateLeft(a + f + x[g] + kSine[i], kShift[round][i % 4]);
         a = d;

@@ -24,8 +24,8 @@ private:
     void Transform(const uint8_t *block);
 
     uint32_t m_State[4];
-    uint64_t m_nBytes = 0;   // message length so far
-    uint8_t m_Block[64];     // the incomplete block
+    uint64_t m_nBytes = 0; // message length so far
+    uint8_t m_Block[64];   // the incomplete block
 };
 
 } // namespace quillet

@@ -11,7 +11,7 @@ bool ReadWholeFile(std::u16string_view name, std::vector<uint8_t> &bytes) {
     bytes.clear();
     const std::string path = ToUtf8(name);
     std::unique_ptr<std::FILE, int (*)(std::FILE *)> file(std::fopen(path.c_str(), "rb"),
-                                                           &std::fclose);
+                                                          &std::fclose);
     if (!file)
         return false;
     uint8_t chunk[65536];

@@ -152,9 +152,8 @@ TEST_F(CodeViewDriver, SubsectionsStartOnFourByteBoundaries) {
         DbgScope module = m.OpenModule();
         const int32_t code = 2;
         const int8_t value = 5;
-        const DbgObjectProp props[] = {{DBG_PROP_BASE_TYPE, &code},
-                                       {DBG_PROP_VALUE, &value},
-                                       {DBG_PROP_NAME, name.c_str()}};
+        const DbgObjectProp props[] = {
+            {DBG_PROP_BASE_TYPE, &code}, {DBG_PROP_VALUE, &value}, {DBG_PROP_NAME, name.c_str()}};
         DbgObject constant = nullptr;
         ASSERT_EQ(Dbg_create_object(DBG_OBJ_CONSTANT, props, 3, module, &constant), DBG_ERR_NONE);
         DbgScope section = m.OpenSection(m.Section(".text", 4));
@@ -175,9 +174,8 @@ TEST_F(CodeViewDriver, SubsectionsStartOnFourByteBoundaries) {
         DbgScope module = m.OpenModule();
         const int32_t code = 2;
         const int8_t value = 5;
-        const DbgObjectProp props[] = {{DBG_PROP_BASE_TYPE, &code},
-                                       {DBG_PROP_VALUE, &value},
-                                       {DBG_PROP_NAME, name.c_str()}};
+        const DbgObjectProp props[] = {
+            {DBG_PROP_BASE_TYPE, &code}, {DBG_PROP_VALUE, &value}, {DBG_PROP_NAME, name.c_str()}};
         DbgObject constant = nullptr;
         ASSERT_EQ(Dbg_create_object(DBG_OBJ_CONSTANT, props, 3, module, &constant), DBG_ERR_NONE);
         ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
@@ -217,8 +215,8 @@ TEST_F(CodeViewDriver, EverySourceRecordIsItsOwnTableEntry) {
                       ChecksumRecord(offsets[2], "two")}));
     // Records with equal names make one run, named by the first record's checksum; a different
     // name with the same base name starts another.
-    EXPECT_EQ(subsections[3].content, Concat({LineHeader(16), Block(0, {{0, 1}, {4, 2}}),
-                                              Block(48, {{8, 3}})}));
+    EXPECT_EQ(subsections[3].content,
+              Concat({LineHeader(16), Block(0, {{0, 1}, {4, 2}}), Block(48, {{8, 3}})}));
 }
 
 TEST_F(CodeViewDriver, NonAsciiNamesAreWrittenInUtf8) {
@@ -272,8 +270,8 @@ TEST_F(CodeViewDriver, EachSectionWritesItsOwnLinesSubsection) {
     const auto subsections = Subsections(CoffModule::Contents(symbols));
     ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2, F2}));
     // One checksum table for both sections: a at 0, b at 24.
-    EXPECT_EQ(subsections[3].content, Concat({LineHeader(0x20), Block(0, {{0, 1}}),
-                                              Block(24, {{8, 10}, {12, 11}})}));
+    EXPECT_EQ(subsections[3].content,
+              Concat({LineHeader(0x20), Block(0, {{0, 1}}), Block(24, {{8, 10}, {12, 11}})}));
     EXPECT_EQ(subsections[4].content, Concat({LineHeader(0x30), Block(0, {{0x10, 20}})}));
 
     const auto relocations = m.Relocations(symbols);

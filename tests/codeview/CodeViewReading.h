@@ -22,7 +22,9 @@ inline uint32_t U32(const Bytes &b, size_t at) {
     return uint32_t(b[at]) | uint32_t(b[at + 1]) << 8 | uint32_t(b[at + 2]) << 16 |
            uint32_t(b[at + 3]) << 24;
 }
-inline uint16_t U16(const Bytes &b, size_t at) { return uint16_t(b[at] | b[at + 1] << 8); }
+inline uint16_t U16(const Bytes &b, size_t at) {
+    return uint16_t(b[at] | b[at + 1] << 8);
+}
 inline void PutU32(Bytes &out, uint32_t v) {
     for (int i = 0; i < 4; ++i)
         out.push_back(uint8_t(v >> (8 * i)));
@@ -42,7 +44,9 @@ inline Bytes Concat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
-inline std::u16string Wide(const std::string &s) { return std::u16string(s.begin(), s.end()); }
+inline std::u16string Wide(const std::string &s) {
+    return std::u16string(s.begin(), s.end());
+}
 
 inline std::string WorkingDirectory() {
     char buffer[4096];

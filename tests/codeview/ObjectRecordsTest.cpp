@@ -32,20 +32,20 @@ TEST(NumericLeaf, SmallestLeafAtEachRangeBoundary) {
         {3, 128, 0x8002, {0x80, 0x00}},
         {3, 0xFFFF, 0x8002, {0xFF, 0xFF}},
         {4, 127, 0x8000, {0x7F}},
-        {4, 0xFF80, 0x8000, {0x80}},         // -128
+        {4, 0xFF80, 0x8000, {0x80}}, // -128
         {4, 128, 0x8001, {0x80, 0x00}},
-        {4, 0xFF7F, 0x8001, {0x7F, 0xFF}},   // -129
+        {4, 0xFF7F, 0x8001, {0x7F, 0xFF}}, // -129
         {5, 127, 0x8000, {0x7F}},
         {5, 128, 0x8002, {0x80, 0x00}},
         {5, 0xFFFF, 0x8002, {0xFF, 0xFF}},
         {5, 0x10000, 0x8004, {0x00, 0x00, 0x01, 0x00}},
-        {6, 0xFFFFFF80, 0x8000, {0x80}},     // -128
+        {6, 0xFFFFFF80, 0x8000, {0x80}},       // -128
         {6, 0xFFFFFF7F, 0x8001, {0x7F, 0xFF}}, // -129
         {6, 32767, 0x8001, {0xFF, 0x7F}},
         {6, 32768, 0x8003, {0x00, 0x80, 0x00, 0x00}},
         {6, 0xFFFF8000, 0x8001, {0x00, 0x80}}, // -32768
         {6, 0xFFFF7FFF, 0x8003, {0xFF, 0x7F, 0xFF, 0xFF}},
-        {6, 0xFFFFFFFF, 0x8000, {0xFF}},     // -1
+        {6, 0xFFFFFFFF, 0x8000, {0xFF}}, // -1
         {6, 40000, 0x8003, {0x40, 0x9C, 0x00, 0x00}},
         {7, 0xFFFFFFFF, 0x8004, {0xFF, 0xFF, 0xFF, 0xFF}},
         {7, 0x100000000, 0x800A, {0, 0, 0, 0, 1, 0, 0, 0}},
@@ -87,10 +87,9 @@ TEST(RegisterNumbers, BothTranslationsAtEveryRangeEdge) {
         uint32_t reg;
         uint16_t codeView, dwarf;
     } cases[] = {
-        {0, 0, 0},         {1, 1024, 0},      {128, 1151, 127},  {129, 2048, 128},
-        {256, 2175, 255},  {257, 3072, 328},  {384, 3199, 455},  {385, 512, 320},
-        {392, 519, 327},   {393, 768, 768},   {394, 4096, 456},  {521, 4223, 583},
-        {522, 1019, 1019}, {523, 1017, 1017}, {524, 1016, 584},
+        {0, 0, 0},        {1, 1024, 0},     {128, 1151, 127},  {129, 2048, 128},  {256, 2175, 255},
+        {257, 3072, 328}, {384, 3199, 455}, {385, 512, 320},   {392, 519, 327},   {393, 768, 768},
+        {394, 4096, 456}, {521, 4223, 583}, {522, 1019, 1019}, {523, 1017, 1017}, {524, 1016, 584},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(ToCodeViewRegister(c.reg), c.codeView) << "register " << c.reg;
@@ -185,15 +184,16 @@ TEST_F(ObjectRecords, EveryKindWithItsLength) {
     EXPECT_EQ(records[1].bytes.size(), std::string("quillet test").size() + 28);
     EXPECT_STREQ(reinterpret_cast<const char *>(&records[1].bytes[26]), "quillet test");
     const std::string tool = "c:\\tools\\qasm.exe", source = "/src/main.asm";
-    EXPECT_EQ(records[2].bytes.size(), 21 + WorkingDirectory().size() + tool.size() + source.size());
+    EXPECT_EQ(records[2].bytes.size(),
+              21 + WorkingDirectory().size() + tool.size() + source.size());
 
     // Types and values where they stand.
     EXPECT_EQ(U32(records[4].bytes, 4), 0x22u);   // data4 unsigned
     EXPECT_EQ(U32(records[5].bytes, 4), 0x03u);   // void
     EXPECT_EQ(U16(records[6].bytes, 8), 0x8001u); // LF_SHORT
     EXPECT_EQ(U16(records[6].bytes, 10), uint16_t(-300));
-    EXPECT_EQ(U16(records[7].bytes, 8), 2119u); // register 200: 200 + 1919
-    EXPECT_EQ(U32(records[8].bytes, 16), 0x30u);  // procedure length
+    EXPECT_EQ(U16(records[7].bytes, 8), 2119u);  // register 200: 200 + 1919
+    EXPECT_EQ(U32(records[8].bytes, 16), 0x30u); // procedure length
 
     // Each label, data and procedure record has a section-index relocation at its segment field
     // and a section-relative one at its offset field, against its symbol.
@@ -203,8 +203,8 @@ TEST_F(ObjectRecords, EveryKindWithItsLength) {
         size_t record;
         size_t segment, offset;
         BrxHandle symbol;
-    } fields[] = {{3, 8, 4, lbl},     {4, 12, 8, gdata}, {5, 12, 8, ldata},
-                  {8, 36, 32, proc},  {9, 8, 4, inner}};
+    } fields[] = {
+        {3, 8, 4, lbl}, {4, 12, 8, gdata}, {5, 12, 8, ldata}, {8, 36, 32, proc}, {9, 8, 4, inner}};
     ASSERT_EQ(relocations.size(), 2 * std::size(fields));
     for (size_t i = 0; i < std::size(fields); ++i) {
         const size_t at = base + records[fields[i].record].offset;

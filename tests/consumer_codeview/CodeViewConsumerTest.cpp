@@ -144,11 +144,13 @@ const cvdump::LineTable *FindTable(const cvdump::SymbolSection &section,
 
 // Relocations of a symbol section come in pairs against one symbol: a section index (11) at the
 // segment field, then a section-relative offset (14) four bytes before it.
-void ExpectRelocationPairs(const cvdump::Section &section, const std::vector<std::string> &symbols) {
+void ExpectRelocationPairs(const cvdump::Section &section,
+                           const std::vector<std::string> &symbols) {
     std::vector<std::string> targets;
     ASSERT_EQ(section.relocations.size() % 2, 0u) << section.name;
     for (size_t i = 0; i + 1 < section.relocations.size(); i += 2) {
-        const cvdump::Relocation &index = section.relocations[i], &offset = section.relocations[i + 1];
+        const cvdump::Relocation &index = section.relocations[i],
+                                 &offset = section.relocations[i + 1];
         EXPECT_EQ(index.type, 11u) << section.name << " relocation " << i;
         EXPECT_EQ(offset.type, 14u) << section.name << " relocation " << i + 1;
         EXPECT_EQ(index.offset, offset.offset + 4) << section.name << " relocation " << i;
@@ -171,8 +173,9 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         const BrxHandle text2 = m.Section(".text2", 0x20);
         const BrxHandle inl = m.Section(".text$inl", 0x18, true, true);
         const BrxHandle nol = m.Section(".text$nol", 0x10, true, true);
-        std::map<std::string, DbgSource> files = {
-            {"alpha.asm", m.Source(alpha)}, {"beta.asm", m.Source(beta)}, {"gamma.asm", m.Source(gamma)}};
+        std::map<std::string, DbgSource> files = {{"alpha.asm", m.Source(alpha)},
+                                                  {"beta.asm", m.Source(beta)},
+                                                  {"gamma.asm", m.Source(gamma)}};
         auto lines = [&](DbgScope scope, const std::vector<LineSpec> &specs) {
             for (const LineSpec &l : specs)
                 m.Line(scope, files.at(l.file), l.line, l.offset);
@@ -202,8 +205,11 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         ASSERT_EQ(b.CodeLabel(m.Symbol("loop", text, 0x20, false, BRX_SYMBOL_PLAIN)), DBG_ERR_NONE);
         ASSERT_EQ(b.Register("counter", 5, 200), DBG_ERR_NONE);
         ASSERT_EQ(b.Register("acc", 7, 1), DBG_ERR_NONE);
-        lines(p, {{"alpha.asm", 10, 0x10}, {"alpha.asm", 11, 0x14}, {"alpha.asm", 11, 0x16},
-                  {"beta.asm", 3, 0x20}, {"alpha.asm", 12, 0x24}});
+        lines(p, {{"alpha.asm", 10, 0x10},
+                  {"alpha.asm", 11, 0x14},
+                  {"alpha.asm", 11, 0x16},
+                  {"beta.asm", 3, 0x20},
+                  {"alpha.asm", 12, 0x24}});
         m.Close();
         DbgScope h = m.OpenProcedure(m.Symbol("helper", text, 0x40, false), 0x40, 0x60);
         lines(h, {{"gamma.asm", 6, 0x48}, {"gamma.asm", 5, 0x40}}); // recorded out of order
@@ -249,10 +255,14 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         uint32_t index;
         const char *field, *value;
     } typeFields[] = {
-        {0x1000, "TypeLeafKind", "LF_ARGLIST (0x1201)"},   {0x1000, "NumArgs", "0"},
-        {0x1001, "TypeLeafKind", "LF_PROCEDURE (0x1008)"}, {0x1001, "ArgListType", "() (0x1000)"},
-        {0x1003, "ArgListType", "() (0x1002)"},            {0x1005, "ArgListType", "() (0x1004)"},
-        {0x1001, "CallingConvention", "Generic (0xD)"},    {0x1005, "CallingConvention", "NearC (0x0)"},
+        {0x1000, "TypeLeafKind", "LF_ARGLIST (0x1201)"},
+        {0x1000, "NumArgs", "0"},
+        {0x1001, "TypeLeafKind", "LF_PROCEDURE (0x1008)"},
+        {0x1001, "ArgListType", "() (0x1000)"},
+        {0x1003, "ArgListType", "() (0x1002)"},
+        {0x1005, "ArgListType", "() (0x1004)"},
+        {0x1001, "CallingConvention", "Generic (0xD)"},
+        {0x1005, "CallingConvention", "NearC (0x0)"},
     };
     for (const auto &f : typeFields) {
         ASSERT_LT(f.index - 0x1000, dump.types.size());
@@ -273,13 +283,26 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
     EXPECT_EQ(quiet.subsections, (std::vector<uint32_t>{0xF1}));
 
     ExpectSymbols(main,
-                  {{"S_OBJNAME", ""},         {"S_COMPILE3", ""},       {"S_ENVBLOCK", ""},
-                   {"S_CONSTANT", "K_SMALL"}, {"S_CONSTANT", "K_SHORT"}, {"S_CONSTANT", "K_BIG"},
-                   {"S_CONSTANT", "K_NEG"},   {"S_CONSTANT", "K_WIDE"}, {"S_LABEL32", "start"},
-                   {"S_GPROC32", "main"},     {"S_LABEL32", "loop"},    {"S_REGISTER", "counter"},
-                   {"S_REGISTER", "acc"},     {"S_END", ""},            {"S_LPROC32", "helper"},
-                   {"S_END", ""},             {"S_GDATA32", "counter_var"},
-                   {"S_LDATA32", "table"},    {"S_GPROC32", "second"},  {"S_END", ""}},
+                  {{"S_OBJNAME", ""},
+                   {"S_COMPILE3", ""},
+                   {"S_ENVBLOCK", ""},
+                   {"S_CONSTANT", "K_SMALL"},
+                   {"S_CONSTANT", "K_SHORT"},
+                   {"S_CONSTANT", "K_BIG"},
+                   {"S_CONSTANT", "K_NEG"},
+                   {"S_CONSTANT", "K_WIDE"},
+                   {"S_LABEL32", "start"},
+                   {"S_GPROC32", "main"},
+                   {"S_LABEL32", "loop"},
+                   {"S_REGISTER", "counter"},
+                   {"S_REGISTER", "acc"},
+                   {"S_END", ""},
+                   {"S_LPROC32", "helper"},
+                   {"S_END", ""},
+                   {"S_GDATA32", "counter_var"},
+                   {"S_LDATA32", "table"},
+                   {"S_GPROC32", "second"},
+                   {"S_END", ""}},
                   "main symbols");
     ExpectSymbols(own, {{"S_LABEL32", "inl_entry"}, {"S_GPROC32", "inl"}, {"S_END", ""}},
                   "COMDAT symbols");
@@ -299,12 +322,18 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         const cvdump::SymbolSection *section;
         const char *name, *field, *value;
     } fields[] = {
-        {&main, "K_SMALL", "Value", "127"},          {&main, "K_SHORT", "Value", "-300"},
-        {&main, "K_BIG", "Value", "4294967296"},     {&main, "K_NEG", "Value", "-2"},
-        {&main, "K_WIDE", "Value", "100000"},        {&main, "K_SMALL", "Type", "unsigned char (0x20)"},
-        {&main, "start", "CodeOffset", "start+0x0"}, {&main, "loop", "CodeOffset", "loop+0x0"},
-        {&main, "main", "CodeOffset", "main+0x0"},   {&main, "main", "CodeSize", "0x30"},
-        {&main, "main", "DbgEnd", "0x30"},           {&main, "main", "FunctionType", "unsigned long () (0x1001)"},
+        {&main, "K_SMALL", "Value", "127"},
+        {&main, "K_SHORT", "Value", "-300"},
+        {&main, "K_BIG", "Value", "4294967296"},
+        {&main, "K_NEG", "Value", "-2"},
+        {&main, "K_WIDE", "Value", "100000"},
+        {&main, "K_SMALL", "Type", "unsigned char (0x20)"},
+        {&main, "start", "CodeOffset", "start+0x0"},
+        {&main, "loop", "CodeOffset", "loop+0x0"},
+        {&main, "main", "CodeOffset", "main+0x0"},
+        {&main, "main", "CodeSize", "0x30"},
+        {&main, "main", "DbgEnd", "0x30"},
+        {&main, "main", "FunctionType", "unsigned long () (0x1001)"},
         {&main, "helper", "FunctionType", "void () (0x1003)"},
         {&main, "second", "FunctionType", "double () (0x1005)"},
         {&main, "counter", "Type", "unsigned long (0x22)"},
@@ -313,9 +342,11 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         {&main, "counter_var", "DataOffset", "counter_var+0x0"},
         {&main, "counter_var", "Type", "unsigned long (0x22)"},
         {&main, "table", "Type", "void (0x3)"},
-        {&own, "inl", "CodeOffset", "inl+0x0"},      {&own, "inl", "FunctionType", "unsigned long () (0x1001)"},
+        {&own, "inl", "CodeOffset", "inl+0x0"},
+        {&own, "inl", "FunctionType", "unsigned long () (0x1001)"},
         {&own, "inl_entry", "CodeOffset", "inl_entry+0x0"},
-        {&quiet, "nol", "CodeOffset", "nol+0x0"},    {&quiet, "nol", "CodeSize", "0x10"},
+        {&quiet, "nol", "CodeOffset", "nol+0x0"},
+        {&quiet, "nol", "CodeSize", "0x10"},
     };
     for (const auto &f : fields) {
         const cvdump::Symbol *symbol = FindSymbol(*f.section, f.name);
@@ -346,7 +377,9 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         uint32_t codeSize;
         std::vector<Segment> segments;
     } tables[] = {
-        {&main, ".text", 0x60,
+        {&main,
+         ".text",
+         0x60,
          {{"alpha.asm", {{0, 1}, {4, 2}}},
           {"alpha.asm", {{0x10, 10}, {0x14, 11}}},
           {"beta.asm", {{0x20, 3}}},
@@ -369,8 +402,8 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
             EXPECT_EQ(segment.filename, main.checksums.at(segment.checksumOffset / 24).filename);
 
     // Sections, relocations and the COMDAT association of the symbol sections.
-    const auto sections = cvdump::ParseSections(
-        Readobj("--sections --relocations --symbols --expand-relocs", copy));
+    const auto sections =
+        cvdump::ParseSections(Readobj("--sections --relocations --symbols --expand-relocs", copy));
     std::vector<const cvdump::Section *> symbolSections;
     for (const cvdump::Section &s : sections)
         if (s.name == ".debug$S")
@@ -413,8 +446,8 @@ TEST_F(CodeViewConsumer, EmptyModuleIsDumpedWithItsThreeRecords) {
     EXPECT_TRUE(dump.types.empty());
     ASSERT_EQ(dump.symbolSections.size(), 1u);
     EXPECT_EQ(dump.symbolSections[0].subsections, std::vector<uint32_t>{0xF1});
-    ExpectSymbols(dump.symbolSections[0], {{"S_OBJNAME", ""}, {"S_COMPILE3", ""}, {"S_ENVBLOCK", ""}},
-                  "empty module");
+    ExpectSymbols(dump.symbolSections[0],
+                  {{"S_OBJNAME", ""}, {"S_COMPILE3", ""}, {"S_ENVBLOCK", ""}}, "empty module");
 }
 
 // Each COMDAT section's blocks name files through its own checksum table. llvm-readobj reads
@@ -432,9 +465,9 @@ TEST_F(CodeViewConsumer, LinesOnlyInComdatSectionsUseTheirOwnTables) {
         const BrxHandle two = m.Section(".text$two", 0x10, true, true);
         DbgSource fa = m.Source(a), fb = m.Source(b);
         DbgScope s1 = m.OpenSection(one);
-        ASSERT_EQ(m.Builder().CodeLabel(m.Symbol("one", one, 0, false, BRX_SYMBOL_PLAIN), nullptr,
-                                        s1),
-                  DBG_ERR_NONE);
+        ASSERT_EQ(
+            m.Builder().CodeLabel(m.Symbol("one", one, 0, false, BRX_SYMBOL_PLAIN), nullptr, s1),
+            DBG_ERR_NONE);
         m.Line(s1, fb, 7, 0); // lines of the section itself, no procedure
         m.Line(s1, fa, 8, 4);
         m.Reenter(module);

@@ -21,8 +21,8 @@ bool StartsWith(const std::string &s, const std::string &prefix) {
 }
 
 bool EndsWith(const std::string &s, const std::string &suffix) {
-    return s.size() >= suffix.size() && s.compare(s.size() - suffix.size(), suffix.size(),
-                                                  suffix) == 0;
+    return s.size() >= suffix.size() &&
+           s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 // "Key: value" -> true with both parts.
@@ -35,7 +35,9 @@ bool KeyValue(const std::string &line, std::string &key, std::string &value) {
     return true;
 }
 
-uint32_t Number(const std::string &text) { return uint32_t(std::strtoul(text.c_str(), nullptr, 0)); }
+uint32_t Number(const std::string &text) {
+    return uint32_t(std::strtoul(text.c_str(), nullptr, 0));
+}
 
 // "name (0x1F)" -> name and the number in parentheses.
 void NameAndNumber(const std::string &value, std::string &name, uint32_t &number) {
@@ -149,7 +151,8 @@ CodeViewDump ParseCodeView(const std::string &output) {
                 checksum->kind = value;
             else if (key == "ChecksumBytes")
                 checksum->bytes = HexBytes(value);
-        } else if (!table && !checksum && EndsWith(line, " {") && line.find(' ') == line.size() - 2) {
+        } else if (!table && !checksum && EndsWith(line, " {") &&
+                   line.find(' ') == line.size() - 2) {
             section->symbols.emplace_back();
             symbol = &section->symbols.back();
             symbol->record = line.substr(0, line.size() - 2);

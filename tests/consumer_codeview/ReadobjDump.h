@@ -12,9 +12,9 @@
 namespace cvdump {
 
 struct Symbol {
-    std::string record;                         // e.g. "GlobalProcSym"
-    std::map<std::string, std::string> fields;  // "DisplayName" -> "main"
-    std::vector<std::string> entries;           // the lines of an "Entries [" list
+    std::string record;                        // e.g. "GlobalProcSym"
+    std::map<std::string, std::string> fields; // "DisplayName" -> "main"
+    std::vector<std::string> entries;          // the lines of an "Entries [" list
 };
 
 struct Checksum {
