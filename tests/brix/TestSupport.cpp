@@ -259,6 +259,8 @@ ReadobjNode ParseReadobj(const std::string &text) {
 }
 
 std::string StripNumber(const std::string &value) {
+    if (!value.empty() && value.front() == '(')
+        return std::string(); // an empty name followed by its number
     size_t paren = value.rfind(" (");
     return paren == std::string::npos ? value : value.substr(0, paren);
 }
