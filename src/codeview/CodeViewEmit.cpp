@@ -70,7 +70,8 @@ uint32_t CloseAllSubsections() {
 uint32_t PadSymbolSections() {
     static const uint8_t zeros[quillet::cv::kSubsectionAlignment] = {};
     for (CBinarySection *section : State().symbolSections) {
-        const uint32_t fill = uint32_t(-section->Size() % quillet::cv::kSubsectionAlignment);
+        const uint32_t alignment = quillet::cv::kSubsectionAlignment;
+        const uint32_t fill = (alignment - uint32_t(section->Size() % alignment)) % alignment;
         if (fill == 0)
             continue;
         // Nothing more opens a subsection here.
