@@ -68,7 +68,13 @@ class Builder {
         CreateSourcesAndTypes();
         for (const Step &step : m_Desc.steps)
             Replay(step);
-        Require(Dbg_emit(), 0, "emitting the debugging information");
+        DbgStatus emitted = Dbg_emit();
+        if (emitted == DBG_ERR_WRITE_FAILED && m_nFormat == BRX_FORMAT_COFF)
+            throw DescriptionError(0, "emitting the debugging information refused: " +
+                                          DescribeStatus(emitted) +
+                                          "; COFF output reads every source file that a line "
+                                          "entry names: do they all exist?");
+        Require(emitted, 0, "emitting the debugging information");
         RequireBrix(_brx_write_file(m_Session.m_hFile), 0, "writing " + output);
     }
 

@@ -146,6 +146,22 @@ TEST_P(UsageErrors, ExitTwoWithAMessage) {
 
 INSTANTIATE_TEST_SUITE_P(Table, UsageErrors, ::testing::ValuesIn(kUsageCases));
 
+TEST(DescriptionRefusals, CoffOutputNamesTheMissingSourceFiles) {
+    ScratchDir dir;
+    WriteFile(dir / "desc.qd", std::string(kPrologue) + "line a 3 0\n");
+    CommandResult result =
+        RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o --format coff", dir.Path());
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "desc.qd: emitting the debugging information refused: status 18 "
+                          "(DBG_ERR_WRITE_FAILED); COFF output reads every source file that a "
+                          "line entry names: do they all exist?\n");
+    EXPECT_FALSE(FileExists(dir / "out.o"));
+    WriteFile(dir / "a.s", "; now it exists\n");
+    result = RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o --format coff", dir.Path());
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(FileExists(dir / "out.o"));
+}
+
 TEST(QdbgHelp, EveryCommandHasAPageWithTheExitCodes) {
     for (const char *command : {"build", "lines", "addr", "line", "files"}) {
         CommandResult viaOption = RunCommand(std::string(QDBG_PATH) + " " + command + " --help");
