@@ -10,6 +10,7 @@ LibraryState::LibraryState() = default;
 LibraryState::~LibraryState() { Reset(); }
 
 void LibraryState::Reset() {
+    releasing = true;
     reader.reset();
     // The tree goes first: its objects refer to types and abbreviations.
     delete moduleRoot; // clears moduleRoot
@@ -37,6 +38,11 @@ void LibraryState::Reset() {
     lineState = CLineState();
     lineProgramUse = 0;
     lastSourceHit = -1;
+    liveScopes.Clear();
+    liveObjects.Clear();
+    liveTypes.Clear();
+    m_pLastLiveScope = nullptr;
+    releasing = false;
 }
 
 LibraryState &State() {

@@ -8,11 +8,11 @@
 #include "lines/LineProgram.h"
 #include "lines/Retrieve.h"
 #include "lines/SourceFile.h"
+#include "platform/PointerSet.h"
 
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 class CBaseDebugType;
@@ -78,9 +78,32 @@ struct LibraryState {
     std::unordered_map<const void *, std::unique_ptr<CBaseLangObject>> unattachedProcedures;
 
     // Handles that the library handed out and has not released. Unknown handles are refused.
-    std::unordered_set<const void *> liveScopes;
-    std::unordered_set<const void *> liveObjects;
-    std::unordered_set<const void *> liveTypes;
+    quillet::PointerSet liveScopes;
+    quillet::PointerSet liveObjects;
+    quillet::PointerSet liveTypes;
+    // Set while Reset releases everything: the sets are emptied at once afterwards.
+    bool releasing = false;
+
+    // A scope the library knows (the last one found is remembered: lines arrive by the million).
+    bool IsLiveScope(const void *scope) {
+        if (scope && scope == m_pLastLiveScope)
+            return true;
+        if (!liveScopes.Contains(scope))
+            return false;
+        m_pLastLiveScope = scope;
+        return true;
+    }
+    void ForgetScope(const void *scope) {
+        if (m_pLastLiveScope == scope)
+            m_pLastLiveScope = nullptr;
+        if (!releasing)
+            liveScopes.Erase(scope);
+    }
+
+private:
+    const void *m_pLastLiveScope = nullptr;
+
+public:
 };
 
 LibraryState &State();

@@ -18,7 +18,7 @@ extern "C" QUILLET_API DbgStatus DbgLine_create_source(const char16_t *source_fi
 extern "C" QUILLET_API DbgStatus Dbg_create_line(DbgScope scope, const DbgLineDesc *desc) {
     LibraryState &state = State();
     CScopeNode *target = scope ? reinterpret_cast<CScopeNode *>(scope) : state.currentScope;
-    if (!target || !state.liveScopes.count(target))
+    if (!target || !state.IsLiveScope(target))
         return DBG_ERR_NO_CURRENT_SCOPE;
     if (!QCHECK(desc != NULL))
         return DBG_ERR_LINE_REJECTED;

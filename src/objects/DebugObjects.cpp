@@ -14,15 +14,19 @@
 #include <algorithm>
 #include <memory>
 
-CBaseLangObject::CBaseLangObject() { State().liveObjects.insert(this); }
+CBaseLangObject::CBaseLangObject() { State().liveObjects.Insert(this); }
 
 CBaseLangObject::CBaseLangObject(const CBaseLangObject &other)
     : m_pAbbrev(other.m_pAbbrev), m_nRecordLength(other.m_nRecordLength),
       m_pOwnerScope(other.m_pOwnerScope) {
-    State().liveObjects.insert(this);
+    State().liveObjects.Insert(this);
 }
 
-CBaseLangObject::~CBaseLangObject() { State().liveObjects.erase(this); }
+CBaseLangObject::~CBaseLangObject() {
+    LibraryState &state = State();
+    if (!state.releasing)
+        state.liveObjects.Erase(this);
+}
 
 void CBaseLangObject::RemoveReferrer(uint64_t *field) {
     // The field is usually the last one added, so the search starts at the end.
@@ -278,7 +282,7 @@ extern "C" QUILLET_API DbgStatus Dbg_create_object(int32_t kind, const DbgObject
         return DBG_ERR_NO_CURRENT_SCOPE;
     if (kind < DBG_OBJ_CODE_LABEL || kind > DBG_OBJ_PROCEDURE)
         return DBG_ERR_BAD_OBJECT_KIND;
-    if (kind != DBG_OBJ_PROCEDURE && !state.liveScopes.count(target))
+    if (kind != DBG_OBJ_PROCEDURE && !state.IsLiveScope(target))
         return DBG_ERR_NO_CURRENT_SCOPE;
     std::unique_ptr<CBaseLangObject> object = MakeObject(kind, target);
     uint32_t status = ApplyObjectProperties(*object, props, count);
@@ -298,7 +302,7 @@ extern "C" QUILLET_API DbgStatus Dbg_create_object(int32_t kind, const DbgObject
 
 extern "C" QUILLET_API DbgStatus Dbg_add_object_prop(DbgObject object, const DbgObjectProp *props,
                                                      uint32_t count) {
-    if (!object || !State().liveObjects.count(object))
+    if (!object || !State().liveObjects.Contains(object))
         return DBG_ERR_NOT_AN_OBJECT;
     return ApplyObjectProperties(*reinterpret_cast<CBaseLangObject *>(object), props, count);
 }

@@ -19,7 +19,7 @@ DbgScope ToHandle(CScopeNode *scope) { return reinterpret_cast<DbgScope>(scope);
 CScopeNode *LiveCurrentScope() {
     LibraryState &state = State();
     CScopeNode *current = state.currentScope;
-    return current && state.liveScopes.count(current) ? current : nullptr;
+    return current && state.IsLiveScope(current) ? current : nullptr;
 }
 
 // Attaches a new scope under the current one and makes it current; 4 when refused.
@@ -92,6 +92,8 @@ extern "C" QUILLET_API DbgStatus Dbg_close_current_scope(void) {
     if (!current->IsOpen() || !current->Children().empty())
         return DBG_ERR_SCOPE_NOT_CLOSED;
     current->SetOpen(false);
+    // A closed scope rarely receives more entries: give back the list's spare capacity.
+    current->Lines().shrink_to_fit();
     State().currentScope = current->Parent();
     return DBG_ERR_NONE;
 }

@@ -7,7 +7,7 @@
 
 #include "quillet/quillet.h"
 
-CScopeNode::CScopeNode() { State().liveScopes.insert(this); }
+CScopeNode::CScopeNode() { State().liveScopes.Insert(this); }
 
 // Objects first, then the subtree, then the line entries.
 CScopeNode::~CScopeNode() {
@@ -18,7 +18,7 @@ CScopeNode::~CScopeNode() {
     }
     m_Objects.clear();
     m_Children.clear();
-    state.liveScopes.erase(this);
+    state.ForgetScope(this);
     if (state.currentScope == this)
         state.currentScope = nullptr;
 }

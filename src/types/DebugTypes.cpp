@@ -33,9 +33,13 @@ constexpr BasicTypeInfo kBasicTypes[13] = {
 
 // ---- Base ------------------------------------------------------------------------------------
 
-CBaseDebugType::CBaseDebugType() { State().liveTypes.insert(this); }
+CBaseDebugType::CBaseDebugType() { State().liveTypes.Insert(this); }
 
-CBaseDebugType::~CBaseDebugType() { State().liveTypes.erase(this); }
+CBaseDebugType::~CBaseDebugType() {
+    LibraryState &state = State();
+    if (!state.releasing)
+        state.liveTypes.Erase(this);
+}
 
 uint32_t CBaseDebugType::AssignTypeIndex() {
     m_nTypeIndex = State().typeIndexCounter++;
@@ -45,7 +49,7 @@ uint32_t CBaseDebugType::AssignTypeIndex() {
 DbgType_ *ToHandle(CBaseDebugType *type) { return reinterpret_cast<DbgType_ *>(type); }
 
 CBaseDebugType *FromHandle(const DbgType_ *handle) {
-    if (!handle || !State().liveTypes.count(handle))
+    if (!handle || !State().liveTypes.Contains(handle))
         return nullptr;
     return reinterpret_cast<CBaseDebugType *>(const_cast<DbgType_ *>(handle));
 }
