@@ -2,7 +2,12 @@
 
 #include "dwarf/Leb128.h"
 
+#include <sys/mman.h>
+
+#include <cstdlib>
 #include <cstring>
+#include <new>
+#include <utility>
 
 namespace quillet {
 
@@ -131,8 +136,8 @@ CError CLineSection::ReadHeader(uint64_t offset, std::string_view compilationDir
     return kOk;
 }
 
-CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files,
-                                std::vector<CLineRow> &rows) {
+CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRowTable &rows,
+                                std::vector<CSequenceSpan> &spans) {
     const CLineHeader &h = m_Header;
     const uint8_t *p = m_pData + h.m_nProgramStart;
     const uint8_t *end = m_pData + h.m_nUnitEnd;
@@ -154,28 +159,72 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files,
     bool needsPlacing = true;
     uint64_t operandOffset = 0;
     BrxHandle section = 0;
-    int64_t bias = 0;
+    uint64_t bias = 0;
     // The unit's file count can grow through DW_LNE_define_file.
     uint32_t unitFiles = files.FileCount() - static_cast<uint32_t>(fileBase);
+    int32_t fileIndex = fileBase;
 
-    bool ok = true;
-    auto emitRow = [&](const uint8_t *at) -> bool {
+    // Rows are written through a cursor into the table's spare capacity. `slow` sends the next
+    // row through the checks: a sequence to place, a file register to validate, a full table.
+    CLineRow *out = rows.data() + rows.size();
+    CLineRow *limit = rows.data() + rows.Capacity();
+    bool slow = true;
+    bool spanOpen = false;
+    bool sorted = true;
+    uint64_t lastAddress = 0;
+
+    auto closeSpan = [&]() {
+        if (spanOpen) {
+            spans.back().m_nEnd = static_cast<uint32_t>(out - rows.data());
+            spans.back().m_bSorted = sorted;
+            spanOpen = false;
+        }
+    };
+    auto finish = [&](CError status) {
+        closeSpan();
+        rows.SetSize(static_cast<size_t>(out - rows.data()));
+        return status;
+    };
+    // The checks of a row that cannot take the fast path; false when the unit fails.
+    auto prepareRow = [&](const uint8_t *at) -> bool {
         if (needsPlacing) {
-            if (!addressSet || placer.Place(operandOffset, address, section, bias).Failed()) {
+            int64_t signedBias = 0;
+            if (!addressSet || placer.Place(operandOffset, address, section, signedBias).Failed()) {
                 static_cast<void>(Fail(at));
                 return false;
             }
+            bias = static_cast<uint64_t>(signedBias);
             needsPlacing = false;
+            closeSpan();
+            spans.push_back(
+                CSequenceSpan{section, static_cast<uint32_t>(out - rows.data()), 0, true});
+            spanOpen = true;
+            sorted = true;
+            lastAddress = 0;
         }
         if (file - 1u >= unitFiles) {
             static_cast<void>(Fail(at));
             return false;
         }
-        rows.push_back(CLineRow{address + static_cast<uint64_t>(bias), line, column + 1,
-                                fileBase + static_cast<int32_t>(file - 1), section});
+        fileIndex = fileBase + static_cast<int32_t>(file - 1);
+        if (out == limit) {
+            rows.SetSize(static_cast<size_t>(out - rows.data()));
+            rows.Grow();
+            out = rows.data() + rows.size();
+            limit = rows.data() + rows.Capacity();
+        }
+        slow = false;
         return true;
     };
+    auto emitRow = [&]() {
+        uint64_t placed = address + bias;
+        sorted &= placed >= lastAddress;
+        lastAddress = placed;
+        *out++ = CLineRow{placed, line, column + 1, fileIndex, section};
+        slow = (out == limit);
+    };
 
+    bool ok = true;
     while (p < end) {
         const uint8_t *at = p;
         uint8_t op = *p++;
@@ -184,15 +233,16 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files,
             unsigned adjusted = op - opcodeBase;
             address += (adjusted / lineRange) * minInst;
             line += static_cast<uint32_t>(lineBase + static_cast<int32_t>(adjusted % lineRange));
-            if (!emitRow(at))
-                return kFailed;
+            if (__builtin_expect(slow, 0) && !prepareRow(at))
+                return finish(kFailed);
+            emitRow();
             continue;
         }
         switch (op) {
         case DW_LNS_extended_op: {
             uint64_t length = ReadULEB128(p, end, ok);
             if (!ok || length == 0 || length > static_cast<uint64_t>(end - p))
-                return Fail(at);
+                return finish(Fail(at));
             const uint8_t *next = p + length;
             uint8_t sub = *p++;
             switch (sub) {
@@ -203,11 +253,13 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files,
                 column = 0;
                 addressSet = false;
                 needsPlacing = true;
+                slow = true;
+                closeSpan();
                 break;
             case DW_LNE_set_address: {
                 uint64_t operandSize = length - 1;
                 if (operandSize > kMaxAddressBytes)
-                    return Fail(at);
+                    return finish(Fail(at));
                 // The operand replaces the low bytes of the register; bytes above it stay.
                 uint64_t mask = operandSize == 8 ? ~uint64_t(0)
                                                  : ((uint64_t(1) << (8 * operandSize)) - 1);
@@ -215,22 +267,25 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files,
                 operandOffset = static_cast<uint64_t>(p - m_pData);
                 addressSet = true;
                 needsPlacing = true;
+                slow = true;
                 break;
             }
             case DW_LNE_define_file:
                 if (ReadFileEntry(p, next, files).Failed() || p != next)
-                    return Fail(at);
+                    return finish(Fail(at));
                 unitFiles = files.FileCount() - static_cast<uint32_t>(fileBase);
+                slow = true;
                 break;
             default:
-                return Fail(at);
+                return finish(Fail(at));
             }
             p = next;
             break;
         }
         case DW_LNS_copy:
-            if (!emitRow(at))
-                return kFailed;
+            if (slow && !prepareRow(at))
+                return finish(kFailed);
+            emitRow();
             break;
         case DW_LNS_advance_pc:
             address += ReadULEB128(p, end, ok) * minInst;
@@ -240,6 +295,7 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files,
             break;
         case DW_LNS_set_file:
             file = static_cast<uint32_t>(ReadULEB128(p, end, ok));
+            slow = true;
             break;
         case DW_LNS_set_column:
             column = static_cast<uint32_t>(ReadULEB128(p, end, ok));
@@ -253,7 +309,7 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files,
             break;
         case DW_LNS_fixed_advance_pc:
             if (end - p < 2)
-                return Fail(at);
+                return finish(Fail(at));
             address += ReadLE(p, 2);
             p += 2;
             break;
@@ -264,9 +320,48 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files,
             break;
         }
         if (!ok)
-            return Fail(at);
+            return finish(Fail(at));
     }
-    return kOk;
+    return finish(kOk);
+}
+
+CRowTable::~CRowTable() { std::free(m_pRows); }
+
+void *AllocateLarge(size_t bytes) {
+    constexpr size_t kHugePage = size_t(2) << 20;
+    void *memory = nullptr;
+    if (bytes >= 2 * kHugePage) {
+        bytes = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+        memory = std::aligned_alloc(kHugePage, bytes);
+#ifdef MADV_HUGEPAGE
+        if (memory)
+            madvise(memory, bytes, MADV_HUGEPAGE);
+#endif
+    } else {
+        memory = std::malloc(bytes == 0 ? 1 : bytes);
+    }
+    if (!memory)
+        throw std::bad_alloc();
+    return memory;
+}
+
+void CRowTable::Reserve(size_t capacity) {
+    if (capacity <= m_nCapacity)
+        return;
+    void *memory = AllocateLarge(capacity * sizeof(CLineRow));
+    if (m_nSize)
+        std::memcpy(memory, m_pRows, m_nSize * sizeof(CLineRow));
+    std::free(m_pRows);
+    m_pRows = static_cast<CLineRow *>(memory);
+    m_nCapacity = capacity;
+}
+
+void CRowTable::Grow() { Reserve(m_nCapacity < 16 ? 16 : m_nCapacity * 2); }
+
+void CRowTable::Swap(CRowTable &other) {
+    std::swap(m_pRows, other.m_pRows);
+    std::swap(m_nSize, other.m_nSize);
+    std::swap(m_nCapacity, other.m_nCapacity);
 }
 
 } // namespace quillet

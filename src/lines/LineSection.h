@@ -10,6 +10,8 @@
 #include <brix/brix.h>
 
 #include <array>
+#include <cstdlib>
+#include <type_traits>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -42,6 +44,66 @@ struct CLineRow {
     BrxHandle m_Section;  // the object-file section the row's sequence lies in
 };
 static_assert(sizeof(CLineRow) == 24, "rows are kept by the million: keep them small");
+static_assert(std::is_trivially_copyable<CLineRow>::value, "rows are moved with memcpy");
+
+// Memory for the large per-row tables: blocks of 4 MiB and more are aligned to 2 MiB and asked to
+// be backed by huge pages, so random lookups into them do not miss the TLB on every access.
+void *AllocateLarge(size_t bytes);
+
+template <class T> struct CLargeAllocator {
+    using value_type = T;
+    CLargeAllocator() = default;
+    template <class U> CLargeAllocator(const CLargeAllocator<U> &) {}
+    T *allocate(size_t n) { return static_cast<T *>(AllocateLarge(n * sizeof(T))); }
+    void deallocate(T *p, size_t) { std::free(p); }
+    template <class U> bool operator==(const CLargeAllocator<U> &) const { return true; }
+    template <class U> bool operator!=(const CLargeAllocator<U> &) const { return false; }
+};
+
+// A run of consecutive rows that one sequence placed in one section.
+struct CSequenceSpan {
+    BrxHandle m_Section;
+    uint32_t m_nBegin;
+    uint32_t m_nEnd;
+    bool m_bSorted; // addresses never decrease inside the span
+};
+
+// The growable array that holds every row of an object. Memory is never zero-filled, so pages
+// are touched only when rows are written, and a large table asks for huge pages: decoding
+// millions of rows is then bounded by the decoder, not by page faults.
+class CRowTable {
+public:
+    CRowTable() = default;
+    ~CRowTable();
+    CRowTable(const CRowTable &) = delete;
+    CRowTable &operator=(const CRowTable &) = delete;
+
+    void Reserve(size_t capacity);
+    void PushBack(const CLineRow &row) {
+        if (m_nSize == m_nCapacity)
+            Grow();
+        m_pRows[m_nSize++] = row;
+    }
+    // Makes room for at least one more row; the rows may move.
+    void Grow();
+    void SetSize(size_t size) { m_nSize = size; }
+    void Swap(CRowTable &other);
+
+    size_t size() const { return m_nSize; }
+    size_t Capacity() const { return m_nCapacity; }
+    bool empty() const { return m_nSize == 0; }
+    CLineRow *data() { return m_pRows; }
+    const CLineRow *data() const { return m_pRows; }
+    CLineRow &operator[](size_t i) { return m_pRows[i]; }
+    const CLineRow &operator[](size_t i) const { return m_pRows[i]; }
+    const CLineRow *begin() const { return m_pRows; }
+    const CLineRow *end() const { return m_pRows + m_nSize; }
+
+private:
+    CLineRow *m_pRows = nullptr;
+    size_t m_nSize = 0;
+    size_t m_nCapacity = 0;
+};
 
 // Places a sequence in the object: given where its DW_LNE_set_address operand stands in
 // .debug_line and the address of its first row, names the section and the amount to add to every
@@ -76,11 +138,13 @@ public:
     // tables, or a unit running past the section.
     CError ReadHeader(uint64_t offset, std::string_view compilationDirectory, CFileTable &files);
 
-    // Runs the current unit's program, appending every row except end-of-sequence rows. Fails on
+    // Runs the current unit's program, appending every row except end-of-sequence rows, and one
+    // span per run of rows placed in one section. Fails on
     // an unknown opcode, a truncated operand, a sequence without DW_LNE_set_address, an address
     // operand longer than 8 bytes, a file number without a file record, or a sequence that the
     // placer cannot place. Rows appended before the failure stay.
-    CError DecodeUnit(CSequencePlacer &placer, CFileTable &files, std::vector<CLineRow> &rows);
+    CError DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRowTable &rows,
+                      std::vector<CSequenceSpan> &spans);
 
     const CLineHeader &Header() const { return m_Header; }
     uint64_t Size() const { return m_nSize; }

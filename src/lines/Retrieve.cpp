@@ -15,8 +15,8 @@ using namespace quillet;
 
 namespace {
 
-// Rows per fence step: a lookup bisects the fence, then one block of this many rows.
-constexpr uint32_t kFenceStep = 32;
+// Rows per bucket that the bucket table aims at (at most; dense code can put more in one).
+constexpr uint64_t kRowsPerBucket = 2;
 // The row table is reserved up front for as many rows as the program has bytes (no row takes
 // less than one byte), so it never reallocates while decoding; pages that stay unused are never
 // touched. Past this many rows it grows as usual.
@@ -185,18 +185,6 @@ private:
     std::vector<Range> m_Ranges;
 };
 
-bool KeyLess(const CSourceIndexRecord &a, int32_t file, uint32_t line, uint32_t column) {
-    if (a.m_nFile != file)
-        return a.m_nFile < file;
-    if (a.m_nLine != line)
-        return a.m_nLine < line;
-    return a.m_nColumn < column;
-}
-
-bool KeyEqual(const CSourceIndexRecord &a, int32_t file, uint32_t line, uint32_t column) {
-    return a.m_nFile == file && a.m_nLine == line && a.m_nColumn == column;
-}
-
 } // namespace
 
 CBaseRetrieve::CBaseRetrieve() = default;
@@ -290,7 +278,7 @@ uint32_t CBaseRetrieve::LoadDwarf(const CDwarfSections &sections, CSequencePlace
     CAbbrevSection abbrev(sections.abbrev, sections.abbrevSize);
     CInfoSection info(sections.info, sections.infoSize, abbrev, sections.str, sections.strSize);
     CLineSection line(sections.line, sections.lineSize);
-    m_Rows.reserve(static_cast<size_t>(std::min(sections.lineSize, kMaxRowReservation)));
+    m_Rows.Reserve(static_cast<size_t>(std::min(sections.lineSize, kMaxRowReservation)));
 
     uint32_t status = DBG_ERR_NONE;
     bool first = true;
@@ -305,7 +293,7 @@ uint32_t CBaseRetrieve::LoadDwarf(const CDwarfSections &sections, CSequencePlace
             first = false;
         }
         if (line.ReadHeader(info.StatementList(), info.CompilationDirectory(), m_Files).Failed() ||
-            line.DecodeUnit(placer, m_Files, m_Rows).Failed()) {
+            line.DecodeUnit(placer, m_Files, m_Rows, m_Spans).Failed()) {
             status = DBG_ERR_READ_FAILED;
             break;
         }
@@ -364,6 +352,7 @@ uint32_t CBaseRetrieve::LoadCoffLines() {
                 status = DBG_ERR_READ_FAILED;
                 break;
             }
+            size_t spanBegin = m_Rows.size();
             for (BrxHandle item = BRX_FIRST;;) {
                 BrxHandle previousItem = item;
                 result = _brx_get_keyed(block, BRX_KEY_NEXT_LINE_ITEM, &previousItem, &item, 0);
@@ -377,8 +366,9 @@ uint32_t CBaseRetrieve::LoadCoffLines() {
                     break;
                 }
                 // Columns of COFF line items are not kept: every row has column 1.
-                m_Rows.push_back(CLineRow{address, line, 1, file->second, section});
+                m_Rows.PushBack(CLineRow{address, line, 1, file->second, section});
             }
+            AddSpan(section, spanBegin);
         }
     }
     FinishRows();
@@ -420,68 +410,91 @@ CSectionRows &CBaseRetrieve::SlotOf(BrxHandle section) {
     CSectionRows rows;
     rows.m_Section = section;
     rows.m_nBegin = rows.m_nEnd = static_cast<uint32_t>(m_Rows.size());
-    rows.m_nFenceBegin = rows.m_nFenceEnd = static_cast<uint32_t>(m_Fence.size());
+    rows.m_nBucketBegin = static_cast<uint32_t>(m_Buckets.size());
     m_SectionList.push_back(rows);
     return m_SectionList.back();
 }
 
+void CBaseRetrieve::AddSpan(BrxHandle section, size_t begin) {
+    if (begin == m_Rows.size())
+        return;
+    bool sorted = std::is_sorted(m_Rows.data() + begin, m_Rows.data() + m_Rows.size(),
+                                 [](const CLineRow &a, const CLineRow &b) {
+                                     return a.m_nAddress < b.m_nAddress;
+                                 });
+    m_Spans.push_back(CSequenceSpan{section, static_cast<uint32_t>(begin),
+                                    static_cast<uint32_t>(m_Rows.size()), sorted});
+}
+
 void CBaseRetrieve::FinishRows() {
-    // Which section each run of rows belongs to; a section met again after another one means the
-    // rows have to be regrouped.
-    std::vector<uint32_t> counts;
+    // Work per span, not per row: a section is in order when its spans follow one another in
+    // the table and each starts at or above where the one before it ended.
+    struct SlotState {
+        uint32_t end = 0;
+        uint32_t count = 0;
+        bool sorted = true;
+        uint64_t lastAddress = 0;
+        std::vector<uint32_t> spans;
+    };
+    std::vector<SlotState> slots;
     bool contiguous = true;
-    BrxHandle current = 0;
-    uint32_t currentSlot = 0;
-    for (size_t i = 0; i < m_Rows.size(); ++i) {
-        BrxHandle section = m_Rows[i].m_Section;
-        if (i == 0 || section != current) {
-            auto found = m_SectionSlot.find(section);
-            if (found == m_SectionSlot.end()) {
-                currentSlot = static_cast<uint32_t>(m_SectionList.size());
-                m_SectionSlot.emplace(section, currentSlot);
-                CSectionRows rows;
-                rows.m_Section = section;
-                rows.m_nBegin = static_cast<uint32_t>(i);
-                m_SectionList.push_back(rows);
-                counts.push_back(0);
-            } else {
-                currentSlot = found->second;
-                contiguous = false;
-            }
-            current = section;
+    for (uint32_t i = 0; i < m_Spans.size(); ++i) {
+        const CSequenceSpan &span = m_Spans[i];
+        if (span.m_nBegin == span.m_nEnd)
+            continue;
+        uint32_t slot;
+        auto found = m_SectionSlot.find(span.m_Section);
+        if (found == m_SectionSlot.end()) {
+            slot = static_cast<uint32_t>(m_SectionList.size());
+            m_SectionSlot.emplace(span.m_Section, slot);
+            CSectionRows rows;
+            rows.m_Section = span.m_Section;
+            rows.m_nBegin = span.m_nBegin;
+            m_SectionList.push_back(rows);
+        } else {
+            slot = found->second;
         }
-        ++counts[currentSlot];
+        if (slots.size() <= slot)
+            slots.resize(slot + 1);
+        SlotState &state = slots[slot];
+        if (!state.spans.empty() && state.end != span.m_nBegin)
+            contiguous = false;
+        uint64_t first = m_Rows[span.m_nBegin].m_nAddress;
+        if (!span.m_bSorted || (!state.spans.empty() && first < state.lastAddress))
+            state.sorted = false;
+        state.lastAddress = m_Rows[span.m_nEnd - 1].m_nAddress;
+        state.end = span.m_nEnd;
+        state.count += span.m_nEnd - span.m_nBegin;
+        state.spans.push_back(i);
     }
-    counts.resize(m_SectionList.size(), 0);
+    slots.resize(m_SectionList.size());
     if (!contiguous) {
-        // A stable counting sort by section: each section's sequences keep their order.
-        std::vector<uint32_t> next(m_SectionList.size());
-        uint32_t start = 0;
+        // Regroup: each section's spans, in their order, one section after another.
+        CRowTable grouped;
+        grouped.Reserve(m_Rows.size());
         for (size_t s = 0; s < m_SectionList.size(); ++s) {
-            m_SectionList[s].m_nBegin = start;
-            next[s] = start;
-            start += counts[s];
+            m_SectionList[s].m_nBegin = static_cast<uint32_t>(grouped.size());
+            for (uint32_t i : slots[s].spans) {
+                const CSequenceSpan &span = m_Spans[i];
+                std::memcpy(grouped.data() + grouped.size(), m_Rows.data() + span.m_nBegin,
+                            (span.m_nEnd - span.m_nBegin) * sizeof(CLineRow));
+                grouped.SetSize(grouped.size() + (span.m_nEnd - span.m_nBegin));
+            }
         }
-        std::vector<CLineRow> grouped(m_Rows.size());
-        for (const CLineRow &row : m_Rows)
-            grouped[next[m_SectionSlot[row.m_Section]]++] = row;
-        m_Rows.swap(grouped);
+        m_Rows.Swap(grouped);
     }
-    m_Fence.clear();
+    m_Spans.clear();
+    m_Buckets.clear();
     for (size_t s = 0; s < m_SectionList.size(); ++s) {
         CSectionRows &rows = m_SectionList[s];
-        rows.m_nEnd = rows.m_nBegin + counts[s];
+        rows.m_nEnd = rows.m_nBegin + slots[s].count;
         CLineRow *first = m_Rows.data() + rows.m_nBegin;
         CLineRow *last = m_Rows.data() + rows.m_nEnd;
-        auto byAddress = [](const CLineRow &a, const CLineRow &b) {
-            return a.m_nAddress < b.m_nAddress;
-        };
-        if (!std::is_sorted(first, last, byAddress))
-            std::stable_sort(first, last, byAddress);
-        rows.m_nFenceBegin = static_cast<uint32_t>(m_Fence.size());
-        for (uint32_t i = rows.m_nBegin; i < rows.m_nEnd; i += kFenceStep)
-            m_Fence.push_back(m_Rows[i].m_nAddress);
-        rows.m_nFenceEnd = static_cast<uint32_t>(m_Fence.size());
+        if (!slots[s].sorted)
+            std::stable_sort(first, last, [](const CLineRow &a, const CLineRow &b) {
+                return a.m_nAddress < b.m_nAddress;
+            });
+        BuildBuckets(rows);
         AttachSectionScope(rows);
     }
 }
@@ -494,18 +507,49 @@ std::pair<const CLineRow *, const CLineRow *> CBaseRetrieve::RowsOf(BrxHandle se
     return {m_Rows.data() + rows.m_nBegin, m_Rows.data() + rows.m_nEnd};
 }
 
-int64_t CBaseRetrieve::FindRowAtOffset(const CSectionRows &rows, uint64_t offset) const {
+void CBaseRetrieve::BuildBuckets(CSectionRows &rows) {
+    rows.m_nBucketBegin = static_cast<uint32_t>(m_Buckets.size());
+    rows.m_nBucketCount = 0;
     if (rows.m_nBegin == rows.m_nEnd)
+        return;
+    uint64_t low = m_Rows[rows.m_nBegin].m_nAddress;
+    uint64_t span = m_Rows[rows.m_nEnd - 1].m_nAddress - low;
+    uint64_t wanted = std::max<uint64_t>(1, (rows.m_nEnd - rows.m_nBegin) / kRowsPerBucket);
+    uint32_t shift = 0;
+    while (shift < 63 && (span >> shift) + 1 > wanted)
+        ++shift;
+    uint64_t count = (span >> shift) + 1;
+    rows.m_nLowAddress = low;
+    rows.m_nBucketShift = shift;
+    rows.m_nBucketCount = static_cast<uint32_t>(count);
+    rows.m_dRowsPerAddress =
+        span == 0 ? 0.0 : static_cast<double>(rows.m_nEnd - rows.m_nBegin - 1) / static_cast<double>(span);
+    // Entry b is the first row whose bucket is b or later; one pass over rows and buckets.
+    m_Buckets.reserve(m_Buckets.size() + count + 1);
+    uint32_t row = rows.m_nBegin;
+    for (uint64_t b = 0; b <= count; ++b) {
+        while (row < rows.m_nEnd && ((m_Rows[row].m_nAddress - low) >> shift) < b)
+            ++row;
+        m_Buckets.push_back(row);
+    }
+}
+
+int64_t CBaseRetrieve::FindRowAtOffset(const CSectionRows &rows, uint64_t offset) const {
+    if (rows.m_nBucketCount == 0 || offset < rows.m_nLowAddress)
         return -1;
-    // The fence narrows the search to the rows between two fence posts: every row before post
-    // k - 1 is below the offset, and post k is at or above it.
-    const uint64_t *fenceFirst = m_Fence.data() + rows.m_nFenceBegin;
-    const uint64_t *fenceLast = m_Fence.data() + rows.m_nFenceEnd;
-    size_t k = static_cast<size_t>(std::lower_bound(fenceFirst, fenceLast, offset) - fenceFirst);
-    uint64_t lo = rows.m_nBegin + uint64_t(kFenceStep) * (k == 0 ? 0 : k - 1);
-    uint64_t hi = std::min<uint64_t>(rows.m_nBegin + uint64_t(kFenceStep) * k + 1, rows.m_nEnd);
-    const CLineRow *first = m_Rows.data() + lo;
-    const CLineRow *last = m_Rows.data() + hi;
+    uint64_t bucket = (offset - rows.m_nLowAddress) >> rows.m_nBucketShift;
+    if (bucket >= rows.m_nBucketCount)
+        return -1;
+    // Where the row would stand if addresses were spread evenly: fetching it now overlaps the
+    // memory latency of the row with that of the bucket.
+    uint64_t guess = rows.m_nBegin + static_cast<uint64_t>(static_cast<double>(offset - rows.m_nLowAddress) *
+                                                           rows.m_dRowsPerAddress);
+    if (guess < rows.m_nEnd)
+        __builtin_prefetch(m_Rows.data() + guess);
+    // Every row at the offset is in this bucket; the first of them is the one given.
+    const uint32_t *starts = m_Buckets.data() + rows.m_nBucketBegin + bucket;
+    const CLineRow *first = m_Rows.data() + starts[0];
+    const CLineRow *last = m_Rows.data() + starts[1];
     const CLineRow *found =
         std::lower_bound(first, last, offset, [](const CLineRow &row, uint64_t value) {
             return row.m_nAddress < value;
@@ -598,10 +642,18 @@ DbgLineSectionHandle *CBaseRetrieve::SectionHandle(BrxHandle section) {
 uint32_t CBaseRetrieve::InstInfoByOffset(uint32_t flag, DbgOffsetQuery *query, DbgInstInfo *info) {
     if (!query || !query->handle || !info)
         return DBG_ERR_OBJECT_FILE;
-    auto slot = m_SectionSlot.find(query->handle->section);
-    if (slot == m_SectionSlot.end() || m_SectionList[slot->second].m_nNumber < 0)
+    // Queries come in runs against one section: remember the last one.
+    BrxHandle section = query->handle->section;
+    if (section != m_LastQueriedSection || m_nLastQueriedSlot >= m_SectionList.size()) {
+        auto slot = m_SectionSlot.find(section);
+        if (slot == m_SectionSlot.end())
+            return DBG_ERR_OBJECT_FILE;
+        m_LastQueriedSection = section;
+        m_nLastQueriedSlot = slot->second;
+    }
+    const CSectionRows &rows = m_SectionList[m_nLastQueriedSlot];
+    if (rows.m_nNumber < 0)
         return DBG_ERR_OBJECT_FILE;
-    const CSectionRows &rows = m_SectionList[slot->second];
     int64_t found = FindRowAtOffset(rows, query->offset);
     if (found < 0)
         return DBG_ERR_NO_LINE_AT_OFFSET;
@@ -627,24 +679,56 @@ void CBaseRetrieve::BuildSourceIndex() {
     if (m_bSourceIndexBuilt)
         return;
     m_bSourceIndexBuilt = true;
-    m_SourceIndex.resize(m_Rows.size());
+    // A counting sort by file keeps each file's records in row order; a file's group then
+    // needs sorting only when its lines do not already rise with the rows.
+    const uint32_t files = m_Files.FileCount();
+    m_FileStarts.assign(files + 1, 0);
+    for (const CLineRow &row : m_Rows)
+        if (static_cast<uint32_t>(row.m_nFileIndex) < files)
+            ++m_FileStarts[row.m_nFileIndex + 1];
+    for (uint32_t f = 0; f < files; ++f)
+        m_FileStarts[f + 1] += m_FileStarts[f];
+    m_SourceIndex.resize(m_FileStarts[files]);
+    std::vector<uint32_t> next(m_FileStarts.begin(), m_FileStarts.end() - 1);
     for (size_t i = 0; i < m_Rows.size(); ++i) {
         const CLineRow &row = m_Rows[i];
-        m_SourceIndex[i] =
-            CSourceIndexRecord{row.m_nFileIndex, row.m_nLine, row.m_nColumn, static_cast<uint32_t>(i)};
+        if (static_cast<uint32_t>(row.m_nFileIndex) < files)
+            m_SourceIndex[next[row.m_nFileIndex]++] =
+                CSourceIndexRecord{row.m_nLine, row.m_nColumn, static_cast<uint32_t>(i)};
     }
     // Records at equal positions stay in row order, so a search meets the lowest address first.
     auto less = [](const CSourceIndexRecord &a, const CSourceIndexRecord &b) {
-        if (a.m_nFile != b.m_nFile)
-            return a.m_nFile < b.m_nFile;
         if (a.m_nLine != b.m_nLine)
             return a.m_nLine < b.m_nLine;
         if (a.m_nColumn != b.m_nColumn)
             return a.m_nColumn < b.m_nColumn;
         return a.m_nRow < b.m_nRow;
     };
-    if (!std::is_sorted(m_SourceIndex.begin(), m_SourceIndex.end(), less))
-        std::sort(m_SourceIndex.begin(), m_SourceIndex.end(), less);
+    for (uint32_t f = 0; f < files; ++f) {
+        auto first = m_SourceIndex.begin() + m_FileStarts[f];
+        auto last = m_SourceIndex.begin() + m_FileStarts[f + 1];
+        if (!std::is_sorted(first, last, less))
+            std::sort(first, last, less);
+    }
+}
+
+int32_t CBaseRetrieve::FileOfRecord(int64_t record) const {
+    auto it = std::upper_bound(m_FileStarts.begin(), m_FileStarts.end(),
+                               static_cast<uint32_t>(record));
+    return static_cast<int32_t>(it - m_FileStarts.begin()) - 1;
+}
+
+int CBaseRetrieve::CompareRecord(int64_t record, int32_t file, uint32_t line,
+                                 uint32_t column) const {
+    int32_t recordFile = FileOfRecord(record);
+    const CSourceIndexRecord &r = m_SourceIndex[static_cast<size_t>(record)];
+    if (recordFile != file)
+        return recordFile < file ? -1 : 1;
+    if (r.m_nLine != line)
+        return r.m_nLine < line ? -1 : 1;
+    if (r.m_nColumn != column)
+        return r.m_nColumn < column ? -1 : 1;
+    return 0;
 }
 
 const CSectionRows *CBaseRetrieve::SectionOfRow(uint32_t row) const {
@@ -673,22 +757,32 @@ uint32_t CBaseRetrieve::InstInfoBySource(uint32_t flag, const DbgSourceQuery *qu
         int64_t c = m_nLastSourceHit + 1;
         if (c >= count)
             return DBG_ERR_NO_LINE_AT_POSITION;
-        const CSourceIndexRecord &record = m_SourceIndex[static_cast<size_t>(c)];
-        if (KeyEqual(record, file, line, column)) {
+        int order = CompareRecord(c, file, line, column);
+        if (order == 0) {
             hit = c;
             searchIndex = false;
-        } else if (!KeyLess(record, file, line, column)) {
+        } else if (order > 0) {
             nearest = std::max<int64_t>(c, 1) - 1;
             searchIndex = false;
         }
     }
     if (searchIndex) {
-        auto it = std::lower_bound(m_SourceIndex.begin(), m_SourceIndex.end(), 0,
-                                   [&](const CSourceIndexRecord &record, int) {
-                                       return KeyLess(record, file, line, column);
-                                   });
-        int64_t lb = it - m_SourceIndex.begin();
-        if (lb < count && KeyEqual(*it, file, line, column)) {
+        // The first record at or above the position: inside the file's group, or at a group's
+        // edge for a file outside the list.
+        int64_t lb;
+        if (file < 0) {
+            lb = 0;
+        } else if (static_cast<uint32_t>(file) >= m_Files.FileCount()) {
+            lb = count;
+        } else {
+            auto first = m_SourceIndex.begin() + m_FileStarts[file];
+            auto last = m_SourceIndex.begin() + m_FileStarts[file + 1];
+            auto it = std::lower_bound(first, last, 0, [&](const CSourceIndexRecord &r, int) {
+                return r.m_nLine != line ? r.m_nLine < line : r.m_nColumn < column;
+            });
+            lb = it - m_SourceIndex.begin();
+        }
+        if (lb < count && CompareRecord(lb, file, line, column) == 0) {
             hit = lb;
         } else {
             if (lb == 0)

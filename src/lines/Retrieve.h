@@ -2,9 +2,10 @@
 // ELF objects, CodeView line blocks of COFF objects through the object-file library) and answers
 // queries by instruction offset and by source position.
 //
-// Rows are kept in one table of plain 24-byte values, grouped by section and sorted by address;
-// each section also keeps a sparse fence of every 32nd address so an offset lookup touches a few
-// cache lines. The source index holds 16-byte records sorted by (file, line, column).
+// Rows are kept in one table of plain 24-byte values, grouped by section and sorted by address.
+// Each section also has a bucket table over its address range (about one bucket per two rows) so
+// an offset lookup reads one bucket and a few neighbouring rows instead of bisecting millions.
+// The source index holds 12-byte records grouped by file and sorted by (line, column).
 #pragma once
 
 #include "lines/FileTable.h"
@@ -37,21 +38,25 @@ struct CDwarfSections {
     uint64_t strSize = 0;
 };
 
-// The rows of one section: a range of the row table and of the fence.
+// The rows of one section: a range of the row table, and its buckets: bucket b holds the rows
+// whose address minus m_nLowAddress, shifted right by m_nBucketShift, is b.
 struct CSectionRows {
     BrxHandle m_Section = 0;
     uint32_t m_nBegin = 0;
     uint32_t m_nEnd = 0;
-    uint32_t m_nFenceBegin = 0;
-    uint32_t m_nFenceEnd = 0;
+    uint64_t m_nLowAddress = 0;
+    uint32_t m_nBucketShift = 0;
+    uint32_t m_nBucketBegin = 0; // where the section's bucket starts are in the bucket table
+    uint32_t m_nBucketCount = 0;
+    double m_dRowsPerAddress = 0; // rows over the address range, for a first guess
     int32_t m_nNumber = -1; // handed out when the section is first opened or met by a query
     DbgLineSectionHandle *m_pHandle = nullptr;
     CSectionScope *m_pScope = nullptr;
 };
 
-// One record of the source index.
+// One record of the source index. Records are grouped by file (the file is known from the group
+// a record stands in), and sorted by line and column inside a group.
 struct CSourceIndexRecord {
-    int32_t m_nFile;
     uint32_t m_nLine;
     uint32_t m_nColumn;
     uint32_t m_nRow;
@@ -90,7 +95,7 @@ public:
     // Read access for tests and tools.
     BrxHandle Object() const { return m_hObject; }
     const quillet::CFileTable &Files() const { return m_Files; }
-    const std::vector<quillet::CLineRow> &Rows() const { return m_Rows; }
+    const quillet::CRowTable &Rows() const { return m_Rows; }
     const std::vector<quillet::CSectionRows> &Sections() const { return m_SectionList; }
     // The rows of `section`, sorted by address (empty when it has none).
     std::pair<const quillet::CLineRow *, const quillet::CLineRow *> RowsOf(BrxHandle section) const;
@@ -104,6 +109,8 @@ private:
     uint32_t LoadByFormat();
     // Groups the rows by section, sorts each section by address and builds the fences.
     void FinishRows();
+    // Records the rows from `begin` to the end of the table as one span of `section`.
+    void AddSpan(BrxHandle section, size_t begin);
     quillet::CSectionRows &SlotOf(BrxHandle section);
     DbgLineSectionHandle *NumberedHandle(quillet::CSectionRows &rows);
     bool IsLibraryReader() const;
@@ -112,7 +119,12 @@ private:
     void AttachModule(const std::u16string &producer, const std::u16string &directory,
                       const std::u16string &name);
     void AttachSectionScope(quillet::CSectionRows &rows);
+    void BuildBuckets(quillet::CSectionRows &rows);
     int64_t FindRowAtOffset(const quillet::CSectionRows &rows, uint64_t offset) const;
+    // The file whose group holds source-index record `record`.
+    int32_t FileOfRecord(int64_t record) const;
+    // -1, 0 or 1 as record `record` sorts below, at or above the position.
+    int CompareRecord(int64_t record, int32_t file, uint32_t line, uint32_t column) const;
     const quillet::CSectionRows *SectionOfRow(uint32_t row) const;
 
     BrxHandle m_hObject = 0;
@@ -125,13 +137,19 @@ private:
 
     quillet::CFileTable m_Files;
     std::vector<uint8_t> m_InfoBytes, m_AbbrevBytes, m_LineBytes, m_StrBytes;
-    std::vector<quillet::CLineRow> m_Rows;
+    quillet::CRowTable m_Rows;
+    std::vector<quillet::CSequenceSpan> m_Spans;
     std::vector<quillet::CSectionRows> m_SectionList;
     std::unordered_map<BrxHandle, uint32_t> m_SectionSlot;
-    std::vector<uint64_t> m_Fence;
-    std::vector<quillet::CSourceIndexRecord> m_SourceIndex;
+    // Per section, m_nBucketCount + 1 row indices: bucket b's rows run from entry b to entry b + 1.
+    std::vector<uint32_t, quillet::CLargeAllocator<uint32_t>> m_Buckets;
+    std::vector<quillet::CSourceIndexRecord, quillet::CLargeAllocator<quillet::CSourceIndexRecord>>
+        m_SourceIndex;
+    std::vector<uint32_t> m_FileStarts; // where each file's group begins; one more at the end
     bool m_bSourceIndexBuilt = false;
     int64_t m_nLastSourceHit = -1;
+    BrxHandle m_LastQueriedSection = 0;
+    size_t m_nLastQueriedSlot = SIZE_MAX;
 
     std::deque<DbgLineSectionHandle> m_SectionHandles;
     std::deque<DbgSourceHandle> m_SourceHandles;

@@ -59,9 +59,10 @@ Decoded Decode(const Bytes &section, CSequencePlacer &placer, const std::string 
                uint64_t offset = 0) {
     Decoded d;
     CLineSection reader(section.data(), section.size());
-    std::vector<CLineRow> rows;
+    CRowTable rows;
+    std::vector<CSequenceSpan> spans;
     d.ok = reader.ReadHeader(offset, dir, d.files).Ok() &&
-           reader.DecodeUnit(placer, d.files, rows).Ok();
+           reader.DecodeUnit(placer, d.files, rows, spans).Ok();
     for (const CLineRow &r : rows)
         d.rows.push_back(Row{r.m_nAddress, r.m_nLine, r.m_nColumn, r.m_nFileIndex});
     return d;
@@ -319,11 +320,13 @@ TEST(LineDecoder, SecondUnitNumbersFilesAndDirectoriesFromItsOwnBase) {
     CFileTable files;
     CLineSection reader(section.data(), section.size());
     AnyPlacer placer;
-    std::vector<CLineRow> rows;
+    CRowTable rows;
+    std::vector<CSequenceSpan> spans;
     ASSERT_TRUE(reader.ReadHeader(0, "/one", files).Ok());
-    ASSERT_TRUE(reader.DecodeUnit(placer, files, rows).Ok());
+    ASSERT_TRUE(reader.DecodeUnit(placer, files, rows, spans).Ok());
     ASSERT_TRUE(reader.ReadHeader(secondOffset, "/two", files).Ok());
-    ASSERT_TRUE(reader.DecodeUnit(placer, files, rows).Ok());
+    ASSERT_TRUE(reader.DecodeUnit(placer, files, rows, spans).Ok());
+    EXPECT_EQ(spans.size(), 2u);
     ASSERT_EQ(rows.size(), 2u);
     EXPECT_EQ(rows[0].m_nFileIndex, 1);
     EXPECT_EQ(rows[1].m_nFileIndex, 2);
