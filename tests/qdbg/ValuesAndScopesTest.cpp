@@ -89,4 +89,23 @@ TEST(QdbgScopes, ASectionOpenedAgainKeepsTheRowsOfBothScopes) {
     }
 }
 
+TEST(QdbgScopes, ALineWithCodeInTwoPlacesListsBoth) {
+    ScratchDir dir;
+    WriteFile(dir / "a.s", "; lines 5 to 7\n");
+    WriteFile(dir / "twice.qd", "module source=a.s\n"
+                                "source a a.s\n"
+                                "section .text code size=16\n"
+                                "lines a 5:0 6:4 5:8 7:12\n");
+    for (const char *format : {"elf64", "coff"}) {
+        CommandResult built = RunCommand(std::string(QDBG_PATH) + " build twice.qd -o twice.o -f " +
+                                             format,
+                                         dir.Path());
+        ASSERT_EQ(built.exitCode, 0) << built.err;
+        CommandResult places =
+            RunCommand(std::string(QDBG_PATH) + " line twice.o " + Quote(dir / "a.s") + " 5", dir.Path());
+        EXPECT_EQ(places.exitCode, 0) << places.err;
+        EXPECT_EQ(places.out, ".text 0x0\n.text 0x8\n") << format;
+    }
+}
+
 } // namespace
