@@ -25,7 +25,11 @@ extern "C" {
 #define BRIX_API
 #endif
 
+/* Also declared by quillet/quillet.h; C99 allows a typedef only once. */
+#ifndef BRX_HANDLE_DEFINED
+#define BRX_HANDLE_DEFINED
 typedef uint32_t BrxHandle; /* 0 = none */
+#endif
 
 /* Results */
 #define BRX_OK 0

@@ -31,7 +31,11 @@ extern "C" {
 #endif
 
 typedef uint32_t DbgStatus;          /* DBG_ERR_* codes */
+/* Also declared by brix/brix.h; C99 allows a typedef only once. */
+#ifndef BRX_HANDLE_DEFINED
+#define BRX_HANDLE_DEFINED
 typedef uint32_t BrxHandle;          /* object-file, section or symbol handle of brix; 0 = none */
+#endif
 typedef struct DbgScope_ *DbgScope;  /* scope handle */
 typedef struct DbgObject_ *DbgObject; /* language-object handle */
 typedef struct DbgType_ *DbgType;    /* type handle */
