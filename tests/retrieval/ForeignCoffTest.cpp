@@ -1,0 +1,127 @@
+// COFF objects compiled by another compiler at test time read back to exactly the line entries
+// that an independent CodeView dumper prints.
+#include "lines/Retrieve.h"
+#include "support/Support.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
+namespace {
+
+struct Line {
+    uint64_t offset;
+    uint32_t line;
+    std::string file;
+    bool operator<(const Line &o) const {
+        return std::tie(offset, line, file) < std::tie(o.offset, o.line, o.file);
+    }
+    bool operator==(const Line &o) const {
+        return offset == o.offset && line == o.line && file == o.file;
+    }
+};
+std::ostream &operator<<(std::ostream &os, const Line &l) {
+    return os << "{+0x" << std::hex << l.offset << std::dec << " line " << l.line << " " << l.file
+              << "}";
+}
+using Table = std::vector<Line>;
+
+// Functions in a source file and in a header it includes, each statement on its own line.
+void WriteSources(const qtest::TempDir &dir, int functions) {
+    std::ostringstream header, source;
+    header << "static int helper_twice(int v) {\n  int w = v * 2;\n  w += 1;\n  return w;\n}\n";
+    source << "#include \"gen.h\"\n";
+    for (int f = 0; f < functions; ++f) {
+        source << "int func" << f << "(int x) {\n";
+        for (int s = 0; s < 3 + f % 5; ++s)
+            source << "  x = x * " << (s + 2) << " + " << f << ";\n";
+        source << "  if (x > " << f << ")\n    x -= helper_twice(x);\n  return x;\n}\n";
+    }
+    ASSERT_TRUE(qtest::WriteTextFile(dir.File("gen.h"), header.str()));
+    ASSERT_TRUE(qtest::WriteTextFile(dir.File("gen.c"), source.str()));
+}
+
+// Each function's lines as the dumper prints them: offsets from the function's start, which is
+// the start of its own section when every function has a section.
+std::vector<Table> DumpedTables(const std::string &object) {
+    qtest::CommandResult dump = qtest::RunCommand("llvm-readobj-14 --codeview " + object);
+    EXPECT_EQ(dump.exitCode, 0) << dump.output;
+    std::vector<Table> tables;
+    std::string file;
+    uint64_t offset = 0;
+    for (const std::string &text : qtest::SplitLines(dump.output)) {
+        std::string line = text.substr(text.find_first_not_of(' ') == std::string::npos
+                                           ? text.size()
+                                           : text.find_first_not_of(' '));
+        unsigned long long value = 0;
+        unsigned number = 0;
+        if (line.rfind("FunctionLineTable [", 0) == 0) {
+            tables.emplace_back();
+        } else if (line.rfind("Filename: ", 0) == 0) {
+            file = line.substr(10, line.rfind(" (") - 10);
+        } else if (std::sscanf(line.c_str(), "+0x%llx [", &value) == 1) {
+            offset = value;
+        } else if (std::sscanf(line.c_str(), "LineNumberStart: %u", &number) == 1 &&
+                   !tables.empty()) {
+            tables.back().push_back(Line{offset, number, file});
+        }
+    }
+    return tables;
+}
+
+TEST(ForeignCoff, LinesEqualTheDumpersFunctionByFunction) {
+    qtest::TempDir dir;
+    WriteSources(dir, 24);
+    if (HasFatalFailure())
+        return;
+    std::string object = dir.File("gen.obj");
+    qtest::CommandResult made = qtest::RunCommand(
+        "cd " + dir.Path() + " && clang-14 --target=x86_64-pc-windows-msvc -g -gcodeview -O0 "
+        "-ffunction-sections -c gen.c -o gen.obj");
+    ASSERT_EQ(made.exitCode, 0) << made.output;
+    std::vector<Table> theirs = DumpedTables(object);
+    ASSERT_EQ(theirs.size(), 25u); // 24 functions and the helper
+
+    CBaseRetrieve engine;
+    char source[] = "no such source";
+    // The load succeeds; only the source name is unknown.
+    ASSERT_EQ(engine.OpenObjectAndSourceFile(object.c_str(), source, nullptr), 33u);
+    uint32_t files = 0;
+    ASSERT_EQ(engine.SourceFileCount(&files), 0u);
+    EXPECT_EQ(files, 2u);
+
+    std::vector<Table> ours;
+    for (const quillet::CSectionRows &section : engine.Sections()) {
+        if (section.m_nBegin == section.m_nEnd)
+            continue;
+        Table table;
+        for (uint32_t i = section.m_nBegin; i < section.m_nEnd; ++i) {
+            const quillet::CLineRow &row = engine.Rows()[i];
+            EXPECT_EQ(row.m_nColumn, 1u);
+            table.push_back(
+                Line{row.m_nAddress, row.m_nLine, engine.Files().GetFile(row.m_nFileIndex)->m_Path});
+        }
+        ours.push_back(table);
+    }
+    std::sort(ours.begin(), ours.end());
+    std::sort(theirs.begin(), theirs.end());
+    EXPECT_EQ(ours, theirs);
+
+    // Queries by source position find each function's first line in its own section.
+    char name[512];
+    std::snprintf(name, sizeof(name), "%s", theirs.front().front().file.c_str());
+    DbgSourceHandle *handle = nullptr;
+    ASSERT_EQ(engine.FindSource(name, &handle), 0u);
+    for (const Table &table : theirs) {
+        if (table.front().file != theirs.front().front().file)
+            continue;
+        DbgSourceQuery query{handle, table.front().line, 1};
+        DbgSourceResult result{};
+        EXPECT_EQ(engine.InstInfoBySource(0, &query, &result), 0u) << table.front();
+        EXPECT_EQ(result.address, table.front().offset);
+    }
+}
+
+} // namespace
