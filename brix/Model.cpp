@@ -117,8 +117,8 @@ CBrixState &State() {
 BrxHandle CBrixState::Register(CBrxFile *file, Kind kind, uint32_t index) {
     uint32_t slot;
     if (!m_FreeSlots.empty()) {
-        slot = m_FreeSlots.back();
-        m_FreeSlots.pop_back();
+        slot = m_FreeSlots.front();
+        m_FreeSlots.pop_front();
     } else {
         slot = uint32_t(m_Slots.size());
         // The last slot would make handle 0xFFFFFFFF possible, which means "first".

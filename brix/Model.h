@@ -10,6 +10,7 @@
 #include "brix/brix.h"
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -160,8 +161,10 @@ struct CHandleEntry {
 };
 
 // The process-wide handle registry and the open files. A handle is a slot number (low 24 bits)
-// and the slot's generation (high 8 bits): a slot is reused only after its file was closed, and
-// then with a new generation, so a stale handle is refused rather than taken for a new object.
+// and the slot's generation (high 8 bits): a slot is reused only after its object was released
+// (its file closed, or its creation refused), and then with a new generation, so a stale handle
+// is refused rather than taken for a new object. Released slots are reused oldest first, so a
+// generation comes round again only after very many releases.
 class CBrixState {
 public:
     BrxHandle Register(CBrxFile *file, Kind kind, uint32_t index);
@@ -176,7 +179,7 @@ private:
     static constexpr uint32_t kSlotBits = 24;
     static constexpr uint32_t kSlotMask = (1u << kSlotBits) - 1;
     std::vector<CHandleEntry> m_Slots{1}; // slot 0 is never handed out
-    std::vector<uint32_t> m_FreeSlots;
+    std::deque<uint32_t> m_FreeSlots;
     std::unordered_map<CBrxFile *, std::unique_ptr<CBrxFile>> m_Files;
 };
 
