@@ -39,7 +39,7 @@ void LibraryState::Reset() {
     lineProgramUse = 0;
     lastSourceHit = -1;
     liveScopes.Clear();
-    liveObjects.Clear();
+    objectArena.Clear();
     liveTypes.Clear();
     m_pLastLiveScope = nullptr;
     releasing = false;

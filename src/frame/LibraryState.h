@@ -8,6 +8,7 @@
 #include "lines/LineProgram.h"
 #include "lines/Retrieve.h"
 #include "lines/SourceFile.h"
+#include "platform/ObjectArena.h"
 #include "platform/PointerSet.h"
 
 #include <cstdint>
@@ -79,7 +80,8 @@ struct LibraryState {
 
     // Handles that the library handed out and has not released. Unknown handles are refused.
     quillet::PointerSet liveScopes;
-    quillet::PointerSet liveObjects;
+    // Language objects; its blocks also answer which object handles are live.
+    quillet::ObjectArena objectArena;
     quillet::PointerSet liveTypes;
     // Set while Reset releases everything: the sets are emptied at once afterwards.
     bool releasing = false;

@@ -14,18 +14,21 @@
 #include <algorithm>
 #include <memory>
 
-CBaseLangObject::CBaseLangObject() { State().liveObjects.Insert(this); }
+CBaseLangObject::CBaseLangObject() = default;
 
 CBaseLangObject::CBaseLangObject(const CBaseLangObject &other)
     : m_pAbbrev(other.m_pAbbrev), m_nRecordLength(other.m_nRecordLength),
-      m_pOwnerScope(other.m_pOwnerScope) {
-    State().liveObjects.Insert(this);
-}
+      m_pOwnerScope(other.m_pOwnerScope) {}
 
-CBaseLangObject::~CBaseLangObject() {
+CBaseLangObject::~CBaseLangObject() = default;
+
+void *CBaseLangObject::operator new(size_t size) { return State().objectArena.Allocate(size); }
+
+// While the library resets, the arena releases all its blocks at once afterwards.
+void CBaseLangObject::operator delete(void *p) {
     LibraryState &state = State();
     if (!state.releasing)
-        state.liveObjects.Erase(this);
+        state.objectArena.Release(p);
 }
 
 void CBaseLangObject::RemoveReferrer(uint64_t *field) {
@@ -302,7 +305,7 @@ extern "C" QUILLET_API DbgStatus Dbg_create_object(int32_t kind, const DbgObject
 
 extern "C" QUILLET_API DbgStatus Dbg_add_object_prop(DbgObject object, const DbgObjectProp *props,
                                                      uint32_t count) {
-    if (!object || !State().liveObjects.Contains(object))
+    if (!object || !State().objectArena.Contains(object))
         return DBG_ERR_NOT_AN_OBJECT;
     return ApplyObjectProperties(*reinterpret_cast<CBaseLangObject *>(object), props, count);
 }

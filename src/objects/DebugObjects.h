@@ -6,6 +6,7 @@
 
 #include "platform/CError.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -19,6 +20,10 @@ public:
     CBaseLangObject(const CBaseLangObject &other);
     CBaseLangObject &operator=(const CBaseLangObject &) = delete;
     virtual ~CBaseLangObject();
+
+    // Objects live in the library's object arena, which also tells live handles from others.
+    static void *operator new(size_t size);
+    static void operator delete(void *p);
 
     // 0 compilation unit or basic type; DBG_OBJ_* for the objects made by Dbg_create_object.
     virtual int GetKind() const = 0;

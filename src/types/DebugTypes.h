@@ -43,6 +43,11 @@ public:
     CDebugBasicType();
     ~CDebugBasicType() override;
 
+    // A basic type starts with its type side, so it is not kept in the object arena, whose
+    // addresses are those of object sides.
+    static void *operator new(size_t size) { return ::operator new(size); }
+    static void operator delete(void *p) { ::operator delete(p); }
+
     int GetTypeKind() const override { return TYPE_BASIC; }
     int GetKind() const override { return 0; }
     CError GetTypeIndex(CBinarySection &types, uint32_t &index) override;
