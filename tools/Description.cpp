@@ -417,7 +417,9 @@ class Parser {
             if (bytes)
                 decl.bytes = ParseHexBytes(s.Line(), *bytes);
             if (size) {
-                uint64_t n = Unsigned(s.Line(), *size, "size", uint64_t(1) << 32);
+                // Sections are held in memory while the object is built; a gigabyte is plenty
+                // for a description and keeps a typing slip from exhausting the machine.
+                uint64_t n = Unsigned(s.Line(), *size, "size", uint64_t(1) << 30);
                 if (n < decl.bytes.size())
                     throw DescriptionError(s.Line(), "size " + *size + " is below the " +
                                                          std::to_string(decl.bytes.size()) +

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -66,6 +67,9 @@ int Build(const std::vector<std::string> &args) {
             std::fprintf(stderr, "%s:%d: %s\n", description.c_str(), error.Line(), error.what());
         else
             std::fprintf(stderr, "%s: %s\n", description.c_str(), error.what());
+        return kExitFailed;
+    } catch (const std::bad_alloc &) {
+        std::fprintf(stderr, "%s: not enough memory to build the object\n", description.c_str());
         return kExitFailed;
     }
     return kExitOk;

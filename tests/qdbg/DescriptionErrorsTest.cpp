@@ -54,6 +54,7 @@ const ErrorCase kErrorCases[] = {
     {"section .x bytes=abc\n", "4: bytes= needs an even number of hexadecimal digits"},
     {"section .x bytes=zz\n", "4: bytes= holds a character that is not hexadecimal"},
     {"section .x bytes=0102 size=1\n", "4: size 1 is below the 2 bytes given"},
+    {"section .x size=0x40000001\n", "4: size 0x40000001 is above 1073741824"},
     {"section .x writable\n", "4: unknown section attribute 'writable'"},
     {"!module source=a.s\nsymbol s 0\n", "2: a symbol outside a section needs section=NAME"},
     // Objects and their values
