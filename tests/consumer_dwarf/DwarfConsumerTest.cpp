@@ -77,6 +77,7 @@ std::vector<Sequence> ReadelfSequences(const std::string &output) {
 
 // The entries of `llvm-dwarfdump --debug-info`: tag and, when present, name.
 struct Entry {
+    uint64_t offset;
     std::string tag;
     std::string name;
     std::map<std::string, std::string> attributes;
@@ -84,12 +85,12 @@ struct Entry {
 
 std::vector<Entry> DwarfdumpEntries(const std::string &output) {
     std::vector<Entry> entries;
-    std::regex tag(R"(^0x[0-9a-f]+:\s+(DW_TAG_\w+|NULL).*$)");
+    std::regex tag(R"(^(0x[0-9a-f]+):\s+(DW_TAG_\w+|NULL).*$)");
     std::regex attribute(R"(^\s+(DW_AT_\w+)\s+\((.*)\)\s*$)");
     for (const std::string &line : qtest::SplitLines(output)) {
         std::smatch m;
         if (std::regex_match(line, m, tag)) {
-            entries.push_back({m[1].str(), "", {}});
+            entries.push_back({std::stoull(m[1].str(), nullptr, 16), m[2].str(), "", {}});
         } else if (!entries.empty() && std::regex_match(line, m, attribute)) {
             std::string value = m[2].str();
             if (m[1].str() == "DW_AT_name" && value.size() >= 2)
@@ -279,6 +280,21 @@ TEST_P(DwarfConsumer, DwarfdumpShowsEveryEntryWithItsAttributes) {
               std::string::npos)
         << entries[11].attributes.at("DW_AT_const_value");
     EXPECT_NE(entries[11].attributes.at("DW_AT_type").find("\"data4\""), std::string::npos);
+
+    // A procedure's sibling is the first entry after it and everything under it.
+    auto sibling = [&](size_t i) {
+        return std::stoull(entries[i].attributes.at("DW_AT_sibling"), nullptr, 16);
+    };
+    EXPECT_EQ(sibling(1), entries[6].offset) << "p1: after its children and their null entry";
+    EXPECT_EQ(sibling(6), entries[7].offset) << "p2: right after its own entry";
+    EXPECT_EQ(sibling(9), entries[10].offset);
+    // Type references name the entries of their types.
+    auto typeOffset = [&](size_t i) {
+        return std::stoull(entries[i].attributes.at("DW_AT_type"), nullptr, 16);
+    };
+    EXPECT_EQ(typeOffset(1), entries[15].offset) << "p1 returns data4 unsigned";
+    EXPECT_EQ(typeOffset(7), entries[17].offset) << "counter is data8 signed";
+    EXPECT_EQ(typeOffset(11), entries[10].offset) << "LIMIT is data4 signed";
 }
 
 TEST_P(DwarfConsumer, VerifierFindsNoErrors) {

@@ -45,6 +45,13 @@ TEST_F(ObjectApi, PropertyListsGiveTheirStatus) {
         DbgStatus status;
     } cases[] = {
         {"label symbol", DBG_OBJ_CODE_LABEL, {{DBG_PROP_SYMBOL, &symbol}}, 0},
+        {"label null symbol", DBG_OBJ_CODE_LABEL, {{DBG_PROP_SYMBOL, nullptr}},
+         DBG_ERR_BAD_PROPERTY_VALUE},
+        {"data null type", DBG_OBJ_DATA_LABEL, {{DBG_PROP_TYPE, nullptr}}, DBG_ERR_BAD_TYPE},
+        {"constant null name", DBG_OBJ_CONSTANT, {{DBG_PROP_NAME, nullptr}},
+         DBG_ERR_BAD_PROPERTY_VALUE},
+        {"register null register", DBG_OBJ_ENREG_SYM, {{DBG_PROP_REGISTER, nullptr}},
+         DBG_ERR_BAD_PROPERTY_VALUE},
         {"label type", DBG_OBJ_CODE_LABEL, {{DBG_PROP_TYPE, &data4}}, DBG_ERR_BAD_PROPERTY},
         {"data type then value", DBG_OBJ_DATA_LABEL,
          {{DBG_PROP_TYPE, &data4}, {DBG_PROP_VALUE, &value}}, DBG_ERR_BAD_PROPERTY},
