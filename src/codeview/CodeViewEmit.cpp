@@ -10,7 +10,9 @@
 
 #include "codeview/CodeViewFormat.h"
 #include "codeview/CodeViewTables.h"
+#include "codeview/FileTablePasses.h"
 #include "codeview/LineBlocks.h"
+#include "codeview/SymbolSections.h"
 #include "frame/BinarySection.h"
 #include "frame/LibraryState.h"
 #include "frame/ObjectFile.h"
@@ -125,6 +127,10 @@ uint32_t AppendBytes(CBinarySection &section, const std::vector<uint8_t> &bytes)
 }
 
 } // namespace
+
+CCodeViewTables *ActiveCodeViewTables() {
+    return State().codeViewTables;
+}
 
 uint32_t RunCodeViewDriver() {
     LibraryState &state = State();

@@ -10,7 +10,6 @@
 #include <unordered_map>
 
 class CBinarySection;
-class CScopeNode;
 
 struct CCodeViewTables {
     // The string table: source-file record (its handle cell) -> offset of its composed path.
@@ -29,22 +28,3 @@ struct CCodeViewTables {
 
 // The tables of the emission that is running, or null outside the CodeView driver.
 CCodeViewTables *ActiveCodeViewTables();
-
-// Ends the open subsection of `section`: its length field receives the bytes written since its
-// header. A section with nothing written since the last close is left alone. Fails (26) when the
-// length cannot be written.
-uint32_t CloseSubsection(CBinarySection &section);
-
-// The string-table pass over the module's subtree: one composed path per source-file record,
-// appended to the main symbol section as one piece.
-uint32_t WriteStringTable(const CScopeNode &module, CBinarySection &mainSymbols,
-                          CCodeViewTables &tables);
-
-// The checksum pass: one record per file and table, MD5 of the file's bytes. 18 when a file
-// cannot be read or an append fails.
-uint32_t WriteChecksumTables(const CScopeNode &module, CBinarySection &mainSymbols,
-                             CCodeViewTables &tables);
-
-// True for a section that the object-file library reports as COMDAT (a failed query is reported
-// and counts as not COMDAT).
-bool IsComdatSection(uint32_t section);

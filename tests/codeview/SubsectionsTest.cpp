@@ -2,7 +2,7 @@
 // gives a COMDAT section its own symbol section refuses an object file that is not COFF.
 #include "codeview/CodeViewEmit.h"
 #include "codeview/CodeViewReading.h"
-#include "codeview/CodeViewTables.h"
+#include "codeview/SymbolSections.h"
 #include "frame/BinarySection.h"
 #include "scopes/SectionScope.h"
 
