@@ -2,8 +2,9 @@
 //
 // Section header order: the null section; for every section of the model, in creation order, its
 // COMDAT group (when it leads one), the section itself and its RELA section; then .symtab,
-// .strtab and .shstrtab. Symbol order: the null symbol, source files, section symbols, the other
-// local symbols, then the global ones (sh_info of .symtab is the first global).
+// .symtab_shndx (only with 0xff00 sections or more), .strtab and .shstrtab. Symbol order: the null
+// symbol, source files, section symbols, the other local symbols, then the global ones (sh_info of
+// .symtab is the first global).
 #include "ByteBuffer.h"
 #include "ElfFormat.h"
 #include "Formats.h"
@@ -62,6 +63,7 @@ private:
     void PlanSections();
     void WriteContents();
     void WriteSymbolTable();
+    uint16_t SymbolSectionField(size_t symbol, uint32_t header);
     void WriteRelocations(const CSection &s);
     void WriteSymbol(uint32_t name, uint64_t value, uint8_t info, uint16_t shndx);
     void WriteHeaders(uint64_t sectionHeaders);
@@ -94,6 +96,8 @@ private:
     std::string m_ShStrTab{'\0'};
     std::string m_StrTab{'\0'};
     uint32_t m_nSymTab = 0, m_nStrTab = 0, m_nShStrTab = 0;
+    uint32_t m_nSymTabIndices = 0;           // .symtab_shndx, 0 when not needed
+    std::vector<uint32_t> m_ExtendedIndices; // its content, filled while .symtab is written
 };
 
 bool CElfWriter::PlanGroups() {
@@ -247,6 +251,20 @@ void CElfWriter::PlanSections() {
     sym.m_nSize = uint64_t(m_SymbolOrder.size()) * sym.m_nEntrySize;
     sym.m_nInfo = m_nFirstGlobal;
 
+    // Section numbers from 0xff00 on do not fit in a symbol's 16-bit field: such symbols say
+    // SHN_XINDEX and their numbers go into a parallel table.
+    if (m_Headers.size() + 3 >= SHN_LORESERVE) {
+        m_nSymTabIndices = uint32_t(m_Headers.size());
+        COutSection &x = m_Headers.emplace_back();
+        x.m_nName = AddName(m_ShStrTab, ".symtab_shndx");
+        x.m_nType = SHT_SYMTAB_SHNDX;
+        x.m_nAlignment = 4;
+        x.m_nEntrySize = 4;
+        x.m_nSize = 4 * uint64_t(m_SymbolOrder.size());
+        x.m_nLink = m_nSymTab;
+        m_ExtendedIndices.assign(m_SymbolOrder.size(), 0);
+    }
+
     m_nStrTab = uint32_t(m_Headers.size());
     m_Headers.emplace_back().m_nType = SHT_STRTAB;
     m_Headers[m_nStrTab].m_nName = AddName(m_ShStrTab, ".strtab");
@@ -285,13 +303,21 @@ void CElfWriter::WriteSymbol(uint32_t name, uint64_t value, uint8_t info, uint16
     }
 }
 
+uint16_t CElfWriter::SymbolSectionField(size_t symbol, uint32_t header) {
+    if (header < SHN_LORESERVE)
+        return uint16_t(header);
+    m_ExtendedIndices[symbol] = header;
+    return SHN_XINDEX;
+}
+
 void CElfWriter::WriteSymbolTable() {
-    for (const CSymbolSlot &slot : m_SymbolOrder) {
+    for (size_t k = 0; k < m_SymbolOrder.size(); ++k) {
+        const CSymbolSlot &slot = m_SymbolOrder[k];
         if (slot.m_nSymbol == kNone && slot.m_nSection == kNone) {
             WriteSymbol(0, 0, 0, SHN_UNDEF);
         } else if (slot.m_nSymbol == kNone) {
             WriteSymbol(0, 0, uint8_t((STB_LOCAL << 4) | STT_SECTION),
-                        uint16_t(m_HeaderIndex[slot.m_nSection]));
+                        SymbolSectionField(k, m_HeaderIndex[slot.m_nSection]));
         } else {
             const CSymbol &s = m_File.m_Symbols[slot.m_nSymbol];
             uint8_t bind = s.m_nBinding == BRX_BINDING_GLOBAL ? STB_GLOBAL : STB_LOCAL;
@@ -302,7 +328,7 @@ void CElfWriter::WriteSymbolTable() {
             if (type == STT_FILE)
                 shndx = SHN_ABS;
             else if (s.m_Section != 0)
-                shndx = uint16_t(m_HeaderIndex[SectionIndex(s.m_Section)]);
+                shndx = SymbolSectionField(k, m_HeaderIndex[SectionIndex(s.m_Section)]);
             WriteSymbol(AddName(m_StrTab, m_File.SymbolName(s)), s.m_nOffset,
                         uint8_t((bind << 4) | type), shndx);
         }
@@ -370,6 +396,9 @@ void CElfWriter::WriteContents() {
         case Role::Table:
             if (h == m_nSymTab) {
                 WriteSymbolTable();
+            } else if (h == m_nSymTabIndices) {
+                for (uint32_t index : m_ExtendedIndices)
+                    b.U32(index);
             } else if (h == m_nStrTab) {
                 b.Bytes(m_StrTab.data(), m_StrTab.size());
                 out.m_nSize = m_StrTab.size();
@@ -384,6 +413,10 @@ void CElfWriter::WriteContents() {
 
 void CElfWriter::WriteHeaders(uint64_t sectionHeaders) {
     CByteBuffer b(m_Out);
+    if (m_Headers.size() >= SHN_LORESERVE)
+        m_Headers[0].m_nSize = m_Headers.size();
+    if (m_nShStrTab >= SHN_LORESERVE)
+        m_Headers[0].m_nLink = m_nShStrTab;
     for (const COutSection &h : m_Headers) {
         b.U32(h.m_nName);
         b.U32(h.m_nType);
@@ -415,8 +448,9 @@ void CElfWriter::WriteHeaders(uint64_t sectionHeaders) {
     e.U16(0); // e_phentsize
     e.U16(0); // e_phnum
     e.U16(uint16_t(m_b64 ? kShdrSize64 : kShdrSize32));
-    e.U16(uint16_t(m_Headers.size()));
-    e.U16(uint16_t(m_nShStrTab));
+    // Counts and indices from 0xff00 on are kept in the null section header.
+    e.U16(m_Headers.size() < SHN_LORESERVE ? uint16_t(m_Headers.size()) : 0);
+    e.U16(m_nShStrTab < SHN_LORESERVE ? uint16_t(m_nShStrTab) : SHN_XINDEX);
     std::copy(header.begin(), header.end(), m_Out.begin());
 }
 
@@ -428,9 +462,6 @@ bool CElfWriter::Write() {
     if (!PlanGroups() || !PlanSymbols())
         return false;
     PlanSections();
-    // 0xff00 and above are reserved section numbers; extended numbering is not written.
-    if (m_Headers.size() >= SHN_LORESERVE)
-        return false;
 
     uint64_t total = m_b64 ? kEhdrSize64 : kEhdrSize32;
     for (const CSection &s : m_File.m_Sections)
@@ -438,6 +469,7 @@ bool CElfWriter::Write() {
     total += uint64_t(m_File.m_Relocations.size()) * (m_b64 ? kRelaSize64 : kRelaSize32);
     total += uint64_t(m_SymbolOrder.size()) * (m_b64 ? kSymSize64 : kSymSize32);
     total += m_File.m_Names.size() + m_SymbolOrder.size() + m_ShStrTab.size();
+    total += 4 * m_ExtendedIndices.size();
     total += uint64_t(m_Headers.size()) * (m_b64 ? kShdrSize64 : kShdrSize32) + 64;
     if (!m_b64 && !Fits32(total))
         return false;
