@@ -45,7 +45,7 @@ const char kLines[] = R"(    lines OBJECT
         Prints every row of OBJECT's line information, one per line, in section order and
         then by offset:
             SECTION OFFSET LINE COLUMN FILE
-        for example ".text 0x10 12 1 /home/me/prog.s". Rows are looked up by offset, so of
+        for example ".text 0x10 12 1 /src/prog.s". Rows are looked up by offset, so of
         several rows that start at the same offset the one the library returns is shown.
 )";
 
