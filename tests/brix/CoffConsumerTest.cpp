@@ -153,3 +153,38 @@ TEST(CoffConsumer, LineBlocksReadBackThroughBrix) {
 }
 
 } // namespace
+
+namespace {
+
+// More relocations than the 16-bit count holds: the count moves into the first record.
+TEST(CoffManyRelocations, OverflowCountIsReadByReadobjAndByBrix) {
+    TempDir dir;
+    std::string path = dir.File("relocs.obj");
+    BrxHandle file = 0;
+    ASSERT_EQ(_brx_new_file(path.c_str(), BRX_FORMAT_COFF, &file), 0);
+    BrxHandle text = AddSection(file, ".text", BRX_SECTION_CODE, 16);
+    BrxHandle debug = AddSection(file, ".debug$S", BRX_SECTION_DEBUG, 4, 1);
+    const uint32_t count = 70000;
+    AppendBytes(debug, std::vector<uint8_t>(4 * count, 0));
+    for (uint32_t i = 0; i < count; ++i)
+        AddRelocation(debug, 14, text, 4 * uint64_t(i));
+    ASSERT_EQ(_brx_write_file(file), 0);
+    ASSERT_EQ(_brx_close_file(file), 0);
+
+    if (ToolAvailable("llvm-readobj-14")) {
+        CommandResult r = RunCommand("llvm-readobj-14 --sections --relocations '" +
+                                     WithoutMachine(dir, path) + "' | grep -c ' Unknown .text ('");
+        EXPECT_EQ(r.output, std::to_string(count) + "\n");
+        r = RunCommand("llvm-readobj-14 --sections '" + WithoutMachine(dir, path) + "'");
+        EXPECT_TRUE(ComplaintLines(r.output).empty()) << r.output;
+        EXPECT_NE(r.output.find("IMAGE_SCN_LNK_NRELOC_OVFL"), std::string::npos);
+    }
+    BrxHandle read = 0;
+    ASSERT_EQ(_brx_open_file(path.c_str(), nullptr, &read, 0), 0);
+    std::vector<BrxHandle> relocs = Relocations(FindSection(read, ".debug$S"));
+    ASSERT_EQ(relocs.size(), count);
+    EXPECT_EQ(U64(relocs.back(), BRX_KEY_RELOC_OFFSET), 4 * uint64_t(count - 1));
+    EXPECT_EQ(_brx_close_file(read), 0);
+}
+
+} // namespace
