@@ -516,7 +516,8 @@ void CBaseRetrieve::BuildBuckets(CSectionRows &rows) {
     uint64_t span = m_Rows[rows.m_nEnd - 1].m_nAddress - low;
     uint64_t wanted = std::max<uint64_t>(1, (rows.m_nEnd - rows.m_nBegin) / kRowsPerBucket);
     uint32_t shift = 0;
-    while (shift < 63 && (span >> shift) + 1 > wanted)
+    // Written without "+ 1" so that a span of the whole 64-bit range does not wrap.
+    while (shift < 63 && (span >> shift) >= wanted)
         ++shift;
     uint64_t count = (span >> shift) + 1;
     rows.m_nLowAddress = low;

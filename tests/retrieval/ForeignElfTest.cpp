@@ -23,7 +23,8 @@ std::ostream &operator<<(std::ostream &os, const Row &r) {
               << r.column << " file " << r.file << "}";
 }
 
-const char *const kSections[] = {".text", ".text.hot", ".text.cold"};
+// Names that a linker keeps as sections of their own.
+const char *const kSections[] = {".text", ".hotcode", ".coldcode"};
 const char *const kInstructions[] = {"nop", "xorl %eax, %eax", "movl $1, %eax",
                                      "movabsq $0x1122334455667788, %rax"};
 
@@ -90,7 +91,16 @@ BrxHandle SectionNamed(BrxHandle file, const char *name) {
     return section;
 }
 
-class ForeignElf : public ::testing::Test {
+uint64_t SectionAddress(BrxHandle section) {
+    uint64_t address = 0;
+    EXPECT_EQ(_brx_get_keyed(section, BRX_KEY_SECTION_ADDRESS, nullptr, &address, 0), 0);
+    return address;
+}
+
+// The object as assembled, linked into an executable, or linked into a shared object.
+enum class Link { Relocatable, Executable, Shared };
+
+class ForeignElf : public ::testing::TestWithParam<Link> {
 protected:
     static constexpr int kRowsPerSection = 2000;
     const std::string kCompDir = "/work/gen";
@@ -103,6 +113,14 @@ protected:
             qtest::RunCommand("llvm-mc-14 -filetype=obj -triple x86_64-linux-gnu -g "
                               "-dwarf-version=2 " + source + " -o " + object);
         ASSERT_EQ(made.exitCode, 0) << made.output;
+        if (GetParam() != Link::Relocatable) {
+            std::string linked = dir.File("gen.linked");
+            qtest::CommandResult link = qtest::RunCommand(
+                std::string("ld ") + (GetParam() == Link::Shared ? "-shared" : "-e 0") + " -o " +
+                linked + " " + object);
+            ASSERT_EQ(link.exitCode, 0) << link.output;
+            object = linked;
+        }
         sequences = DumpedSequences(object);
         ASSERT_EQ(sequences.size(), 3u);
         char name[] = "/WORK/gen/main.s";
@@ -125,23 +143,26 @@ protected:
     DbgSourceHandle *mainSource = nullptr;
 };
 
-TEST_F(ForeignElf, RowsEqualTheDumpersSectionBySection) {
+TEST_P(ForeignElf, RowsEqualTheDumpersSectionBySection) {
     for (int s = 0; s < 3; ++s) {
         SCOPED_TRACE(kSections[s]);
         BrxHandle section = SectionNamed(engine.Object(), kSections[s]);
         auto [first, last] = engine.RowsOf(section);
+        // Rows are kept as offsets in their section; the dumper prints addresses.
+        uint64_t base = SectionAddress(section);
+        EXPECT_EQ(base != 0, GetParam() != Link::Relocatable);
         std::vector<Row> ours;
         for (const quillet::CLineRow *r = first; r != last; ++r)
-            ours.push_back(Row{r->m_nAddress, r->m_nLine, r->m_nColumn - 1,
+            ours.push_back(Row{r->m_nAddress + base, r->m_nLine, r->m_nColumn - 1,
                                uint32_t(r->m_nFileIndex + 1)});
         const std::vector<Row> &theirs = SequenceOf(s);
         EXPECT_EQ(theirs.size(), size_t(kRowsPerSection));
-        EXPECT_EQ(theirs.front().address, 3u); // three bytes before the first located one
+        EXPECT_EQ(theirs.front().address - base, 3u); // three bytes before the first located one
         EXPECT_EQ(ours, theirs);
     }
 }
 
-TEST_F(ForeignElf, FilesAreJoinedAndNormalised) {
+TEST_P(ForeignElf, FilesAreJoinedAndNormalised) {
     uint32_t count = 0;
     ASSERT_EQ(engine.SourceFileCount(&count), 0u);
     ASSERT_EQ(count, 3u);
@@ -155,7 +176,7 @@ TEST_F(ForeignElf, FilesAreJoinedAndNormalised) {
     EXPECT_EQ(mainSource->file_index, 0u);
 }
 
-TEST_F(ForeignElf, EveryRowIsFoundByOffsetAndBySource) {
+TEST_P(ForeignElf, EveryRowIsFoundByOffsetAndBySource) {
     DbgSourceHandle *files[3];
     char names[3][32] = {"/work/gen/main.s", "/abs/inc/defs.inc", "/work/rel/more.s"};
     for (int i = 0; i < 3; ++i)
@@ -164,7 +185,10 @@ TEST_F(ForeignElf, EveryRowIsFoundByOffsetAndBySource) {
         SCOPED_TRACE(kSections[s]);
         BrxHandle section = SectionNamed(engine.Object(), kSections[s]);
         DbgLineSectionHandle *handle = engine.SectionHandle(section);
-        const std::vector<Row> &rows = SequenceOf(s);
+        uint64_t base = SectionAddress(section);
+        std::vector<Row> rows = SequenceOf(s);
+        for (Row &row : rows)
+            row.address -= base;
         for (size_t i = 0; i < rows.size(); ++i) {
             const Row &row = rows[i];
             DbgOffsetQuery query{handle, row.address};
@@ -198,5 +222,13 @@ TEST_F(ForeignElf, EveryRowIsFoundByOffsetAndBySource) {
         }
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Links, ForeignElf,
+                         ::testing::Values(Link::Relocatable, Link::Executable, Link::Shared),
+                         [](const ::testing::TestParamInfo<Link> &info) {
+                             return std::string(info.param == Link::Relocatable  ? "Relocatable"
+                                                : info.param == Link::Executable ? "Executable"
+                                                                                 : "Shared");
+                         });
 
 } // namespace

@@ -288,3 +288,62 @@ TEST(RetrieveLoad, ShortLineSectionAndBrokenUnits) {
 }
 
 } // namespace
+
+namespace {
+
+// Offsets spread over the whole 64-bit range, repeated, and decoded out of order: the bucket
+// table must still find the first row at every offset and nothing in between.
+TEST(RetrieveLookup, SparseAndRepeatedOffsets) {
+    const uint64_t kFar = uint64_t(1) << 40;
+    const std::pair<uint64_t, uint32_t> rows[] = {
+        {~uint64_t(0), 9}, {uint64_t(1) << 63, 8}, {kFar + 3, 7}, {kFar, 5}, {kFar, 6},
+        {5, 4},            {1, 3},                 {0, 1},        {0, 2},
+    };
+    LineUnit u;
+    u.files = {{"a.s", 0}};
+    for (const auto &row : rows) {
+        // One sequence per row: each sequence is placed by its own operand.
+        u.SetAddress(row.first).AdvanceLine(int64_t(row.second) - 1).Copy().EndSequence();
+    }
+    InfoUnit cu = InfoUnit::Standard("a.s", "/", 0);
+    Bytes info = cu.Info(), abbrev = cu.Abbrev(), line = u.Encode();
+    struct AnyPlacer : CSequencePlacer {
+        CError Place(uint64_t, uint64_t, BrxHandle &section, int64_t &bias) override {
+            section = kText;
+            bias = 0;
+            return kOk;
+        }
+    } placer;
+    CBaseRetrieve engine;
+    CDwarfSections s{info.data(), info.size(), abbrev.data(), abbrev.size(),
+                     line.data(), line.size()};
+    ASSERT_EQ(engine.LoadDwarf(s, placer), DBG_ERR_NONE);
+    DbgLineSectionHandle *handle = engine.SectionHandle(kText);
+
+    const struct {
+        uint64_t offset;
+        uint32_t status;
+        uint32_t line;
+    } cases[] = {
+        {0, 0, 1},          {1, 0, 3},          {5, 0, 4},         {kFar, 0, 5},
+        {kFar + 3, 0, 7},   {uint64_t(1) << 63, 0, 8},             {~uint64_t(0), 0, 9},
+        {2, 29, 0},         {kFar - 1, 29, 0},  {kFar + 1, 29, 0}, {~uint64_t(0) - 1, 29, 0},
+        {(uint64_t(1) << 63) + 1, 29, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.offset);
+        DbgOffsetQuery query{handle, c.offset};
+        DbgInstInfo out{};
+        ASSERT_EQ(engine.InstInfoByOffset(1, &query, &out), c.status);
+        if (c.status == 0) {
+            EXPECT_EQ(out.line, c.line);
+        }
+    }
+    // The row before the second row at kFar is the first one there.
+    DbgOffsetQuery query{handle, kFar + 3};
+    DbgInstInfo out{};
+    ASSERT_EQ(engine.InstInfoByOffset(0, &query, &out), 0u);
+    EXPECT_EQ(out.line, 6u);
+}
+
+} // namespace
