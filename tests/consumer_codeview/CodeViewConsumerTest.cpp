@@ -186,7 +186,9 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         ASSERT_EQ(Dbg_procedure_type(data4, 1, &nearType), DBG_ERR_NONE);
         ASSERT_EQ(Dbg_procedure_type(real8, 2, &farType), DBG_ERR_NONE);
 
-        // Constants of the module, one per kind of numeric leaf.
+        // Constants of the module, one per integer numeric leaf. Real constants are left out:
+        // llvm-readobj 14 decodes integer leaves only and stops at LF_REAL32/64/80 ("invalid
+        // APSInt type"); their bytes are checked in the codeview unit tests.
         const uint8_t small = 127;
         const int16_t shortValue = -300;
         const uint64_t big = 0x100000000;
