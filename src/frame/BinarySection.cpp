@@ -48,7 +48,21 @@ CBinarySection::CBinarySection(BrxHandle objectFile, int32_t format, const char 
         (void)CreateSection();
 }
 
-CBinarySection::~CBinarySection() = default;
+CBinarySection::~CBinarySection() { (void)Flush(); }
+
+CError CBinarySection::Flush() {
+    if (m_Staged.empty())
+        return kOk;
+    uint64_t start = m_nSize - m_Staged.size();
+    uint64_t written = 0;
+    CError result = EnsureCreated();
+    if (result.Ok())
+        result = WriteAt(start, m_Staged.data(), m_Staged.size(), written);
+    if (result.Ok() && written != m_Staged.size())
+        result = kFailed;
+    m_Staged.clear();
+    return result;
+}
 
 CError CBinarySection::CreateSection() {
     BrxHandle section = 0;
@@ -106,6 +120,12 @@ CError CBinarySection::Append(const void *bytes, uint32_t length) {
     }
     if (EnsureCreated().Failed())
         return kFailed;
+    if (m_nStagingCapacity > 0) {
+        const auto *data = static_cast<const uint8_t *>(bytes);
+        m_Staged.insert(m_Staged.end(), data, data + length);
+        m_nSize += length;
+        return m_Staged.size() >= m_nStagingCapacity ? Flush() : kOk;
+    }
     uint64_t written = 0;
     if (WriteAt(m_nSize, bytes, length, written).Failed())
         return kFailed;
@@ -125,6 +145,8 @@ CError CBinarySection::Append(const std::vector<uint8_t> &bytes) {
 }
 
 CError CBinarySection::ReadNext(void *buffer, uint64_t length) {
+    if (Flush().Failed())
+        return kFailed;
     if (m_hSection == 0 && OpenExisting().Failed())
         return kFailed;
     uint64_t read = 0;
@@ -226,6 +248,13 @@ CError CBinarySection::WriteU32At(uint64_t offset, uint32_t value) {
     uint8_t bytes[4] = {uint8_t(value), uint8_t(value >> 8), uint8_t(value >> 16),
                         uint8_t(value >> 24)};
     if (offset + 4 > m_nSize)
+        return kFailed;
+    uint64_t stagedStart = m_nSize - m_Staged.size();
+    if (!m_Staged.empty() && offset >= stagedStart) {
+        std::memcpy(m_Staged.data() + (offset - stagedStart), bytes, 4);
+        return kOk;
+    }
+    if (!m_Staged.empty() && offset + 4 > stagedStart && Flush().Failed())
         return kFailed;
     if (m_hSection == 0) {
         if (!m_pLowRawdata)

@@ -63,6 +63,12 @@ public:
     // Overwrites 4 bytes already written (a length patch), in the low buffer or the object file.
     CError WriteU32At(uint64_t offset, uint32_t value);
 
+    // Lets appends collect in memory and reach the object file in pieces of about `capacity`
+    // bytes (for sections that receive many small records). Size() counts collected bytes.
+    void EnableStaging(size_t capacity) { m_nStagingCapacity = capacity; }
+    // Writes what was collected; the owner calls it when the section is complete.
+    CError Flush();
+
     BrxHandle Section() const { return m_hSection; }
     BrxHandle ObjectFile() const { return m_hObjectFile; }
     int32_t Format() const { return m_nFormat; }
@@ -101,6 +107,8 @@ private:
     uint32_t m_nLowCapacity = 0;
     uint32_t m_nPendingSubsection = 0;
     uint64_t m_nSubsectionStart = 0;
+    size_t m_nStagingCapacity = 0;
+    std::vector<uint8_t> m_Staged; // the last m_Staged.size() bytes of m_nSize
 };
 
 // Base of the readers that load one whole named section into memory and parse it.

@@ -9,6 +9,7 @@
 namespace {
 constexpr uint32_t kDebugAlignment = 4;
 constexpr uint32_t kDebugKind = 1;
+constexpr size_t kStagingBytes = 1 << 20;
 } // namespace
 
 uint32_t RunDwarfDriver() {
@@ -32,7 +33,11 @@ uint32_t RunDwarfDriver() {
                         kDebugKind);
     if (!info.IsCreated() || !abbrev.IsCreated() || !line.IsCreated())
         return DBG_ERR_OBJECT_FILE;
+    // Entries are small and many: they reach the object file in large pieces.
+    info.EnableStaging(kStagingBytes);
     status = root->EmitDwarf(info, abbrev, line);
+    if (info.Flush().Failed() && status == DBG_ERR_NONE)
+        status = DBG_ERR_OBJECT_FILE;
     if (status != DBG_ERR_NONE)
         return status;
     // The abbreviation table ends with a null code after its last declaration.

@@ -139,3 +139,35 @@ TEST(BaseDebugSection, LoadsAWholeSectionOrFails) {
 }
 
 } // namespace
+
+namespace {
+
+// Collected appends reach the file in pieces; patches land whether the bytes are still
+// collected, already written, or both.
+TEST(BinarySectionStaging, PatchesAndFlushesKeepTheBytes) {
+    qtest::TempDir dir;
+    qtest::ModuleBuilder module(dir.File("st.o"), BRX_FORMAT_ELF64);
+    CBinarySection section(module.File(), BRX_FORMAT_ELF64, ".debug_info", 4, 0, 1);
+    section.EnableStaging(8);
+    Bytes expected;
+    for (uint8_t i = 0; i < 20; ++i) {
+        ASSERT_TRUE(section.Append(&i, 1).Ok());
+        expected.push_back(i);
+    }
+    EXPECT_EQ(section.Size(), 20u);
+    EXPECT_EQ(module.SectionBytes(".debug_info"), Bytes(expected.begin(), expected.begin() + 16))
+        << "two full pieces are written, four bytes still collected";
+    ASSERT_TRUE(section.WriteU32At(17, 0xA1A2A3A4u).Failed()); // beyond the end
+    ASSERT_TRUE(section.WriteU32At(16, 0xD1D2D3D4u).Ok());     // collected
+    ASSERT_TRUE(section.WriteU32At(14, 0xC1C2C3C4u).Ok());     // straddles
+    ASSERT_TRUE(section.WriteU32At(0, 0xB1B2B3B4u).Ok());      // written
+    ASSERT_TRUE(section.Flush().Ok());
+    for (auto [offset, value] : {std::pair<size_t, uint32_t>{16, 0xD1D2D3D4u},
+                                 {14, 0xC1C2C3C4u},
+                                 {0, 0xB1B2B3B4u}})
+        for (int b = 0; b < 4; ++b)
+            expected[offset + b] = uint8_t(value >> (8 * b));
+    EXPECT_EQ(module.SectionBytes(".debug_info"), expected);
+}
+
+} // namespace
