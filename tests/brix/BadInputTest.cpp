@@ -16,23 +16,7 @@ namespace {
 
 std::vector<uint8_t> SampleElf(int32_t format, const TempDir &dir) {
     std::string path = dir.File("sample.o");
-    BrxHandle file = 0;
-    EXPECT_EQ(_brx_new_file(path.c_str(), format, &file), 0);
-    BrxHandle text = AddSection(file, ".text", BRX_SECTION_CODE, 16);
-    AppendBytes(text, std::vector<uint8_t>(24, 0x90));
-    BrxHandle inl = AddSection(file, ".text.inline", BRX_SECTION_CODE, 4);
-    AppendBytes(inl, std::vector<uint8_t>(8, 0xc3));
-    BrxComdat any{BRX_COMDAT_ANY, 0};
-    EXPECT_EQ(_brx_set_value(inl, BRX_KEY_COMDAT, &any, 0), 0);
-    BrxHandle line = AddSection(file, ".debug_line", 0, 1, 1);
-    AppendBytes(line, std::vector<uint8_t>(32, 1));
-    AddSymbol(file, "unit.asm", BRX_BINDING_LOCAL, BRX_SYMBOL_SOURCE_FILE, 0, 0);
-    BrxHandle fn = AddSymbol(file, "fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, text, 4);
-    AddSymbol(file, "inline", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, inl, 0);
-    AddRelocation(line, 37, text, 4);
-    AddRelocation(line, format == BRX_FORMAT_ELF64 ? 39 : 37, fn, 12, 8);
-    EXPECT_EQ(_brx_write_file(file), 0);
-    EXPECT_EQ(_brx_close_file(file), 0);
+    WriteElfSample(path, format);
     return ReadFileBytes(path);
 }
 
