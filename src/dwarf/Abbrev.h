@@ -45,5 +45,7 @@ private:
 // Keeps the first abbreviation of each kind in the library's registry; a later one of the same
 // kind is destroyed and `abbrev` then points at the registered one.
 void ShareAbbrev(CBaseAbbrev *&abbrev);
+// The registered abbreviation of a kind, or null.
+CBaseAbbrev *RegisteredAbbrev(uint32_t kind);
 // Destroys every registered abbreviation (the library's reset).
 void ClearAbbrevRegistry();

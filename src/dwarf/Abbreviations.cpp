@@ -65,6 +65,10 @@ void ShareAbbrev(CBaseAbbrev *&abbrev) {
     }
 }
 
+CBaseAbbrev *RegisteredAbbrev(uint32_t kind) {
+    return kind < ABBREV_KIND_COUNT ? State().abbrevRegistry[kind] : nullptr;
+}
+
 void ClearAbbrevRegistry() {
     for (CBaseAbbrev *&slot : State().abbrevRegistry) {
         delete slot;

@@ -34,7 +34,7 @@ CCompInfo::CCompInfo(uint32_t language, uint32_t editAndContinue, uint32_t noDeb
     }
     if (!m_pDirectory.empty() && m_pDirectory.back() == u'\\')
         m_pDirectory.pop_back();
-    ShareNewAbbrev(new CCompUnitAbbrev());
+    UseAbbrev<CCompUnitAbbrev>(ABBREV_COMP_UNIT);
 }
 
 CCompInfo::CCompInfo(const CCompInfo &other)

@@ -4,6 +4,7 @@
 // layout pass has run.
 #pragma once
 
+#include "dwarf/Abbrev.h"
 #include "platform/CError.h"
 
 #include <cstddef>
@@ -51,6 +52,13 @@ public:
 protected:
     // Replaces the abbreviation with `fresh`, shared through the registry.
     void ShareNewAbbrev(CBaseAbbrev *fresh);
+    // Takes the registered abbreviation of the kind; one is made only when there is none yet.
+    template <class T, class... Args> void UseAbbrev(uint32_t kind, Args... args) {
+        if (CBaseAbbrev *registered = RegisteredAbbrev(kind))
+            m_pAbbrev = registered;
+        else
+            ShareNewAbbrev(new T(args...));
+    }
 
     std::vector<uint64_t *> m_RefList;
     CBaseAbbrev *m_pAbbrev = nullptr;

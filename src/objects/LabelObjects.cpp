@@ -46,7 +46,7 @@ CProcObject *ProcedureOf(CScopeNode *scope) {
 
 CCodeLabelObject::CCodeLabelObject(CScopeNode *owner) {
     m_pOwnerScope = owner;
-    ShareNewAbbrev(new CLabelAbbrev());
+    UseAbbrev<CLabelAbbrev>(ABBREV_LABEL);
 }
 
 int CCodeLabelObject::GetKind() const { return DBG_OBJ_CODE_LABEL; }
@@ -102,7 +102,7 @@ CError CCodeLabelObject::ComputeDwarfSize() {
     if (IsEntryPoint()) {
         if (!m_Name.empty() && m_Name[0] == '.')
             m_nNameStart = 1;
-        ShareNewAbbrev(new CEntryPointAbbrev());
+        UseAbbrev<CEntryPointAbbrev>(ABBREV_ENTRY_POINT);
     }
     uint32_t binding = 0;
     if (objfile::SymbolBinding(m_hSymbol, binding).Failed())
@@ -141,7 +141,7 @@ CError CCodeLabelObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev
 CDataLabelObject::CDataLabelObject(CScopeNode *owner) {
     m_pOwnerScope = owner;
     m_pType = State().voidType;
-    ShareNewAbbrev(new CVariableAbbrev());
+    UseAbbrev<CVariableAbbrev>(ABBREV_VARIABLE);
 }
 
 CDataLabelObject::~CDataLabelObject() = default;
@@ -206,9 +206,9 @@ CError CDataLabelObject::ComputeDwarfSize() {
         return kFailed;
     // An untyped data label is written as a plain label and shares the code labels' declaration.
     if (IsTyped())
-        ShareNewAbbrev(new CVariableAbbrev());
+        UseAbbrev<CVariableAbbrev>(ABBREV_VARIABLE);
     else
-        ShareNewAbbrev(new CLabelAbbrev());
+        UseAbbrev<CLabelAbbrev>(ABBREV_LABEL);
     m_nRecordLength = CodeSize(m_pAbbrev) + m_Name.size() + 2 + State().AddressWidth() +
                       (IsTyped() ? 8 : 0);
     m_bNamePrepared = true;

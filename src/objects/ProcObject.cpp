@@ -19,7 +19,7 @@ using quillet::ByteWriter;
 using quillet::SizeULEB128;
 
 CProcObject::CProcObject() {
-    ShareNewAbbrev(new CProcAbbrev(false, false));
+    UseAbbrev<CProcAbbrev>(ABBREV_PROC, false, false);
     if (CDebugProcType *type = State().defaultProcType)
         (void)SetProcType(type);
 }
@@ -54,7 +54,7 @@ void CProcObject::ChooseAbbrev(bool withChildren) {
     auto *current = static_cast<CProcAbbrev *>(m_pAbbrev);
     if (current && current->HasChildren() == withChildren && current->HasType() == typed)
         return;
-    ShareNewAbbrev(new CProcAbbrev(withChildren, typed));
+    UseAbbrev<CProcAbbrev>(CProcAbbrev::KindFor(withChildren, typed), withChildren, typed);
 }
 
 CError CProcObject::GetMainSymbol(BrxHandle &symbol, uint64_t &address) {

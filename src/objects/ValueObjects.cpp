@@ -66,7 +66,7 @@ uint16_t ToDwarfRegister(uint32_t reg) {
 
 CConstantObject::CConstantObject(CScopeNode *owner) {
     m_pOwnerScope = owner;
-    ShareNewAbbrev(new CConstantAbbrev());
+    UseAbbrev<CConstantAbbrev>(ABBREV_CONSTANT);
 }
 
 CConstantObject::~CConstantObject() = default;
@@ -226,7 +226,7 @@ CError CConstantObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev)
 
 CEnregSymObject::CEnregSymObject(CScopeNode *owner) {
     m_pOwnerScope = owner;
-    ShareNewAbbrev(new CEnregSymAbbrev());
+    UseAbbrev<CEnregSymAbbrev>(ABBREV_ENREG_SYM);
 }
 
 CEnregSymObject::~CEnregSymObject() = default;

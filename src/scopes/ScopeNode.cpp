@@ -7,6 +7,10 @@
 
 #include "quillet/quillet.h"
 
+namespace {
+constexpr size_t kFirstLineCapacity = 64;
+}
+
 CScopeNode::CScopeNode() { State().liveScopes.Insert(this); }
 
 // Objects first, then the subtree, then the line entries.
@@ -26,6 +30,9 @@ CScopeNode::~CScopeNode() {
 CError CScopeNode::CreateLineEntry(uint32_t line, uint32_t column, uint32_t baseLow,
                                    uint32_t baseHigh, uint32_t offset, void *source) {
     QCHECK(source != nullptr && *static_cast<CSourceCell *>(source));
+    // Most scopes that get one entry get many: start with room for a good number of them.
+    if (m_Lines.capacity() == 0)
+        m_Lines.reserve(kFirstLineCapacity);
     CLineEntry entry;
     entry.line = line;
     entry.column = column;

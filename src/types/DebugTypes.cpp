@@ -56,7 +56,7 @@ CBaseDebugType *FromHandle(const DbgType_ *handle) {
 
 // ---- Basic types -----------------------------------------------------------------------------
 
-CDebugBasicType::CDebugBasicType() { ShareNewAbbrev(new CTypeAbbrev()); }
+CDebugBasicType::CDebugBasicType() { UseAbbrev<CTypeAbbrev>(ABBREV_TYPE); }
 
 CDebugBasicType::~CDebugBasicType() = default;
 
