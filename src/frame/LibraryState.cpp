@@ -41,7 +41,9 @@ void LibraryState::Reset() {
     liveScopes.Clear();
     objectArena.Clear();
     liveTypes.Clear();
+    liveSources.Clear();
     m_pLastLiveScope = nullptr;
+    m_pLastLiveSource = nullptr;
     releasing = false;
 }
 

@@ -83,6 +83,7 @@ struct LibraryState {
     // Language objects; its blocks also answer which object handles are live.
     quillet::ObjectArena objectArena;
     quillet::PointerSet liveTypes;
+    quillet::PointerSet liveSources; // source cells
     // Set while Reset releases everything: the sets are emptied at once afterwards.
     bool releasing = false;
 
@@ -95,6 +96,15 @@ struct LibraryState {
         m_pLastLiveScope = scope;
         return true;
     }
+    // A source handle the library knows (the last one found is remembered).
+    bool IsLiveSource(const void *source) {
+        if (source && source == m_pLastLiveSource)
+            return true;
+        if (!liveSources.Contains(source))
+            return false;
+        m_pLastLiveSource = source;
+        return true;
+    }
     void ForgetScope(const void *scope) {
         if (m_pLastLiveScope == scope)
             m_pLastLiveScope = nullptr;
@@ -104,6 +114,7 @@ struct LibraryState {
 
 private:
     const void *m_pLastLiveScope = nullptr;
+    const void *m_pLastLiveSource = nullptr;
 
 public:
 };

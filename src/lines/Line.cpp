@@ -9,7 +9,9 @@
 extern "C" QUILLET_API DbgStatus DbgLine_create_source(const char16_t *source_file_name,
                                                        DbgSource *out_source) {
     QCHECK(source_file_name != NULL);
-    CSourceCell *cell = State().sourceFiles.Create(quillet::WideCopy(source_file_name));
+    LibraryState &state = State();
+    CSourceCell *cell = state.sourceFiles.Create(quillet::WideCopy(source_file_name));
+    state.liveSources.Insert(cell);
     if (out_source)
         *out_source = reinterpret_cast<DbgSource>(cell);
     return DBG_ERR_NONE;
@@ -21,6 +23,10 @@ extern "C" QUILLET_API DbgStatus Dbg_create_line(DbgScope scope, const DbgLineDe
     if (!target || !state.IsLiveScope(target))
         return DBG_ERR_NO_CURRENT_SCOPE;
     if (!QCHECK(desc != NULL))
+        return DBG_ERR_LINE_REJECTED;
+    // A source handle the library never gave out is refused before anything reads it; a null
+    // one is reported by the entry itself and recorded.
+    if (desc->source && !QCHECK(state.IsLiveSource(desc->source)))
         return DBG_ERR_LINE_REJECTED;
     if (target->CreateLineEntry(desc->line, desc->column, desc->base_low, desc->base_high,
                                 desc->offset, desc->source)
