@@ -1,6 +1,7 @@
 // Modules built through the C API, written as ELF32 and ELF64 and read back by binutils and
 // LLVM: the decoded line rows must be exactly the line entries described, every entry must be
 // shown with its tag, name and attributes, and the verifier must find nothing wrong.
+#include "scopes/ScopeNode.h"
 #include "support/ModuleBuilder.h"
 
 #include <gtest/gtest.h>
@@ -323,6 +324,100 @@ TEST_P(DwarfConsumer, EmptyModuleIsValid) {
     qtest::CommandResult r = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
     EXPECT_EQ(r.exitCode, 0) << r.output;
     EXPECT_NE(r.output.find("No errors."), std::string::npos) << r.output;
+}
+
+// Procedures of every shape (typed or not, with objects or not, and one whose start is not its
+// main symbol's address, which loses its type at output) each agree with the declaration they
+// name; a section opened twice gets two sequences, each with its own address; rows whose line
+// repeats the one before, and a first row on line 1, are not written.
+TEST_P(DwarfConsumer, ProceduresOfEveryShapeAndSectionsOpenedTwice) {
+    m_Path = m_Dir.File("shapes.o");
+    std::vector<Sequence> expected;
+    {
+        ModuleBuilder m(m_Path, GetParam());
+        BrxHandle text = m.AddSection(".text", true, 0x100);
+        std::vector<BrxHandle> entries;
+        for (int i = 0; i < 5; ++i)
+            entries.push_back(m.AddSymbol("f" + std::to_string(i), text, 0x20 * i));
+        BrxHandle inner = m.AddSymbol("inner", text, 0x28);
+        DbgScope module = nullptr;
+        ASSERT_EQ(m.OpenModule(u"c:\\work", u"main.asm", u"qasm", 0, &module), 0u);
+        DbgSource a = m.Source(u"c:\\src\\a.asm");
+        DbgType data2 = nullptr, typed = nullptr;
+        ASSERT_EQ(Dbg_base_type(3, &data2), 0u);
+        ASSERT_EQ(Dbg_procedure_type(data2, 2, &typed), 0u);
+        int16_t one = 1;
+        struct Shape {
+            bool typed, objects;
+            uint64_t start;
+        } shapes[] = {{true, true, 0x00}, {true, false, 0x20}, {false, true, 0x40},
+                      {false, false, 0x60}, {true, true, 0x81}};
+        for (int i = 0; i < 5; ++i) {
+            // The first three procedures in one section scope, the others in a second scope of
+            // the same section.
+            if (i == 0 || i == 3) {
+                ASSERT_EQ(Dbg_set_current_scope(module), 0u);
+                ASSERT_EQ(m.OpenSection(text), 0u);
+            }
+            ASSERT_EQ(m.OpenProcedure({entries[i]}, shapes[i].start, shapes[i].start + 0x20,
+                                      nullptr, nullptr, shapes[i].typed ? typed : nullptr, 9),
+                      0u);
+            if (shapes[i].objects) {
+                ASSERT_EQ(m.Constant("k" + std::to_string(i), 4, &one), 0u);
+                if (i == 0) {
+                    ASSERT_EQ(m.CodeLabel(inner), 0u);
+                }
+            }
+            ASSERT_EQ(m.Close(), 0u);
+        }
+        // Lines of the first scope: 1 opens the sequence (no row), 5 repeats (no row).
+        auto &children = reinterpret_cast<CScopeNode *>(module)->Children();
+        ASSERT_EQ(children.size(), 2u);
+        DbgScope s1 = reinterpret_cast<DbgScope>(children[0].get());
+        DbgScope s2 = reinterpret_cast<DbgScope>(children[1].get());
+        ASSERT_EQ(m.Line(a, 1, 0x00, s1), 0u);
+        ASSERT_EQ(m.Line(a, 5, 0x04, s1), 0u);
+        ASSERT_EQ(m.Line(a, 5, 0x08, s1), 0u);
+        ASSERT_EQ(m.Line(a, 6, 0x0c, s1), 0u);
+        ASSERT_EQ(m.Line(a, 20, 0x64, s2), 0u);
+        ASSERT_EQ(m.Line(a, 21, 0x90, s2), 0u);
+        expected.push_back(Expect({{"a.asm", 5, 0x04}, {"a.asm", 6, 0x0c}}));
+        expected.push_back(Expect({{"a.asm", 20, 0x64}, {"a.asm", 21, 0x90}}));
+        ASSERT_EQ(m.Emit(), 0u);
+        // Each sequence sets its address, relocated against the section.
+        auto relocations = m.Relocations(m.FindSection(".debug_line"));
+        ASSERT_EQ(relocations.size(), 2u);
+        EXPECT_EQ(relocations[0].target, text);
+        EXPECT_EQ(relocations[1].target, text);
+        ASSERT_TRUE(m.Write());
+    }
+    qtest::CommandResult r =
+        qtest::RunConsumer("readelf --debug-dump=info,abbrev,rawline,decodedline -W", m_Path);
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
+        << Join(qtest::ConsumerComplaints(r.output));
+    std::vector<Sequence> decoded = ReadelfSequences(r.output);
+    ASSERT_EQ(decoded.size(), expected.size()) << r.output;
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(decoded[i].rows, expected[i].rows) << "sequence " << i;
+        EXPECT_EQ(decoded[i].end, expected[i].end) << "sequence " << i;
+    }
+
+    qtest::CommandResult dump = qtest::RunConsumer("llvm-dwarfdump-14 --debug-info", m_Path);
+    std::vector<Entry> entries = DwarfdumpEntries(dump.output);
+    std::map<std::string, const Entry *> procedures;
+    for (const Entry &e : entries)
+        if (e.tag == "DW_TAG_subprogram")
+            procedures[e.name] = &e;
+    ASSERT_EQ(procedures.size(), 5u) << dump.output;
+    // Typed as described, except f4, whose start is not its symbol's address.
+    for (auto [name, typed] : std::vector<std::pair<std::string, bool>>{
+             {"f0", true}, {"f1", true}, {"f2", false}, {"f3", false}, {"f4", false}})
+        EXPECT_EQ(procedures[name]->attributes.count("DW_AT_type"), typed ? 1u : 0u) << name;
+
+    qtest::CommandResult verify = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
+    EXPECT_EQ(verify.exitCode, 0) << verify.output;
+    EXPECT_EQ(qtest::ConsumerComplaints(verify.output), std::vector<std::string>{"No errors."});
 }
 
 INSTANTIATE_TEST_SUITE_P(Elf, DwarfConsumer,
