@@ -7,6 +7,8 @@
 #include "scopes/ModuleScope.h"
 #include "scopes/SectionScope.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -22,6 +24,8 @@ constexpr uint64_t kRowsPerBucket = 2;
 // touched. Past this many rows it grows as usual.
 constexpr uint64_t kMaxRowReservation = uint64_t(1) << 26;
 constexpr uint64_t kMinLineSectionSize = 32;
+constexpr uint64_t kFirstReadPiece = uint64_t(1) << 16;
+constexpr uint64_t kMaxReadPiece = uint64_t(1) << 26;
 constexpr uint32_t kFirstNameCapacity = 256;
 constexpr uint32_t kRetrieveLanguage = 1;
 constexpr uint32_t kRetrieveMachine = 1;
@@ -31,31 +35,12 @@ bool Query(BrxHandle object, uint32_t key, const void *input, void *output) {
     return _brx_get_keyed(object, key, input, output, 0) == BRX_OK;
 }
 
-// Reads a named section whole; false when it is missing or cannot be read.
-bool ReadSection(BrxHandle file, const char *name, std::vector<uint8_t> &bytes,
-                 BrxHandle *sectionOut = nullptr) {
-    BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_KEY_NAME, name};
-    BrxHandle section = 0;
-    uint64_t size = 0;
-    if (!Query(file, BRX_KEY_FIND, &find, &section) ||
-        !Query(section, BRX_KEY_SECTION_SIZE, nullptr, &size))
-        return false;
-    bytes.resize(static_cast<size_t>(size));
-    if (size != 0) {
-        BrxBytes request{size, 0, bytes.data()};
-        if (!Query(section, BRX_KEY_SECTION_DATA, &request, &request) || request.count != size)
-            return false;
-    }
-    if (sectionOut)
-        *sectionOut = section;
-    return true;
-}
-
-bool SymbolName(BrxHandle symbol, std::string &name) {
+// A name query (a symbol's name, a file's path): the buffer doubles while it is too small.
+bool NameQuery(BrxHandle object, uint32_t key, std::string &name) {
     std::vector<char> buffer(kFirstNameCapacity);
     for (;;) {
         uint32_t capacity = static_cast<uint32_t>(buffer.size());
-        int32_t result = _brx_get_keyed(symbol, BRX_KEY_SYMBOL_NAME, &capacity, buffer.data(), 0);
+        int32_t result = _brx_get_keyed(object, key, &capacity, buffer.data(), 0);
         if (result == BRX_ERR_BUFFER_TOO_SMALL && buffer.size() < (1u << 24)) {
             buffer.resize(buffer.size() * 2);
             continue;
@@ -65,6 +50,44 @@ bool SymbolName(BrxHandle symbol, std::string &name) {
         name.assign(buffer.data(), strnlen(buffer.data(), buffer.size()));
         return true;
     }
+}
+
+// The size of the object file on disk, or the largest value when it cannot be known.
+uint64_t ObjectFileSize(BrxHandle file) {
+    std::string path;
+    if (!NameQuery(file, BRX_KEY_PATH, path))
+        return UINT64_MAX;
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0 || status.st_size < 0)
+        return UINT64_MAX;
+    return static_cast<uint64_t>(status.st_size);
+}
+
+// Reads a named section whole; false when it is missing or cannot be read. A debugging section
+// larger than the whole object file is refused: its header is corrupted (or it has no data in
+// the file), and reading it would only cost memory.
+bool ReadSection(BrxHandle file, const char *name, std::vector<uint8_t> &bytes,
+                 BrxHandle *sectionOut = nullptr) {
+    BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_KEY_NAME, name};
+    BrxHandle section = 0;
+    uint64_t size = 0;
+    if (!Query(file, BRX_KEY_FIND, &find, &section) ||
+        !Query(section, BRX_KEY_SECTION_SIZE, nullptr, &size) || size > ObjectFileSize(file))
+        return false;
+    bytes.clear();
+    uint64_t piece = kFirstReadPiece;
+    for (uint64_t offset = 0; offset < size;) {
+        uint64_t count = std::min(piece, size - offset);
+        bytes.resize(static_cast<size_t>(offset + count));
+        BrxBytes request{count, offset, bytes.data() + offset};
+        if (!Query(section, BRX_KEY_SECTION_DATA, &request, &request) || request.count != count)
+            return false;
+        offset += count;
+        piece = std::min(piece * 2, kMaxReadPiece);
+    }
+    if (sectionOut)
+        *sectionOut = section;
+    return true;
 }
 
 char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
@@ -319,7 +342,7 @@ uint32_t CBaseRetrieve::LoadCoffLines() {
         if (result == BRX_ERR_NO_MORE)
             break;
         std::string name;
-        if (result != BRX_OK || !SymbolName(symbol, name)) {
+        if (result != BRX_OK || !NameQuery(symbol, BRX_KEY_SYMBOL_NAME, name)) {
             status = DBG_ERR_READ_FAILED;
             break;
         }
