@@ -44,7 +44,7 @@ std::string ReadmeExample() {
 class Installed : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        s_Prefix = new ScratchDir;
+        s_Prefix = new qtest::TempDir;
         s_Install = new CommandResult(
             RunCommand("cmake --install " + Quote(kBuildDir) + " --prefix " + Quote(s_Prefix->Path())));
     }
@@ -54,11 +54,11 @@ class Installed : public ::testing::Test {
     }
     void SetUp() override { ASSERT_EQ(s_Install->exitCode, 0) << s_Install->out << s_Install->err; }
 
-    static std::string Prefix(const std::string &path) { return *s_Prefix / path; }
+    static std::string Prefix(const std::string &path) { return s_Prefix->File(path); }
     static std::string LibDir() { return Prefix(InstallLibDir()); }
 
     // Runs the program built from the README example in `dir` and checks its object.
-    static void RunAndReadObject(const ScratchDir &dir, const std::string &program) {
+    static void RunAndReadObject(const qtest::TempDir &dir, const std::string &program) {
         CommandResult run = RunCommand(Quote(program), dir.Path());
         ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
         CommandResult read = RunCommand("readelf -a --debug-dump=info,abbrev,line -W start.o", dir.Path());
@@ -69,11 +69,11 @@ class Installed : public ::testing::Test {
         EXPECT_NE(read.out.find("start.s"), std::string::npos);
     }
 
-    static ScratchDir *s_Prefix;
+    static qtest::TempDir *s_Prefix;
     static CommandResult *s_Install;
 };
 
-ScratchDir *Installed::s_Prefix = nullptr;
+qtest::TempDir *Installed::s_Prefix = nullptr;
 CommandResult *Installed::s_Install = nullptr;
 
 TEST_F(Installed, EveryFileIsInPlace) {
@@ -100,21 +100,21 @@ TEST_F(Installed, LibrariesCarryTheirSonameVersion) {
 }
 
 TEST_F(Installed, QdbgRunsFromThePrefixAndBuildsAnExample) {
-    ScratchDir dir;
+    qtest::TempDir dir;
     CommandResult built = RunCommand(Quote(Prefix("bin/qdbg")) + " build hello.qd -o " +
-                                         Quote(dir / "hello.o"),
+                                         Quote(dir.File("hello.o")),
                                      kSourceDir + "/examples");
     ASSERT_EQ(built.exitCode, 0) << built.err;
-    CommandResult listed = RunCommand(Quote(Prefix("bin/qdbg")) + " lines " + Quote(dir / "hello.o"));
+    CommandResult listed = RunCommand(Quote(Prefix("bin/qdbg")) + " lines " + Quote(dir.File("hello.o")));
     EXPECT_EQ(listed.exitCode, 0) << listed.err;
     EXPECT_NE(listed.out.find(".text 0x7 6 1 "), std::string::npos) << listed.out;
 }
 
 TEST_F(Installed, ReadmeExampleBuildsThroughPkgConfig) {
-    ScratchDir dir;
+    qtest::TempDir dir;
     std::string example = ReadmeExample();
     ASSERT_NE(example.find("Dbg_emit"), std::string::npos);
-    WriteFile(dir / "example.c", example);
+    WriteFile(dir.File("example.c"), example);
     std::string pkgConfig = "PKG_CONFIG_PATH=" + Quote(LibDir() + "/pkgconfig") + " pkg-config";
     CommandResult flags = RunCommand(pkgConfig + " --cflags --libs quillet");
     ASSERT_EQ(flags.exitCode, 0) << flags.err;
@@ -129,13 +129,13 @@ TEST_F(Installed, ReadmeExampleBuildsThroughPkgConfig) {
                        Quote(LibDir()) + " -o example",
                    dir.Path());
     ASSERT_EQ(compiled.exitCode, 0) << compiled.out << compiled.err;
-    RunAndReadObject(dir, dir / "example");
+    RunAndReadObject(dir, dir.File("example"));
 }
 
 TEST_F(Installed, ReadmeExampleBuildsThroughFindPackage) {
-    ScratchDir dir;
-    WriteFile(dir / "example.c", ReadmeExample());
-    WriteFile(dir / "CMakeLists.txt",
+    qtest::TempDir dir;
+    WriteFile(dir.File("example.c"), ReadmeExample());
+    WriteFile(dir.File("CMakeLists.txt"),
               "cmake_minimum_required(VERSION 3.16)\n"
               "project(consumer C)\n"
               "find_package(Quillet 1.0 REQUIRED)\n"
@@ -153,7 +153,7 @@ TEST_F(Installed, ReadmeExampleBuildsThroughFindPackage) {
     ASSERT_EQ(configured.exitCode, 0) << configured.out << configured.err;
     CommandResult built = RunCommand("cmake --build build", dir.Path());
     ASSERT_EQ(built.exitCode, 0) << built.out << built.err;
-    RunAndReadObject(dir, dir / "build/example");
+    RunAndReadObject(dir, dir.File("build/example"));
 }
 
 struct HeaderCase {
@@ -183,7 +183,7 @@ class PublicHeaders : public ::testing::TestWithParam<HeaderCase> {};
 
 TEST_P(PublicHeaders, CompileWithPedanticWarningsAsErrors) {
     const HeaderCase &c = GetParam();
-    ScratchDir dir;
+    qtest::TempDir dir;
     // Every record and function pointer type is used, so that nothing in the headers escapes
     // the compiler.
     std::string source = std::string(c.includes) +
@@ -202,7 +202,7 @@ TEST_P(PublicHeaders, CompileWithPedanticWarningsAsErrors) {
                          "#endif\n"
                          "}\n";
     std::string file = std::string("header.") + (std::string(c.compiler) == "cc" ? "c" : "cpp");
-    WriteFile(dir / file, source);
+    WriteFile(dir.File(file), source);
     CommandResult compiled = RunCommand(std::string(c.compiler) + " -std=" + c.standard +
                                             " -Wall -Wextra -Wpedantic -Werror -fsyntax-only -I" +
                                             Quote(kSourceDir + "/include") + " " + file,

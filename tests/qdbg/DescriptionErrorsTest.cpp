@@ -97,14 +97,14 @@ class DescriptionErrors : public ::testing::TestWithParam<ErrorCase> {};
 
 TEST_P(DescriptionErrors, NameFileLineAndFault) {
     const ErrorCase &c = GetParam();
-    ScratchDir dir;
+    qtest::TempDir dir;
     std::string text = c.body[0] == '!' ? std::string(c.body + 1) : kPrologue + std::string(c.body);
-    WriteFile(dir / "desc.qd", text);
+    WriteFile(dir.File("desc.qd"), text);
     CommandResult result = RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o", dir.Path());
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.err, "desc.qd:" + std::string(c.expected) + "\n") << text;
     EXPECT_EQ(result.out, "");
-    EXPECT_FALSE(FileExists(dir / "out.o"));
+    EXPECT_FALSE(FileExists(dir.File("out.o")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, DescriptionErrors, ::testing::ValuesIn(kErrorCases));
@@ -138,7 +138,7 @@ std::ostream &operator<<(std::ostream &out, const UsageCase &c) {
 class UsageErrors : public ::testing::TestWithParam<UsageCase> {};
 
 TEST_P(UsageErrors, ExitTwoWithAMessage) {
-    ScratchDir dir;
+    qtest::TempDir dir;
     CommandResult result = RunCommand(std::string(QDBG_PATH) + " " + GetParam().arguments, dir.Path());
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_EQ(result.err.substr(0, result.err.find('\n')), GetParam().message);
@@ -148,19 +148,19 @@ TEST_P(UsageErrors, ExitTwoWithAMessage) {
 INSTANTIATE_TEST_SUITE_P(Table, UsageErrors, ::testing::ValuesIn(kUsageCases));
 
 TEST(DescriptionRefusals, CoffOutputNamesTheMissingSourceFiles) {
-    ScratchDir dir;
-    WriteFile(dir / "desc.qd", std::string(kPrologue) + "line a 3 0\n");
+    qtest::TempDir dir;
+    WriteFile(dir.File("desc.qd"), std::string(kPrologue) + "line a 3 0\n");
     CommandResult result =
         RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o --format coff", dir.Path());
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.err, "desc.qd: emitting the debugging information refused: status 18 "
                           "(DBG_ERR_WRITE_FAILED); COFF output reads every source file that a "
                           "line entry names: do they all exist?\n");
-    EXPECT_FALSE(FileExists(dir / "out.o"));
-    WriteFile(dir / "a.s", "; now it exists\n");
+    EXPECT_FALSE(FileExists(dir.File("out.o")));
+    WriteFile(dir.File("a.s"), "; now it exists\n");
     result = RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o --format coff", dir.Path());
     EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_TRUE(FileExists(dir / "out.o"));
+    EXPECT_TRUE(FileExists(dir.File("out.o")));
 }
 
 TEST(QdbgHelp, EveryCommandHasAPageWithTheExitCodes) {
@@ -196,9 +196,9 @@ TEST(QdbgHelp, TheManualsExampleBuildsInEveryFormat) {
     std::string description;
     for (std::string line; std::getline(lines, line) && !line.empty();)
         description += line.substr(std::min<size_t>(4, line.size())) + "\n";
-    ScratchDir dir;
-    WriteFile(dir / "hello.desc", description);
-    WriteFile(dir / "hello.s", "; the source the example's lines point into\n");
+    qtest::TempDir dir;
+    WriteFile(dir.File("hello.desc"), description);
+    WriteFile(dir.File("hello.s"), "; the source the example's lines point into\n");
     for (const char *format : {"elf64", "elf32", "coff"}) {
         CommandResult built = RunCommand(std::string(QDBG_PATH) + " build hello.desc -o hello.o -f " +
                                              format,

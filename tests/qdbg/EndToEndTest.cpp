@@ -105,8 +105,8 @@ void ExpectNoComplaints(const CommandResult &result, const std::string &what) {
 }
 
 // Builds examples/NAME.qd in FORMAT into DIR (run from examples/, where its sources are).
-std::string Build(const ScratchDir &dir, const std::string &name, const std::string &format) {
-    std::string object = dir / (name + "-" + format + ".o");
+std::string Build(const qtest::TempDir &dir, const std::string &name, const std::string &format) {
+    std::string object = dir.File(name + "-" + format + ".o");
     CommandResult built = RunCommand(kQdbg + " build " + name + ".qd -o " + Quote(object) +
                                   " --format " + format,
                               kExamples);
@@ -140,7 +140,7 @@ class ExampleDescriptions
 
 TEST_P(ExampleDescriptions, BuildReadCleanlyAndListTheDescribedRows) {
     const std::string name = std::get<0>(GetParam()), format = std::get<1>(GetParam());
-    ScratchDir dir;
+    qtest::TempDir dir;
     std::string object = Build(dir, name, format);
     ASSERT_TRUE(FileExists(object));
     CheckConsumers(object, format);
@@ -201,7 +201,7 @@ std::string Substitute(std::string text, const std::string &tour, const std::str
 TEST_P(LineQueries, AnswerFromTheLineInformation) {
     const Query &q = std::get<0>(GetParam());
     const std::string format = std::get<1>(GetParam());
-    ScratchDir dir;
+    qtest::TempDir dir;
     std::string object = Build(dir, "tour", format);
     CommandResult files = RunCommand(kQdbg + " files " + Quote(object));
     ASSERT_EQ(files.exitCode, 0) << files.err;
@@ -238,10 +238,10 @@ INSTANTIATE_TEST_SUITE_P(ElfAndCoff, LineQueries,
                          });
 
 TEST(QdbgQueries, AnObjectThatCannotBeOpenedIsAFailure) {
-    ScratchDir dir;
-    WriteFile(dir / "not-an-object.o", "plain text, not an object file\n");
+    qtest::TempDir dir;
+    WriteFile(dir.File("not-an-object.o"), "plain text, not an object file\n");
     for (const char *command : {"lines", "files"}) {
-        CommandResult result = RunCommand(kQdbg + " " + command + " " + Quote(dir / "not-an-object.o"));
+        CommandResult result = RunCommand(kQdbg + " " + command + " " + Quote(dir.File("not-an-object.o")));
         EXPECT_EQ(result.exitCode, 1) << command;
         EXPECT_NE(result.err.find("cannot open"), std::string::npos) << result.err;
         EXPECT_EQ(result.out, "");
@@ -249,8 +249,8 @@ TEST(QdbgQueries, AnObjectThatCannotBeOpenedIsAFailure) {
 }
 
 TEST(CExample, WritesAnElf64ObjectWithItsFiveRows) {
-    ScratchDir dir;
-    std::string object = dir / "count.o";
+    qtest::TempDir dir;
+    std::string object = dir.File("count.o");
     CommandResult run =
         RunCommand(Quote(std::string(QUILLET_BINARY_DIR) + "/examples/emit_elf64") + " " + Quote(object));
     ASSERT_EQ(run.exitCode, 0) << run.err;

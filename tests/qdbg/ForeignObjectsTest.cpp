@@ -38,7 +38,7 @@ std::string Hex(uint64_t value) {
 
 TEST(ForeignObjects, ElfLineProgramsFromLlvmMc) {
     // Three sections of one-byte instructions; each instruction's row is its own source line.
-    ScratchDir dir;
+    qtest::TempDir dir;
     std::string assembly;
     std::vector<std::string> expected;
     int line = 0;
@@ -51,23 +51,23 @@ TEST(ForeignObjects, ElfLineProgramsFromLlvmMc) {
             expected.push_back(std::string(section) + " " + Hex(k) + " " + std::to_string(line));
         }
     }
-    WriteFile(dir / "three.s", assembly);
+    WriteFile(dir.File("three.s"), assembly);
     CommandResult assembled = RunCommand("llvm-mc-14 -filetype=obj -triple x86_64-linux-gnu -g "
                                          "-dwarf-version=2 three.s -o three.o",
                                          dir.Path());
     ASSERT_EQ(assembled.exitCode, 0) << assembled.err;
-    EXPECT_EQ(ListedRows(dir / "three.o"), expected);
+    EXPECT_EQ(ListedRows(dir.File("three.o")), expected);
     CommandResult addr = RunCommand(kQdbg + " addr three.o .text.hot 7", dir.Path());
-    EXPECT_EQ(addr.out, dir / "three.s:50\n");
+    EXPECT_EQ(addr.out, dir.File("three.s:50\n"));
 }
 
 TEST(ForeignObjects, CoffLineBlocksFromClang) {
-    ScratchDir dir;
+    qtest::TempDir dir;
     std::string source;
     for (int k = 0; k < 6; ++k)
         source += "int f" + std::to_string(k) + "(int x)\n{\n    int y = x * " + std::to_string(k + 2) +
                   ";\n    return y + " + std::to_string(k) + ";\n}\n\n";
-    WriteFile(dir / "six.c", source);
+    WriteFile(dir.File("six.c"), source);
     CommandResult compiled = RunCommand(
         "clang-14 --target=x86_64-pc-windows-msvc -g -gcodeview -O0 -c six.c -o six.obj", dir.Path());
     ASSERT_EQ(compiled.exitCode, 0) << compiled.err;
@@ -97,7 +97,7 @@ TEST(ForeignObjects, CoffLineBlocksFromClang) {
     std::vector<std::string> expected;
     for (const auto &row : rows)
         expected.push_back(row.second);
-    EXPECT_EQ(ListedRows(dir / "six.obj"), expected);
+    EXPECT_EQ(ListedRows(dir.File("six.obj")), expected);
     CommandResult files = RunCommand(kQdbg + " files six.obj", dir.Path());
     EXPECT_EQ(files.exitCode, 0);
     EXPECT_NE(files.out.find("six.c\n"), std::string::npos) << files.out;

@@ -33,11 +33,11 @@ const ValueCase kValues[] = {
 };
 
 TEST(QdbgValues, ConstantsCarryTheirValueInTheTypesWidthLittleEndian) {
-    ScratchDir dir;
+    qtest::TempDir dir;
     std::string text = "module source=v.s\nsection .data size=8\n";
     for (size_t k = 0; k < std::size(kValues); ++k)
         text += "constant c" + std::to_string(k) + " " + kValues[k].type + " " + kValues[k].value + "\n";
-    WriteFile(dir / "values.qd", text);
+    WriteFile(dir.File("values.qd"), text);
     CommandResult built =
         RunCommand(std::string(QDBG_PATH) + " build values.qd -o values.o", dir.Path());
     ASSERT_EQ(built.exitCode, 0) << built.err;
@@ -53,8 +53,8 @@ TEST(QdbgValues, ConstantsCarryTheirValueInTheTypesWidthLittleEndian) {
 }
 
 TEST(QdbgScopes, ASectionOpenedAgainKeepsTheRowsOfBothScopes) {
-    ScratchDir dir;
-    WriteFile(dir / "again.qd", "module source=r.s\n"
+    qtest::TempDir dir;
+    WriteFile(dir.File("again.qd"), "module source=r.s\n"
                                 "source r r.s\n"
                                 "section .text code size=16\n"
                                 "  symbol f 0 global function\n"
@@ -90,9 +90,9 @@ TEST(QdbgScopes, ASectionOpenedAgainKeepsTheRowsOfBothScopes) {
 }
 
 TEST(QdbgScopes, ALineWithCodeInTwoPlacesListsBoth) {
-    ScratchDir dir;
-    WriteFile(dir / "a.s", "; lines 5 to 7\n");
-    WriteFile(dir / "twice.qd", "module source=a.s\n"
+    qtest::TempDir dir;
+    WriteFile(dir.File("a.s"), "; lines 5 to 7\n");
+    WriteFile(dir.File("twice.qd"), "module source=a.s\n"
                                 "source a a.s\n"
                                 "section .text code size=16\n"
                                 "lines a 5:0 6:4 5:8 7:12\n");
@@ -102,7 +102,7 @@ TEST(QdbgScopes, ALineWithCodeInTwoPlacesListsBoth) {
                                          dir.Path());
         ASSERT_EQ(built.exitCode, 0) << built.err;
         CommandResult places =
-            RunCommand(std::string(QDBG_PATH) + " line twice.o " + Quote(dir / "a.s") + " 5", dir.Path());
+            RunCommand(std::string(QDBG_PATH) + " line twice.o " + Quote(dir.File("a.s")) + " 5", dir.Path());
         EXPECT_EQ(places.exitCode, 0) << places.err;
         EXPECT_EQ(places.out, ".text 0x0\n.text 0x8\n") << format;
     }
