@@ -80,8 +80,7 @@ void CCompUnitAbbrev::DeclarationBody(uint8_t *out, unsigned &length) const {
     if (m_bNoRange)
         Lay(out, length, DW_TAG_compile_unit, DW_CHILDREN_yes,
             {DW_AT_name, DW_FORM_string, DW_AT_comp_dir, DW_FORM_string, DW_AT_producer,
-             DW_FORM_string, DW_AT_stmt_list, DW_FORM_data4, DW_AT_identifier_case,
-             DW_FORM_data1});
+             DW_FORM_string, DW_AT_stmt_list, DW_FORM_data4, DW_AT_identifier_case, DW_FORM_data1});
     else
         Lay(out, length, DW_TAG_compile_unit, DW_CHILDREN_yes,
             {DW_AT_name, DW_FORM_string, DW_AT_comp_dir, DW_FORM_string, DW_AT_producer,
@@ -107,8 +106,7 @@ void CVariableAbbrev::DeclarationBody(uint8_t *out, unsigned &length) const {
 
 void CConstantAbbrev::DeclarationBody(uint8_t *out, unsigned &length) const {
     Lay(out, length, DW_TAG_constant, DW_CHILDREN_no,
-        {DW_AT_name, DW_FORM_string, DW_AT_const_value, DW_FORM_block1, DW_AT_type,
-         DW_FORM_ref8});
+        {DW_AT_name, DW_FORM_string, DW_AT_const_value, DW_FORM_block1, DW_AT_type, DW_FORM_ref8});
 }
 
 void CEnregSymAbbrev::DeclarationBody(uint8_t *out, unsigned &length) const {

@@ -55,8 +55,7 @@ protected:
 
 class CProcAbbrev : public CBaseAbbrev {
 public:
-    CProcAbbrev(bool withChildren, bool withType)
-        : m_bChildren(withChildren), m_bType(withType) {}
+    CProcAbbrev(bool withChildren, bool withType) : m_bChildren(withChildren), m_bType(withType) {}
     uint32_t GetKind() const override { return KindFor(m_bChildren, m_bType); }
     static uint32_t KindFor(bool withChildren, bool withType) {
         if (withType)

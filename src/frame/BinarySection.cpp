@@ -48,7 +48,9 @@ CBinarySection::CBinarySection(BrxHandle objectFile, int32_t format, const char 
         (void)CreateSection();
 }
 
-CBinarySection::~CBinarySection() { (void)Flush(); }
+CBinarySection::~CBinarySection() {
+    (void)Flush();
+}
 
 CError CBinarySection::Flush() {
     if (m_Staged.empty())
@@ -222,15 +224,15 @@ CError CBinarySection::StartSubsection(uint32_t kind) {
         const uint32_t pending = m_nPendingSubsection;
         m_nPendingSubsection = 0;
         if (pending == CV_SIGNATURE) {
-            if (StartSubsection(CV_SIGNATURE).Failed() ||
-                StartSubsection(DEBUG_S_SYMBOLS).Failed())
+            if (StartSubsection(CV_SIGNATURE).Failed() || StartSubsection(DEBUG_S_SYMBOLS).Failed())
                 return kFailed;
         } else if (StartSubsection(pending).Failed()) {
             return kFailed;
         }
     }
     WideUInt128 remainder;
-    CError divided = WideRemainder(remainder, WideUInt128::FromU64(m_nSize), WideUInt128::FromU64(4));
+    CError divided =
+        WideRemainder(remainder, WideUInt128::FromU64(m_nSize), WideUInt128::FromU64(4));
     QCHECK(divided == CError::BOOL_STATUS_OK);
     uint64_t r = remainder.Low64();
     if (r != 0) {
@@ -239,8 +241,8 @@ CError CBinarySection::StartSubsection(uint32_t kind) {
             return kFailed;
     }
     m_nSubsectionStart = m_nSize;
-    uint8_t header[8] = {uint8_t(kind), uint8_t(kind >> 8), uint8_t(kind >> 16),
-                         uint8_t(kind >> 24), 0, 0, 0, 0};
+    uint8_t header[8] = {
+        uint8_t(kind), uint8_t(kind >> 8), uint8_t(kind >> 16), uint8_t(kind >> 24), 0, 0, 0, 0};
     return Append(header, kind == CV_SIGNATURE ? 4 : 8);
 }
 

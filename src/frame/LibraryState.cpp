@@ -7,7 +7,9 @@
 
 LibraryState::LibraryState() = default;
 
-LibraryState::~LibraryState() { Reset(); }
+LibraryState::~LibraryState() {
+    Reset();
+}
 
 void LibraryState::Reset() {
     releasing = true;

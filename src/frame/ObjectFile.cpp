@@ -8,7 +8,9 @@
 namespace objfile {
 
 namespace {
-CError Result(int32_t status) { return status == BRX_OK ? kOk : kFailed; }
+CError Result(int32_t status) {
+    return status == BRX_OK ? kOk : kFailed;
+}
 } // namespace
 
 CError Bind(BrxHandle file, CObjectFile &binding) {
@@ -102,15 +104,12 @@ CError CreateSymbol(const std::string &name, uint32_t type, BrxHandle section, u
     const CObjectFile &binding = State().binding;
     uint32_t storage = 0;
     uint32_t bindingLocal = BRX_BINDING_LOCAL;
-    BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name.c_str()},
-                       {BRX_KEY_SYMBOL_STORAGE, &storage},
-                       {BRX_KEY_SYMBOL_BINDING, &bindingLocal},
-                       {BRX_KEY_SYMBOL_TYPE, &type},
-                       {BRX_KEY_SYMBOL_SECTION, &section},
-                       {BRX_KEY_SYMBOL_OFFSET, &offset}};
+    BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name.c_str()},     {BRX_KEY_SYMBOL_STORAGE, &storage},
+                       {BRX_KEY_SYMBOL_BINDING, &bindingLocal}, {BRX_KEY_SYMBOL_TYPE, &type},
+                       {BRX_KEY_SYMBOL_SECTION, &section},      {BRX_KEY_SYMBOL_OFFSET, &offset}};
     BrxHandle created = 0;
-    if (_brx_create_object(binding.symbolTable, binding.format, BRX_KIND_SYMBOL, 6, attrs,
-                           &created, 0) != BRX_OK ||
+    if (_brx_create_object(binding.symbolTable, binding.format, BRX_KIND_SYMBOL, 6, attrs, &created,
+                           0) != BRX_OK ||
         created == 0)
         return kFailed;
     symbol = created;
@@ -123,9 +122,7 @@ CError CreateRelocation(BrxHandle section, int32_t format, uint32_t type, uint64
                        {BRX_KEY_RELOC_OFFSET, &offset},
                        {BRX_KEY_RELOC_TARGET, &target}};
     BrxHandle created = 0;
-    return Result(
-        _brx_create_object(section, format, BRX_KIND_RELOCATION, 3, attrs,
-                           &created, 0));
+    return Result(_brx_create_object(section, format, BRX_KIND_RELOCATION, 3, attrs, &created, 0));
 }
 
 CError WriteBytes(BrxHandle section, uint64_t offset, const void *data, uint64_t count,
@@ -137,8 +134,7 @@ CError WriteBytes(BrxHandle section, uint64_t offset, const void *data, uint64_t
     return kOk;
 }
 
-CError ReadBytes(BrxHandle section, uint64_t offset, void *data, uint64_t count,
-                 uint64_t &read) {
+CError ReadBytes(BrxHandle section, uint64_t offset, void *data, uint64_t count, uint64_t &read) {
     BrxBytes bytes{count, offset, data};
     if (_brx_get_keyed(section, BRX_KEY_SECTION_DATA, nullptr, &bytes, 0) != BRX_OK)
         return kFailed;

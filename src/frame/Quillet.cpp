@@ -1,8 +1,8 @@
 // Start-up, shut-down and emission.
 #include "codeview/CodeViewEmit.h"
 #include "frame/LibraryState.h"
-#include "platform/Check.h"
 #include "frame/Write.h"
+#include "platform/Check.h"
 #include "types/DebugTypes.h"
 
 #include "quillet/quillet.h"
@@ -15,7 +15,8 @@ extern "C" QUILLET_API DbgStatus Dbg_init(uint32_t mode) {
         QCHECK(err == DBG_ERR_NONE);
         state.voidType = static_cast<CDebugBasicType *>(FromHandle(voidHandle));
         DbgType procHandle = nullptr;
-        CError stat = Dbg_procedure_type(voidHandle, 2, &procHandle) == DBG_ERR_NONE ? kOk : kFailed;
+        CError stat =
+            Dbg_procedure_type(voidHandle, 2, &procHandle) == DBG_ERR_NONE ? kOk : kFailed;
         QCHECK(stat == CError::BOOL_STATUS_OK);
         state.defaultProcType = static_cast<CDebugProcType *>(FromHandle(procHandle));
     } else if (!state.reader) {

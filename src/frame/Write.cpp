@@ -25,12 +25,10 @@ uint32_t RunDwarfDriver() {
     int32_t format = FORMAT_ELF64;
     if (objfile::QueryFormat(state.binding.file, format).Failed())
         format = FORMAT_ELF64;
-    CBinarySection info(state.binding.file, format, ".debug_info", kDebugAlignment, 0,
-                        kDebugKind);
+    CBinarySection info(state.binding.file, format, ".debug_info", kDebugAlignment, 0, kDebugKind);
     CBinarySection abbrev(state.binding.file, format, ".debug_abbrev", kDebugAlignment, 0,
                           kDebugKind);
-    CBinarySection line(state.binding.file, format, ".debug_line", kDebugAlignment, 0,
-                        kDebugKind);
+    CBinarySection line(state.binding.file, format, ".debug_line", kDebugAlignment, 0, kDebugKind);
     if (!info.IsCreated() || !abbrev.IsCreated() || !line.IsCreated())
         return DBG_ERR_OBJECT_FILE;
     // Entries are small and many: they reach the object file in large pieces.

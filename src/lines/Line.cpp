@@ -28,8 +28,9 @@ extern "C" QUILLET_API DbgStatus Dbg_create_line(DbgScope scope, const DbgLineDe
     // one is reported by the entry itself and recorded.
     if (desc->source && !QCHECK(state.IsLiveSource(desc->source)))
         return DBG_ERR_LINE_REJECTED;
-    if (target->CreateLineEntry(desc->line, desc->column, desc->base_low, desc->base_high,
-                                desc->offset, desc->source)
+    if (target
+            ->CreateLineEntry(desc->line, desc->column, desc->base_low, desc->base_high,
+                              desc->offset, desc->source)
             .Failed())
         return DBG_ERR_LINE_REJECTED;
     return DBG_ERR_NONE;

@@ -8,8 +8,8 @@
 struct CLineEntry {
     uint32_t line = 0;
     uint32_t column = 0;
-    uint64_t base = 0;   // base offset of the instruction in its section
-    uint32_t offset = 0; // added to the base
+    uint64_t base = 0;      // base offset of the instruction in its section
+    uint32_t offset = 0;    // added to the base
     int32_t fileIndex = -1; // -1 when recorded by the assembler; retrieval fills it in
     // Production: the source handle, a CSourceFile ** cell (lines/SourceFile.h). Retrieval may
     // keep its own file record here.

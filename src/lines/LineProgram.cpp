@@ -86,9 +86,8 @@ CError CLineRowWriter::AddRow(BrxHandle section, const CLineEntry &entry) {
     m_State.address = address;
     bool lineFits = deltaLine >= kLineBase && deltaLine < kLineBase + kLineRange;
     if (lineFits && deltaAddress <= 255) {
-        int64_t special =
-            (int64_t(deltaLine) - kLineBase) + int64_t(kLineRange) * int64_t(deltaAddress) +
-            kLineOpcodeBase;
+        int64_t special = (int64_t(deltaLine) - kLineBase) +
+                          int64_t(kLineRange) * int64_t(deltaAddress) + kLineOpcodeBase;
         if (special >= kLineOpcodeBase && special <= 255) {
             m_Bytes.push_back(uint8_t(special));
             m_State.line = entry.line;

@@ -2,10 +2,10 @@
 
 #include "dwarf/Abbrev.h"
 #include "frame/LibraryState.h"
-#include "platform/Check.h"
 #include "objects/LabelObjects.h"
 #include "objects/ProcObject.h"
 #include "objects/ValueObjects.h"
+#include "platform/Check.h"
 #include "scopes/ModuleScope.h"
 #include "types/DebugTypes.h"
 
@@ -22,7 +22,9 @@ CBaseLangObject::CBaseLangObject(const CBaseLangObject &other)
 
 CBaseLangObject::~CBaseLangObject() = default;
 
-void *CBaseLangObject::operator new(size_t size) { return State().objectArena.Allocate(size); }
+void *CBaseLangObject::operator new(size_t size) {
+    return State().objectArena.Allocate(size);
+}
 
 // While the library resets, the arena releases all its blocks at once afterwards.
 void CBaseLangObject::operator delete(void *p) {
@@ -106,7 +108,9 @@ uint32_t BasicTypeOfProperty(const DbgObjectProp &prop, CDebugBasicType *&basic)
     return DBG_ERR_NONE;
 }
 
-std::string NameOf(const void *value) { return value ? static_cast<const char *>(value) : ""; }
+std::string NameOf(const void *value) {
+    return value ? static_cast<const char *>(value) : "";
+}
 
 uint32_t ApplyCodeLabel(CCodeLabelObject &label, const DbgObjectProp &prop) {
     if (!prop.value)

@@ -31,7 +31,9 @@ CError AppendRecord(CBinarySection &section, const ByteWriter &writer, uint64_t 
     return kOk;
 }
 
-unsigned CodeSize(const CBaseAbbrev *abbrev) { return SizeULEB128(abbrev ? abbrev->Code() : 0); }
+unsigned CodeSize(const CBaseAbbrev *abbrev) {
+    return SizeULEB128(abbrev ? abbrev->Code() : 0);
+}
 
 // The procedure of the scope that holds an object, or null outside a procedure scope.
 CProcObject *ProcedureOf(CScopeNode *scope) {
@@ -49,7 +51,9 @@ CCodeLabelObject::CCodeLabelObject(CScopeNode *owner) {
     UseAbbrev<CLabelAbbrev>(ABBREV_LABEL);
 }
 
-int CCodeLabelObject::GetKind() const { return DBG_OBJ_CODE_LABEL; }
+int CCodeLabelObject::GetKind() const {
+    return DBG_OBJ_CODE_LABEL;
+}
 
 bool CCodeLabelObject::IsEntryPoint() const {
     CProcObject *proc = ProcedureOf(m_pOwnerScope);
@@ -108,8 +112,8 @@ CError CCodeLabelObject::ComputeDwarfSize() {
     if (objfile::SymbolBinding(m_hSymbol, binding).Failed())
         return kFailed;
     m_bExternal = binding == BRX_BINDING_GLOBAL ? 1 : 0;
-    m_nRecordLength = CodeSize(m_pAbbrev) + (m_Name.size() - m_nNameStart) + 2 +
-                      State().AddressWidth();
+    m_nRecordLength =
+        CodeSize(m_pAbbrev) + (m_Name.size() - m_nNameStart) + 2 + State().AddressWidth();
     m_bNamePrepared = true;
     return kOk;
 }
@@ -146,9 +150,13 @@ CDataLabelObject::CDataLabelObject(CScopeNode *owner) {
 
 CDataLabelObject::~CDataLabelObject() = default;
 
-int CDataLabelObject::GetKind() const { return DBG_OBJ_DATA_LABEL; }
+int CDataLabelObject::GetKind() const {
+    return DBG_OBJ_DATA_LABEL;
+}
 
-bool CDataLabelObject::IsTyped() const { return m_pType && m_pType != State().voidType; }
+bool CDataLabelObject::IsTyped() const {
+    return m_pType && m_pType != State().voidType;
+}
 
 // The entry that DW_AT_type names: a basic type's own, or a procedure type's return type.
 static CDebugBasicType *EntryTypeOf(CBaseDebugType *type) {
@@ -209,8 +217,8 @@ CError CDataLabelObject::ComputeDwarfSize() {
         UseAbbrev<CVariableAbbrev>(ABBREV_VARIABLE);
     else
         UseAbbrev<CLabelAbbrev>(ABBREV_LABEL);
-    m_nRecordLength = CodeSize(m_pAbbrev) + m_Name.size() + 2 + State().AddressWidth() +
-                      (IsTyped() ? 8 : 0);
+    m_nRecordLength =
+        CodeSize(m_pAbbrev) + m_Name.size() + 2 + State().AddressWidth() + (IsTyped() ? 8 : 0);
     m_bNamePrepared = true;
     return kOk;
 }

@@ -25,7 +25,7 @@ public:
     BrxHandle m_hSymbol = 0;
 
 private:
-    std::string m_Name; // fetched at layout, released once the entry is written
+    std::string m_Name;      // fetched at layout, released once the entry is written
     size_t m_nNameStart = 0; // 1 when an entry point's leading dot is dropped
     bool m_bNamePrepared = false;
     uint8_t m_bExternal = 0;

@@ -26,13 +26,17 @@ CProcObject::CProcObject() {
 
 CProcObject::~CProcObject() = default;
 
-int CProcObject::GetKind() const { return DBG_OBJ_PROCEDURE; }
+int CProcObject::GetKind() const {
+    return DBG_OBJ_PROCEDURE;
+}
 
 void CProcObject::SetEntryList(const BrxHandle *entries, uint32_t count) {
     m_EntryList.assign(entries, entries + count);
 }
 
-bool CProcObject::HasDefaultType() const { return m_pType == State().defaultProcType; }
+bool CProcObject::HasDefaultType() const {
+    return m_pType == State().defaultProcType;
+}
 
 CError CProcObject::SetProcType(CDebugProcType *type) {
     if (!type || type->GetTypeKind() != TYPE_PROCEDURE)

@@ -71,7 +71,9 @@ CConstantObject::CConstantObject(CScopeNode *owner) {
 
 CConstantObject::~CConstantObject() = default;
 
-int CConstantObject::GetKind() const { return DBG_OBJ_CONSTANT; }
+int CConstantObject::GetKind() const {
+    return DBG_OBJ_CONSTANT;
+}
 
 void CConstantObject::SetType(CDebugBasicType *type) {
     if (m_Type)
@@ -231,7 +233,9 @@ CEnregSymObject::CEnregSymObject(CScopeNode *owner) {
 
 CEnregSymObject::~CEnregSymObject() = default;
 
-int CEnregSymObject::GetKind() const { return DBG_OBJ_ENREG_SYM; }
+int CEnregSymObject::GetKind() const {
+    return DBG_OBJ_ENREG_SYM;
+}
 
 void CEnregSymObject::SetType(CDebugBasicType *type) {
     if (m_pType)

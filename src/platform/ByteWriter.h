@@ -26,7 +26,10 @@ public:
     ByteWriter &operator=(const ByteWriter &) = delete;
 
     void U8(uint8_t v) { Put(&v, 1); }
-    void U16(uint16_t v) { uint8_t b[2] = {uint8_t(v), uint8_t(v >> 8)}; Put(b, 2); }
+    void U16(uint16_t v) {
+        uint8_t b[2] = {uint8_t(v), uint8_t(v >> 8)};
+        Put(b, 2);
+    }
     void U32(uint32_t v) {
         uint8_t b[4];
         for (int i = 0; i < 4; ++i)

@@ -13,7 +13,9 @@
 
 namespace quillet {
 
-ObjectArena::~ObjectArena() { Clear(); }
+ObjectArena::~ObjectArena() {
+    Clear();
+}
 
 void *ObjectArena::Allocate(size_t size) {
     size_t slotSize = (size + kGranule - 1) / kGranule * kGranule;
@@ -58,7 +60,8 @@ void ObjectArena::Release(void *p) {
 ObjectArena::Block *ObjectArena::BlockOf(const void *p) const {
     uintptr_t address = reinterpret_cast<uintptr_t>(p);
     Block *block = m_pLastBlock;
-    if (!block || address < block->start || address >= block->start + block->slots * block->slotSize) {
+    if (!block || address < block->start ||
+        address >= block->start + block->slots * block->slotSize) {
         auto it = m_Blocks.upper_bound(address);
         if (it == m_Blocks.begin())
             return nullptr;

@@ -39,7 +39,7 @@ private:
     };
     struct SizeClass {
         Block *current = nullptr;
-        size_t next = 0;            // first never-used slot of the current block
+        size_t next = 0;          // first never-used slot of the current block
         std::vector<void *> free; // released slots
     };
 

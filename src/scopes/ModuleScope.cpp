@@ -68,8 +68,7 @@ uint32_t CModuleScope::EmitDwarfLines(CBinarySection &line) {
     return line.Append(header).Ok() ? DBG_ERR_NONE : DBG_ERR_OBJECT_FILE;
 }
 
-uint32_t CModuleScope::EndDwarfScope(CBinarySection &info, CBinarySection &,
-                                     CBinarySection &line) {
+uint32_t CModuleScope::EndDwarfScope(CBinarySection &info, CBinarySection &, CBinarySection &line) {
     const uint8_t nullEntry = 0;
     if (info.Append(&nullEntry, 1).Failed())
         return DBG_ERR_OBJECT_FILE;

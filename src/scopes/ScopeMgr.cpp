@@ -1,8 +1,8 @@
 // The scope API: opening, moving and closing the current scope.
 #include "frame/LibraryState.h"
-#include "platform/Check.h"
 #include "objects/CompInfo.h"
 #include "objects/ProcObject.h"
+#include "platform/Check.h"
 #include "scopes/ModuleScope.h"
 #include "scopes/ProcScope.h"
 #include "scopes/SectionScope.h"
@@ -13,7 +13,9 @@
 
 namespace {
 
-DbgScope ToHandle(CScopeNode *scope) { return reinterpret_cast<DbgScope>(scope); }
+DbgScope ToHandle(CScopeNode *scope) {
+    return reinterpret_cast<DbgScope>(scope);
+}
 
 // The current scope if it is one the library knows, else null.
 CScopeNode *LiveCurrentScope() {

@@ -2,8 +2,8 @@
 
 #include "frame/BinarySection.h"
 #include "frame/LibraryState.h"
-#include "platform/Check.h"
 #include "objects/DebugObjects.h"
+#include "platform/Check.h"
 
 #include "quillet/quillet.h"
 
@@ -11,7 +11,9 @@ namespace {
 constexpr size_t kFirstLineCapacity = 64;
 }
 
-CScopeNode::CScopeNode() { State().liveScopes.Insert(this); }
+CScopeNode::CScopeNode() {
+    State().liveScopes.Insert(this);
+}
 
 // Objects first, then the subtree, then the line entries.
 CScopeNode::~CScopeNode() {
@@ -56,7 +58,9 @@ void CScopeNode::AddObject(CBaseLangObject *object) {
     m_Objects.push_back(object);
 }
 
-void CScopeNode::AddSharedObject(CBaseLangObject *object) { AddObject(object); }
+void CScopeNode::AddSharedObject(CBaseLangObject *object) {
+    AddObject(object);
+}
 
 bool CScopeNode::SubtreeHasLines() const {
     if (!m_Lines.empty())
@@ -86,10 +90,11 @@ uint32_t CScopeNode::LayoutChildrenAndObjects() {
     return DBG_ERR_NONE;
 }
 
-uint32_t CScopeNode::LayoutDwarf() { return LayoutChildrenAndObjects(); }
+uint32_t CScopeNode::LayoutDwarf() {
+    return LayoutChildrenAndObjects();
+}
 
-uint32_t CScopeNode::EmitDwarf(CBinarySection &info, CBinarySection &abbrev,
-                               CBinarySection &line) {
+uint32_t CScopeNode::EmitDwarf(CBinarySection &info, CBinarySection &abbrev, CBinarySection &line) {
     uint32_t status = BeginDwarfScope(info, abbrev, line);
     if (status != DBG_ERR_NONE)
         return status;

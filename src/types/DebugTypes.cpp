@@ -22,18 +22,19 @@ struct BasicTypeInfo {
 
 // Indexed by base-type code; odd codes are unsigned, even codes signed.
 constexpr BasicTypeInfo kBasicTypes[13] = {
-    {"", 0, 0, 0},
-    {"data1", 1, 8, 0x20},  {"data1", 1, 6, 0x10},  {"data2", 2, 7, 0x21},
-    {"data2", 2, 5, 0x11},  {"data4", 4, 7, 0x22},  {"data4", 4, 5, 0x12},
-    {"data8", 8, 7, 0x77},  {"data8", 8, 5, 0x76},  {"real4", 4, 4, 0x40},
-    {"real8", 8, 4, 0x41},  {"real10", 10, 4, 0x42}, {"void", 0, 1, 0x03},
+    {"", 0, 0, 0},         {"data1", 1, 8, 0x20}, {"data1", 1, 6, 0x10}, {"data2", 2, 7, 0x21},
+    {"data2", 2, 5, 0x11}, {"data4", 4, 7, 0x22}, {"data4", 4, 5, 0x12}, {"data8", 8, 7, 0x77},
+    {"data8", 8, 5, 0x76}, {"real4", 4, 4, 0x40}, {"real8", 8, 4, 0x41}, {"real10", 10, 4, 0x42},
+    {"void", 0, 1, 0x03},
 };
 
 } // namespace
 
 // ---- Base ------------------------------------------------------------------------------------
 
-CBaseDebugType::CBaseDebugType() { State().liveTypes.Insert(this); }
+CBaseDebugType::CBaseDebugType() {
+    State().liveTypes.Insert(this);
+}
 
 CBaseDebugType::~CBaseDebugType() {
     LibraryState &state = State();
@@ -46,7 +47,9 @@ uint32_t CBaseDebugType::AssignTypeIndex() {
     return m_nTypeIndex;
 }
 
-DbgType_ *ToHandle(CBaseDebugType *type) { return reinterpret_cast<DbgType_ *>(type); }
+DbgType_ *ToHandle(CBaseDebugType *type) {
+    return reinterpret_cast<DbgType_ *>(type);
+}
 
 CBaseDebugType *FromHandle(const DbgType_ *handle) {
     if (!handle || !State().liveTypes.Contains(handle))
@@ -56,7 +59,9 @@ CBaseDebugType *FromHandle(const DbgType_ *handle) {
 
 // ---- Basic types -----------------------------------------------------------------------------
 
-CDebugBasicType::CDebugBasicType() { UseAbbrev<CTypeAbbrev>(ABBREV_TYPE); }
+CDebugBasicType::CDebugBasicType() {
+    UseAbbrev<CTypeAbbrev>(ABBREV_TYPE);
+}
 
 CDebugBasicType::~CDebugBasicType() = default;
 
@@ -163,8 +168,7 @@ CError CDebugProcType::GetTypeIndex(CBinarySection &types, uint32_t &index) {
     procedure.U8(0);                                   // function attributes
     procedure.U16(0);                                  // parameter count
     procedure.U32(argumentListIndex);
-    if (!procedure.Finish() ||
-        types.Append(procedure.Data(), uint32_t(procedure.Size())).Failed())
+    if (!procedure.Finish() || types.Append(procedure.Data(), uint32_t(procedure.Size())).Failed())
         return kFailed;
     index = AssignTypeIndex();
     return kOk;

@@ -2,7 +2,9 @@
 
 namespace {
 
-bool IsZero(const WideUInt128 &v) { return !(v.word[0] | v.word[1] | v.word[2] | v.word[3]); }
+bool IsZero(const WideUInt128 &v) {
+    return !(v.word[0] | v.word[1] | v.word[2] | v.word[3]);
+}
 
 // -1, 0 or 1 as a compares with b.
 int Compare(const WideUInt128 &a, const WideUInt128 &b) {

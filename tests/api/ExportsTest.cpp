@@ -22,17 +22,30 @@ TEST(Exports, OnlyTheCApiIsExported) {
         else
             unexpected.push_back(line);
     }
-    EXPECT_TRUE(unexpected.empty()) << unexpected.size() << " other symbols, first: "
-                                    << unexpected.front();
-    std::vector<std::string> expected = {
-        "DbgLine_create_source", "DbgLine_get_inst_info_by_offset",
-        "DbgLine_get_inst_info_by_source", "DbgLine_get_source_file_name",
-        "DbgLine_get_source_files_number", "DbgLine_open_line_section",
-        "DbgLine_open_object_and_source_file", "Dbg_add_object_prop", "Dbg_base_type",
-        "Dbg_close_current_scope", "Dbg_create_line", "Dbg_create_object", "Dbg_emit",
-        "Dbg_finish", "Dbg_get_current_scope", "Dbg_init", "Dbg_open_module_scope",
-        "Dbg_open_procedure_scope", "Dbg_open_section_scope", "Dbg_procedure_type",
-        "Dbg_set_check_handler", "Dbg_set_current_scope"};
+    EXPECT_TRUE(unexpected.empty())
+        << unexpected.size() << " other symbols, first: " << unexpected.front();
+    std::vector<std::string> expected = {"DbgLine_create_source",
+                                         "DbgLine_get_inst_info_by_offset",
+                                         "DbgLine_get_inst_info_by_source",
+                                         "DbgLine_get_source_file_name",
+                                         "DbgLine_get_source_files_number",
+                                         "DbgLine_open_line_section",
+                                         "DbgLine_open_object_and_source_file",
+                                         "Dbg_add_object_prop",
+                                         "Dbg_base_type",
+                                         "Dbg_close_current_scope",
+                                         "Dbg_create_line",
+                                         "Dbg_create_object",
+                                         "Dbg_emit",
+                                         "Dbg_finish",
+                                         "Dbg_get_current_scope",
+                                         "Dbg_init",
+                                         "Dbg_open_module_scope",
+                                         "Dbg_open_procedure_scope",
+                                         "Dbg_open_section_scope",
+                                         "Dbg_procedure_type",
+                                         "Dbg_set_check_handler",
+                                         "Dbg_set_current_scope"};
     std::sort(functions.begin(), functions.end());
     EXPECT_EQ(functions, expected);
 }

@@ -145,8 +145,8 @@ void BuildRichModule(const std::string &path, int32_t format, std::vector<Sequen
     DbgSource b = m.Source(u"c:\\proj\\src\\b.asm");
     DbgSource inc = m.Source(u"c:\\proj\\inc\\macros.inc");
     DbgSource c = m.Source(u"C:\\Proj\\Src\\c.asm"); // the directory of a.asm
-    DbgSource plain = m.Source(u"plain.asm");             // no directory
-    DbgSource d = m.Source(u"C:\\Work\\d.asm");          // the compilation directory
+    DbgSource plain = m.Source(u"plain.asm");        // no directory
+    DbgSource d = m.Source(u"C:\\Work\\d.asm");      // the compilation directory
 
     int32_t limit = -40000;
     ASSERT_EQ(m.Constant("LIMIT", 6, &limit), 0u);
@@ -228,7 +228,8 @@ TEST_P(DwarfConsumer, DwarfdumpShowsEveryEntryWithItsAttributes) {
     BuildRichModule(m_Path, GetParam(), expected);
     ASSERT_FALSE(HasFatalFailure());
 
-    qtest::CommandResult r = qtest::RunConsumer("llvm-dwarfdump-14 --debug-info --debug-line", m_Path);
+    qtest::CommandResult r =
+        qtest::RunConsumer("llvm-dwarfdump-14 --debug-info --debug-line", m_Path);
     ASSERT_EQ(r.exitCode, 0) << r.output;
     EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
         << Join(qtest::ConsumerComplaints(r.output));
@@ -277,8 +278,7 @@ TEST_P(DwarfConsumer, DwarfdumpShowsEveryEntryWithItsAttributes) {
     EXPECT_EQ(entries[6].attributes.count("DW_AT_type"), 0u) << "default type: no reference";
     EXPECT_EQ(entries[6].attributes.at("DW_AT_external"), "0x00");
     EXPECT_NE(entries[7].attributes.at("DW_AT_type").find("\"data8\""), std::string::npos);
-    EXPECT_NE(entries[11].attributes.at("DW_AT_const_value").find("c0 63 ff ff"),
-              std::string::npos)
+    EXPECT_NE(entries[11].attributes.at("DW_AT_const_value").find("c0 63 ff ff"), std::string::npos)
         << entries[11].attributes.at("DW_AT_const_value");
     EXPECT_NE(entries[11].attributes.at("DW_AT_type").find("\"data4\""), std::string::npos);
 
@@ -350,8 +350,11 @@ TEST_P(DwarfConsumer, ProceduresOfEveryShapeAndSectionsOpenedTwice) {
         struct Shape {
             bool typed, objects;
             uint64_t start;
-        } shapes[] = {{true, true, 0x00}, {true, false, 0x20}, {false, true, 0x40},
-                      {false, false, 0x60}, {true, true, 0x81}};
+        } shapes[] = {{true, true, 0x00},
+                      {true, false, 0x20},
+                      {false, true, 0x40},
+                      {false, false, 0x60},
+                      {true, true, 0x81}};
         for (int i = 0; i < 5; ++i) {
             // The first three procedures in one section scope, the others in a second scope of
             // the same section.
@@ -420,8 +423,7 @@ TEST_P(DwarfConsumer, ProceduresOfEveryShapeAndSectionsOpenedTwice) {
     EXPECT_EQ(qtest::ConsumerComplaints(verify.output), std::vector<std::string>{"No errors."});
 }
 
-INSTANTIATE_TEST_SUITE_P(Elf, DwarfConsumer,
-                         ::testing::Values(BRX_FORMAT_ELF32, BRX_FORMAT_ELF64),
+INSTANTIATE_TEST_SUITE_P(Elf, DwarfConsumer, ::testing::Values(BRX_FORMAT_ELF32, BRX_FORMAT_ELF64),
                          [](const ::testing::TestParamInfo<int32_t> &info) {
                              return info.param == BRX_FORMAT_ELF32 ? "Elf32" : "Elf64";
                          });

@@ -162,9 +162,8 @@ TEST(BinarySectionStaging, PatchesAndFlushesKeepTheBytes) {
     ASSERT_TRUE(section.WriteU32At(14, 0xC1C2C3C4u).Ok());     // straddles
     ASSERT_TRUE(section.WriteU32At(0, 0xB1B2B3B4u).Ok());      // written
     ASSERT_TRUE(section.Flush().Ok());
-    for (auto [offset, value] : {std::pair<size_t, uint32_t>{16, 0xD1D2D3D4u},
-                                 {14, 0xC1C2C3C4u},
-                                 {0, 0xB1B2B3B4u}})
+    for (auto [offset, value] :
+         {std::pair<size_t, uint32_t>{16, 0xD1D2D3D4u}, {14, 0xC1C2C3C4u}, {0, 0xB1B2B3B4u}})
         for (int b = 0; b < 4; ++b)
             expected[offset + b] = uint8_t(value >> (8 * b));
     EXPECT_EQ(module.SectionBytes(".debug_info"), expected);

@@ -1,5 +1,5 @@
-#include "frame/LibraryState.h"
 #include "lines/LineProgram.h"
+#include "frame/LibraryState.h"
 #include "lines/SourceFile.h"
 
 #include <gtest/gtest.h>
@@ -129,7 +129,7 @@ TEST(LineHeader, DirectoriesAndFiles) {
     files.Create(u"c:\\src\\b.s");
     files.ConvertToDwarf();
     Bytes header = BuildLineProgramHeader(u"c:\\work", files);
-    Bytes expected = {0, 0, 0, 0, 2, 0, 0, 0, 0, 0, // lengths patched below
+    Bytes expected = {0, 0, 0, 0,  2,  0, 0, 0, 0, 0, // lengths patched below
                       1, 1, 0, 15, 10, 0, 1, 1, 1, 1, 0, 0, 0, 1};
     for (const char *dir : {"c:\\src"})
         expected.insert(expected.end(), dir, dir + strlen(dir) + 1);
@@ -137,8 +137,8 @@ TEST(LineHeader, DirectoriesAndFiles) {
     struct File {
         const char *name;
         uint8_t dir;
-    } fileRows[] = {{"A.s", 1}, {"b.s", 1}, {"c.s", 0}, {"plain.s", 0}, {"c:\\inc\\", 0},
-                    {"b.s", 1}};
+    } fileRows[] = {{"A.s", 1},     {"b.s", 1},       {"c.s", 0},
+                    {"plain.s", 0}, {"c:\\inc\\", 0}, {"b.s", 1}};
     for (const File &f : fileRows) {
         expected.insert(expected.end(), f.name, f.name + strlen(f.name) + 1);
         expected.insert(expected.end(), {f.dir, 0, 0});

@@ -27,9 +27,13 @@ Bytes Text(const std::string &s) {
     return b;
 }
 
-Bytes Zeros(size_t n) { return Bytes(n, 0); }
+Bytes Zeros(size_t n) {
+    return Bytes(n, 0);
+}
 
-CBaseLangObject *Object(DbgObject handle) { return reinterpret_cast<CBaseLangObject *>(handle); }
+CBaseLangObject *Object(DbgObject handle) {
+    return reinterpret_cast<CBaseLangObject *>(handle);
+}
 
 class EntryBytes : public ::testing::TestWithParam<int32_t> {
 protected:
@@ -99,7 +103,8 @@ TEST_P(EntryBytes, DataLabelsWithAndWithoutType) {
     ASSERT_EQ(m.DataLabel(plainSymbol, 0, &plain), 0u);
     static_cast<CDataLabelObject *>(Object(typed))->m_nTypeRef = 0x77;
     Bytes entry = Entry(typed);
-    EXPECT_EQ(entry, Concat({{1}, Text("buffer"), Zeros(Width()), {0x77, 0, 0, 0, 0, 0, 0, 0}, {0}}));
+    EXPECT_EQ(entry,
+              Concat({{1}, Text("buffer"), Zeros(Width()), {0x77, 0, 0, 0, 0, 0, 0, 0}, {0}}));
     if (GetParam() == BRX_FORMAT_ELF64) {
         EXPECT_EQ(entry.size(), 25u);
     }
@@ -199,10 +204,9 @@ TEST(RegisterNumbers, EveryRangeEdgeTranslates) {
         uint32_t reg;
         uint16_t codeView, dwarf;
     } cases[] = {
-        {0, 0, 0},           {1, 1024, 0},        {128, 1151, 127},    {129, 2048, 128},
-        {256, 2175, 255},    {257, 3072, 328},    {384, 3199, 455},    {385, 512, 320},
-        {392, 519, 327},     {393, 768, 768},     {394, 4096, 456},    {521, 4223, 583},
-        {522, 1019, 1019},   {523, 1017, 1017},   {524, 1016, 584},
+        {0, 0, 0},        {1, 1024, 0},     {128, 1151, 127},  {129, 2048, 128},  {256, 2175, 255},
+        {257, 3072, 328}, {384, 3199, 455}, {385, 512, 320},   {392, 519, 327},   {393, 768, 768},
+        {394, 4096, 456}, {521, 4223, 583}, {522, 1019, 1019}, {523, 1017, 1017}, {524, 1016, 584},
     };
     for (const Case &c : cases) {
         EXPECT_EQ(ToCodeViewRegister(c.reg), c.codeView) << c.reg;

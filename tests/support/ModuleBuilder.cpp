@@ -18,9 +18,15 @@ CheckCounter::CheckCounter() {
     Reports().clear();
     Dbg_set_check_handler(CountCheck);
 }
-CheckCounter::~CheckCounter() { Dbg_set_check_handler(nullptr); }
-int CheckCounter::Count() const { return int(Reports().size()); }
-const std::vector<std::string> &CheckCounter::Expressions() const { return Reports(); }
+CheckCounter::~CheckCounter() {
+    Dbg_set_check_handler(nullptr);
+}
+int CheckCounter::Count() const {
+    return int(Reports().size());
+}
+const std::vector<std::string> &CheckCounter::Expressions() const {
+    return Reports();
+}
 
 // ---- Module builder ----------------------------------------------------------------------------
 
@@ -64,12 +70,9 @@ BrxHandle ModuleBuilder::AddSection(const std::string &name, bool code, uint64_t
 BrxHandle ModuleBuilder::AddSymbol(const std::string &name, BrxHandle section, uint64_t offset,
                                    bool global, uint32_t type) {
     uint32_t storage = 0, binding = global ? BRX_BINDING_GLOBAL : BRX_BINDING_LOCAL;
-    BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name.c_str()},
-                       {BRX_KEY_SYMBOL_STORAGE, &storage},
-                       {BRX_KEY_SYMBOL_BINDING, &binding},
-                       {BRX_KEY_SYMBOL_TYPE, &type},
-                       {BRX_KEY_SYMBOL_SECTION, &section},
-                       {BRX_KEY_SYMBOL_OFFSET, &offset}};
+    BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name.c_str()}, {BRX_KEY_SYMBOL_STORAGE, &storage},
+                       {BRX_KEY_SYMBOL_BINDING, &binding},  {BRX_KEY_SYMBOL_TYPE, &type},
+                       {BRX_KEY_SYMBOL_SECTION, &section},  {BRX_KEY_SYMBOL_OFFSET, &offset}};
     BrxHandle symbol = 0;
     if (_brx_create_object(m_SymbolTable, m_Format, BRX_KIND_SYMBOL, 6, attrs, &symbol, 0) !=
         BRX_OK)
@@ -83,9 +86,9 @@ DbgStatus ModuleBuilder::OpenModule(const std::u16string &directory, const std::
     const uint16_t frontEnd[3] = {1, 2, 3};
     const uint16_t backEnd[3] = {4, 5, 6};
     DbgScope scope = nullptr;
-    return Dbg_open_module_scope(m_File, 1, 0, noDebugInfo, 1, frontEnd, backEnd,
-                                 producer.c_str(), directory.c_str(), source.c_str(),
-                                 u"c:\\tools\\qasm.exe", out ? out : &scope);
+    return Dbg_open_module_scope(m_File, 1, 0, noDebugInfo, 1, frontEnd, backEnd, producer.c_str(),
+                                 directory.c_str(), source.c_str(), u"c:\\tools\\qasm.exe",
+                                 out ? out : &scope);
 }
 
 DbgStatus ModuleBuilder::OpenSection(BrxHandle section, DbgScope *out) {
@@ -129,18 +132,16 @@ DbgStatus ModuleBuilder::DataLabel(BrxHandle symbol, int32_t baseType, DbgObject
 
 DbgStatus ModuleBuilder::Constant(const std::string &name, int32_t baseType, const void *value,
                                   DbgObject *out) {
-    DbgObjectProp props[] = {{DBG_PROP_NAME, name.c_str()},
-                             {DBG_PROP_BASE_TYPE, &baseType},
-                             {DBG_PROP_VALUE, value}};
+    DbgObjectProp props[] = {
+        {DBG_PROP_NAME, name.c_str()}, {DBG_PROP_BASE_TYPE, &baseType}, {DBG_PROP_VALUE, value}};
     DbgObject object = nullptr;
     return Dbg_create_object(DBG_OBJ_CONSTANT, props, 3, nullptr, out ? out : &object);
 }
 
 DbgStatus ModuleBuilder::Register(const std::string &name, int32_t baseType, uint32_t reg,
                                   DbgObject *out) {
-    DbgObjectProp props[] = {{DBG_PROP_NAME, name.c_str()},
-                             {DBG_PROP_BASE_TYPE, &baseType},
-                             {DBG_PROP_REGISTER, &reg}};
+    DbgObjectProp props[] = {
+        {DBG_PROP_NAME, name.c_str()}, {DBG_PROP_BASE_TYPE, &baseType}, {DBG_PROP_REGISTER, &reg}};
     DbgObject object = nullptr;
     return Dbg_create_object(DBG_OBJ_ENREG_SYM, props, 3, nullptr, out ? out : &object);
 }
@@ -193,6 +194,8 @@ std::vector<ModuleBuilder::Relocation> ModuleBuilder::Relocations(BrxHandle sect
     return relocations;
 }
 
-bool ModuleBuilder::Write() { return m_File && _brx_write_file(m_File) == BRX_OK; }
+bool ModuleBuilder::Write() {
+    return m_File && _brx_write_file(m_File) == BRX_OK;
+}
 
 } // namespace qtest

@@ -45,8 +45,8 @@ public:
     // Dbg_open_module_scope with fixed versions; the directory, source and producer as given.
     DbgStatus OpenModule(const std::u16string &directory = u"c:\\work",
                          const std::u16string &source = u"main.asm",
-                         const std::u16string &producer = u"qasm 1.0",
-                         uint32_t noDebugInfo = 0, DbgScope *out = nullptr);
+                         const std::u16string &producer = u"qasm 1.0", uint32_t noDebugInfo = 0,
+                         DbgScope *out = nullptr);
     DbgStatus OpenSection(BrxHandle section, DbgScope *out = nullptr);
     // Creates a procedure entered through `entries` over [start, end) and opens its scope.
     DbgStatus OpenProcedure(const std::vector<BrxHandle> &entries, uint64_t start, uint64_t end,

@@ -88,4 +88,3 @@ CommandResult RunConsumer(const std::string &command, const std::string &path) {
 }
 
 } // namespace qtest
-

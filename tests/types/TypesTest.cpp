@@ -32,8 +32,7 @@ TEST(Types, ProcedureTypesCheckKindThenReturnType) {
     EXPECT_EQ(Dbg_procedure_type(proc, 1, &out), DBG_ERR_BAD_TYPE);
     EXPECT_EQ(Dbg_procedure_type(nullptr, 2, &out), DBG_ERR_BAD_TYPE);
     int notAType = 0;
-    EXPECT_EQ(Dbg_procedure_type(reinterpret_cast<DbgType>(&notAType), 2, &out),
-              DBG_ERR_BAD_TYPE);
+    EXPECT_EQ(Dbg_procedure_type(reinterpret_cast<DbgType>(&notAType), 2, &out), DBG_ERR_BAD_TYPE);
     EXPECT_EQ(out, nullptr);
     Dbg_finish();
 }
@@ -46,9 +45,9 @@ TEST(Types, BasicTypeTable) {
         int16_t size, encoding;
         uint32_t index;
     } cases[] = {
-        {1, "data1", 1, 8, 0x20},  {2, "data1", 1, 6, 0x10},  {3, "data2", 2, 7, 0x21},
-        {4, "data2", 2, 5, 0x11},  {5, "data4", 4, 7, 0x22},  {6, "data4", 4, 5, 0x12},
-        {7, "data8", 8, 7, 0x77},  {8, "data8", 8, 5, 0x76},  {9, "real4", 4, 4, 0x40},
+        {1, "data1", 1, 8, 0x20},  {2, "data1", 1, 6, 0x10},    {3, "data2", 2, 7, 0x21},
+        {4, "data2", 2, 5, 0x11},  {5, "data4", 4, 7, 0x22},    {6, "data4", 4, 5, 0x12},
+        {7, "data8", 8, 7, 0x77},  {8, "data8", 8, 5, 0x76},    {9, "real4", 4, 4, 0x40},
         {10, "real8", 8, 4, 0x41}, {11, "real10", 10, 4, 0x42}, {12, "void", 0, 1, 0x03},
     };
     qtest::TempDir dir;
@@ -86,11 +85,11 @@ TEST(Types, ProcedureTypeRecordsAreWrittenOnFirstUse) {
     EXPECT_EQ(index, 0x1001u);
     ASSERT_TRUE(FromHandle(p2)->GetTypeIndex(types, index).Ok());
     EXPECT_EQ(index, 0x1003u);
-    Bytes expected = {4,    0,    0, 0, // signature
-                      0x06, 0x00, 0x01, 0x12, 0, 0, 0, 0,
-                      0x0e, 0x00, 0x08, 0x10, 0x22, 0, 0, 0, 0x0d, 0, 0, 0, 0x00, 0x10, 0, 0,
-                      0x06, 0x00, 0x01, 0x12, 0, 0, 0, 0,
-                      0x0e, 0x00, 0x08, 0x10, 0x22, 0, 0, 0, 0x00, 0, 0, 0, 0x02, 0x10, 0, 0};
+    Bytes expected = {4,    0,    0,    0, // signature
+                      0x06, 0x00, 0x01, 0x12, 0,    0, 0, 0, 0x0e, 0x00, 0x08, 0x10,
+                      0x22, 0,    0,    0,    0x0d, 0, 0, 0, 0x00, 0x10, 0,    0,
+                      0x06, 0x00, 0x01, 0x12, 0,    0, 0, 0, 0x0e, 0x00, 0x08, 0x10,
+                      0x22, 0,    0,    0,    0x00, 0, 0, 0, 0x02, 0x10, 0,    0};
     EXPECT_EQ(m.SectionBytes(".debug$T"), expected);
 }
 
