@@ -54,6 +54,17 @@ TEST(Lifecycle, NullObjectFileIsReportedAndRefused) {
     Dbg_finish();
 }
 
+// An object file that can no longer take sections ends the emission with 26, without a crash.
+TEST(Lifecycle, EmitIntoAClosedObjectFileFails) {
+    qtest::TempDir dir;
+    qtest::ModuleBuilder m(dir.File("c.o"), BRX_FORMAT_ELF64);
+    BrxHandle text = m.AddSection(".text", true, 16);
+    ASSERT_EQ(m.OpenModule(), 0u);
+    ASSERT_EQ(m.OpenSection(text), 0u);
+    ASSERT_EQ(_brx_close_file(m.File()), 0);
+    EXPECT_EQ(m.Emit(), DBG_ERR_OBJECT_FILE);
+}
+
 // Every process-wide item goes back to its start, so a second run writes the same bytes.
 TEST(Lifecycle, SecondRunInOneProcessWritesTheSameBytes) {
     qtest::TempDir dir;
