@@ -17,8 +17,9 @@ using namespace quillet;
 
 namespace {
 
-// Rows per bucket that the bucket table aims at (at most; dense code can put more in one).
-constexpr uint64_t kRowsPerBucket = 2;
+// Rows per bucket that the bucket table aims at (at most; dense code can put more in one). A
+// table of one entry per 16 rows stays in cache; the rows of one bucket are a few cache lines.
+constexpr uint64_t kRowsPerBucket = 16;
 // The row table is reserved up front for as many rows as the program has bytes (no row takes
 // less than one byte), so it never reallocates while decoding; pages that stay unused are never
 // touched. Past this many rows it grows as usual.
@@ -546,8 +547,6 @@ void CBaseRetrieve::BuildBuckets(CSectionRows &rows) {
     rows.m_nLowAddress = low;
     rows.m_nBucketShift = shift;
     rows.m_nBucketCount = static_cast<uint32_t>(count);
-    rows.m_dRowsPerAddress =
-        span == 0 ? 0.0 : static_cast<double>(rows.m_nEnd - rows.m_nBegin - 1) / static_cast<double>(span);
     // Entry b is the first row whose bucket is b or later; one pass over rows and buckets.
     m_Buckets.reserve(m_Buckets.size() + count + 1);
     uint32_t row = rows.m_nBegin;
@@ -564,16 +563,17 @@ int64_t CBaseRetrieve::FindRowAtOffset(const CSectionRows &rows, uint64_t offset
     uint64_t bucket = (offset - rows.m_nLowAddress) >> rows.m_nBucketShift;
     if (bucket >= rows.m_nBucketCount)
         return -1;
-    // Where the row would stand if addresses were spread evenly: fetching it now overlaps the
-    // memory latency of the row with that of the bucket.
-    uint64_t guess = rows.m_nBegin + static_cast<uint64_t>(static_cast<double>(offset - rows.m_nLowAddress) *
-                                                           rows.m_dRowsPerAddress);
-    if (guess < rows.m_nEnd)
-        __builtin_prefetch(m_Rows.data() + guess);
     // Every row at the offset is in this bucket; the first of them is the one given.
     const uint32_t *starts = m_Buckets.data() + rows.m_nBucketBegin + bucket;
     const CLineRow *first = m_Rows.data() + starts[0];
     const CLineRow *last = m_Rows.data() + starts[1];
+    // The bucket's rows span a few cache lines: asking for all of them at once costs about one
+    // memory latency instead of one per step of the bisection.
+    if (last - first <= static_cast<ptrdiff_t>(2 * kRowsPerBucket)) {
+        for (const char *line = reinterpret_cast<const char *>(first);
+             line < reinterpret_cast<const char *>(last); line += 64)
+            __builtin_prefetch(line);
+    }
     const CLineRow *found =
         std::lower_bound(first, last, offset, [](const CLineRow &row, uint64_t value) {
             return row.m_nAddress < value;

@@ -3,7 +3,7 @@
 // queries by instruction offset and by source position.
 //
 // Rows are kept in one table of plain 24-byte values, grouped by section and sorted by address.
-// Each section also has a bucket table over its address range (about one bucket per two rows) so
+// Each section also has a bucket table over its address range (about one bucket per 16 rows) so
 // an offset lookup reads one bucket and a few neighbouring rows instead of bisecting millions.
 // The source index holds 12-byte records grouped by file and sorted by (line, column).
 #pragma once
@@ -48,7 +48,6 @@ struct CSectionRows {
     uint32_t m_nBucketShift = 0;
     uint32_t m_nBucketBegin = 0; // where the section's bucket starts are in the bucket table
     uint32_t m_nBucketCount = 0;
-    double m_dRowsPerAddress = 0; // rows over the address range, for a first guess
     int32_t m_nNumber = -1; // handed out when the section is first opened or met by a query
     DbgLineSectionHandle *m_pHandle = nullptr;
     CSectionScope *m_pScope = nullptr;
