@@ -8,7 +8,7 @@
 #include "quillet/quillet.h"
 
 namespace {
-constexpr size_t kFirstLineCapacity = 64;
+constexpr size_t kFirstLineCapacity = 128;
 }
 
 CScopeNode::CScopeNode() {
