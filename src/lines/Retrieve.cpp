@@ -273,19 +273,20 @@ uint32_t CBaseRetrieve::LoadElfLines() {
     sections.lineSize = m_LineBytes.size();
     sections.str = m_StrBytes.data();
     sections.strSize = m_StrBytes.size();
+    uint32_t status = DBG_ERR_READ_FAILED;
     if (m_nObjectKind == 0) {
         CRelocationPlacer placer;
-        if (!placer.Build(lineSection))
-            return DBG_ERR_OBJECT_FILE;
-        return LoadDwarf(sections, placer);
-    }
-    if (m_nObjectKind <= 3) {
+        status = placer.Build(lineSection) ? LoadDwarf(sections, placer) : DBG_ERR_OBJECT_FILE;
+    } else if (m_nObjectKind <= 3) {
         CAddressPlacer placer;
-        if (!placer.Build(m_hObject))
-            return DBG_ERR_OBJECT_FILE;
-        return LoadDwarf(sections, placer);
+        status = placer.Build(m_hObject) ? LoadDwarf(sections, placer) : DBG_ERR_OBJECT_FILE;
     }
-    return DBG_ERR_READ_FAILED;
+    // The rows and the file table hold copies of all they need from the sections.
+    std::vector<uint8_t>().swap(m_InfoBytes);
+    std::vector<uint8_t>().swap(m_AbbrevBytes);
+    std::vector<uint8_t>().swap(m_LineBytes);
+    std::vector<uint8_t>().swap(m_StrBytes);
+    return status;
 }
 
 uint32_t CBaseRetrieve::LoadDwarf(const CDwarfSections &sections, CSequencePlacer &placer) {

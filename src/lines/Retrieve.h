@@ -81,8 +81,8 @@ public:
     uint32_t SourceFileName(int32_t index, char *buffer, uint32_t *size) const;
 
     // Decodes DWARF line information held in memory, as the ELF loader does once it has read
-    // the sections; `placer` says where each sequence lies. Returns 0, 14 or 31. The bytes must
-    // outlive the engine. Used by the loader, by tests and by the fuzzer.
+    // the sections; `placer` says where each sequence lies. Returns 0, 14 or 31. The bytes need
+    // to live only through the call. Used by the loader, by tests and by the fuzzer.
     uint32_t LoadDwarf(const quillet::CDwarfSections &sections, quillet::CSequencePlacer &placer);
 
     // The handle of a section of the loaded object, numbered on first use (a section without rows
