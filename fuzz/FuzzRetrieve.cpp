@@ -30,8 +30,8 @@ struct OneSectionPlacer : quillet::CSequencePlacer {
 
 // A compilation unit naming the line program at offset 0.
 const uint8_t kAbbrev[] = {1, 0x11, 1, 0x03, 0x08, 0x1b, 0x08, 0x25, 0x08, 0x10, 0x06, 0, 0, 0};
-const uint8_t kInfo[] = {25, 0, 0, 0, 2, 0, 0, 0, 0, 0, 8, 1, 'a', '.', 's', 0,
-                         '/', 'w', 0, 'f', 'u', 'z', 'z', 0, 0, 0, 0, 0, 0};
+const uint8_t kInfo[] = {25, 0,   0,   0, 2,   0,   0,   0,   0, 0, 8, 1, 'a', '.', 's',
+                         0,  '/', 'w', 0, 'f', 'u', 'z', 'z', 0, 0, 0, 0, 0,   0};
 
 void QueryEverything(CBaseRetrieve &engine, const uint8_t *data, size_t size) {
     uint32_t count = 0;
@@ -42,8 +42,8 @@ void QueryEverything(CBaseRetrieve &engine, const uint8_t *data, size_t size) {
         (void)engine.SourceFileName(static_cast<int32_t>(i), name, &capacity);
     }
     // Offsets and positions taken from the input itself.
-    for (const quillet::CSectionRows &rows : std::vector<quillet::CSectionRows>(
-             engine.Sections().begin(), engine.Sections().end())) {
+    for (const quillet::CSectionRows &rows :
+         std::vector<quillet::CSectionRows>(engine.Sections().begin(), engine.Sections().end())) {
         DbgLineSectionHandle *handle = engine.SectionHandle(rows.m_Section);
         for (size_t i = 0; i + 2 <= size && i < 64; i += 2) {
             DbgOffsetQuery query{handle, static_cast<uint64_t>(data[i] | (data[i + 1] << 8))};

@@ -35,8 +35,8 @@ constexpr uint32_t kLookups = 1000000;
 constexpr uint32_t kFiles = 4;
 const char16_t *const kFileNames[kFiles] = {u"/bench/main.s", u"/bench/inc/a.inc",
                                             u"/bench/inc/b.inc", u"/bench/lib/c.s"};
-const char *const kFileNames8[kFiles] = {"/bench/main.s", "/bench/inc/a.inc",
-                                         "/bench/inc/b.inc", "/bench/lib/c.s"};
+const char *const kFileNames8[kFiles] = {"/bench/main.s", "/bench/inc/a.inc", "/bench/inc/b.inc",
+                                         "/bench/lib/c.s"};
 
 struct ExpectedRow {
     uint64_t address;
@@ -45,9 +45,9 @@ struct ExpectedRow {
 };
 
 std::string g_Path;
-std::vector<ExpectedRow> g_Rows;      // what the object holds, in address order
-std::vector<uint64_t> g_LookupOrder;  // shuffled row addresses
-std::vector<uint32_t> g_SourceOrder;  // shuffled row numbers
+std::vector<ExpectedRow> g_Rows;     // what the object holds, in address order
+std::vector<uint64_t> g_LookupOrder; // shuffled row addresses
+std::vector<uint32_t> g_SourceOrder; // shuffled row numbers
 
 // Results kept for the summary.
 double g_QuilletDecode = 0, g_QuilletDecodeIndexed = 0, g_LlvmDecode = 0;
@@ -96,15 +96,15 @@ void MakeObject() {
     _brx_set_value(text, BRX_KEY_SECTION_DATA, &bytes, 0);
     const uint16_t versions[3] = {1, 0, 0};
     DbgScope module = nullptr, section = nullptr;
-    if (Dbg_open_module_scope(file, 1, 0, 0, 1, versions, versions, u"bench", u"/bench",
-                              u"main.s", u"", &module) != 0 ||
+    if (Dbg_open_module_scope(file, 1, 0, 0, 1, versions, versions, u"bench", u"/bench", u"main.s",
+                              u"", &module) != 0 ||
         Dbg_open_section_scope(text, &section) != 0)
         std::abort();
     DbgSource sources[kFiles];
     for (uint32_t f = 0; f < kFiles; ++f)
         DbgLine_create_source(kFileNames[f], &sources[f]);
     for (const ExpectedRow &row : g_Rows) {
-        DbgLineDesc desc{sources[row.file], row.line, 0, uint32_t(row.address),
+        DbgLineDesc desc{sources[row.file],           row.line, 0, uint32_t(row.address),
                          uint32_t(row.address >> 32), 0};
         Dbg_create_line(section, &desc);
     }
@@ -182,8 +182,8 @@ double PeakBytesPerRow(bool indexed) {
     close(pipeFds[0]);
     int status = 0;
     struct rusage usage {};
-    if (child < 0 || wait4(child, &status, 0, &usage) != child || got <= 0 ||
-        !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    if (child < 0 || wait4(child, &status, 0, &usage) != child || got <= 0 || !WIFEXITED(status) ||
+        WEXITSTATUS(status) != 0)
         return -1;
     long before = std::atol(text);
     return double(usage.ru_maxrss - before) * 1024.0 / kRows;
@@ -230,8 +230,8 @@ void BM_LlvmDecode(benchmark::State &state) {
             break;
         }
         auto context = llvm::DWARFContext::create(
-            *binary->getBinary(), llvm::DWARFContext::ProcessDebugRelocations::Ignore, nullptr,
-            "", [](llvm::Error e) { llvm::consumeError(std::move(e)); },
+            *binary->getBinary(), llvm::DWARFContext::ProcessDebugRelocations::Ignore, nullptr, "",
+            [](llvm::Error e) { llvm::consumeError(std::move(e)); },
             [](llvm::Error e) { llvm::consumeError(std::move(e)); });
         size_t rows = 0;
         for (const auto &unit : context->compile_units())
@@ -286,8 +286,8 @@ void BM_LlvmLookup(benchmark::State &state) {
     uint64_t found = 0;
     for (auto _ : state) {
         for (uint64_t address : g_LookupOrder) {
-            uint32_t row = table->lookupAddress(
-                {address, llvm::object::SectionedAddress::UndefSection});
+            uint32_t row =
+                table->lookupAddress({address, llvm::object::SectionedAddress::UndefSection});
             found += row != table->UnknownRowIndex ? table->Rows[row].Line : 0;
         }
     }

@@ -4,7 +4,9 @@ namespace quillet {
 
 namespace {
 
-bool IsSeparator(char c) { return c == '/' || c == '\\'; }
+bool IsSeparator(char c) {
+    return c == '/' || c == '\\';
+}
 
 } // namespace
 
@@ -27,7 +29,7 @@ std::string NormalisePath(std::string_view path) {
     // folding "x/.." is a truncation: one pass, no quadratic rescans of long names.
     std::string out;
     out.reserve(path.size());
-    std::vector<size_t> starts;  // output offset of each kept component's leading separator
+    std::vector<size_t> starts; // output offset of each kept component's leading separator
     std::vector<bool> foldable; // false for a kept ".." and for the leading (root or drive) part
     size_t i = 0;
     // The first component keeps no leading separator of its own; a root separator or a drive
@@ -128,7 +130,9 @@ void CFileTable::BeginUnit() {
     m_DirBase = static_cast<int32_t>(m_Directories.size());
 }
 
-void CFileTable::AddDirectory(std::string_view directory) { m_Directories.emplace_back(directory); }
+void CFileTable::AddDirectory(std::string_view directory) {
+    m_Directories.emplace_back(directory);
+}
 
 CError CFileTable::AddDwarfFile(std::string_view name, uint64_t directory,
                                 uint64_t modificationTime, uint64_t length) {

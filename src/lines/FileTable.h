@@ -8,9 +8,9 @@
 #include <brix/brix.h>
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
-#include <deque>
 #include <vector>
 
 namespace quillet {

@@ -261,8 +261,8 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRow
                 if (operandSize > kMaxAddressBytes)
                     return finish(Fail(at));
                 // The operand replaces the low bytes of the register; bytes above it stay.
-                uint64_t mask = operandSize == 8 ? ~uint64_t(0)
-                                                 : ((uint64_t(1) << (8 * operandSize)) - 1);
+                uint64_t mask =
+                    operandSize == 8 ? ~uint64_t(0) : ((uint64_t(1) << (8 * operandSize)) - 1);
                 address = (address & ~mask) | ReadLE(p, static_cast<unsigned>(operandSize));
                 operandOffset = static_cast<uint64_t>(p - m_pData);
                 addressSet = true;
@@ -325,7 +325,9 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRow
     return finish(kOk);
 }
 
-CRowTable::~CRowTable() { std::free(m_pRows); }
+CRowTable::~CRowTable() {
+    std::free(m_pRows);
+}
 
 void *AllocateLarge(size_t bytes) {
     constexpr size_t kHugePage = size_t(2) << 20;
@@ -356,7 +358,9 @@ void CRowTable::Reserve(size_t capacity) {
     m_nCapacity = capacity;
 }
 
-void CRowTable::Grow() { Reserve(m_nCapacity < 16 ? 16 : m_nCapacity * 2); }
+void CRowTable::Grow() {
+    Reserve(m_nCapacity < 16 ? 16 : m_nCapacity * 2);
+}
 
 void CRowTable::Swap(CRowTable &other) {
     std::swap(m_pRows, other.m_pRows);

@@ -10,10 +10,10 @@
 #include <brix/brix.h>
 
 #include <array>
-#include <cstdlib>
-#include <type_traits>
 #include <cstdint>
+#include <cstdlib>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace quillet {
@@ -37,7 +37,7 @@ enum : uint8_t {
 
 // One decoded row: a plain 24-byte value, so millions of them are one allocation.
 struct CLineRow {
-    uint64_t m_nAddress;  // offset in its section
+    uint64_t m_nAddress; // offset in its section
     uint32_t m_nLine;
     uint32_t m_nColumn;   // the column register + 1, so 1 when a program sets no column
     int32_t m_nFileIndex; // position in the file table

@@ -91,7 +91,9 @@ bool ReadSection(BrxHandle file, const char *name, std::vector<uint8_t> &bytes,
     return true;
 }
 
-char LowerAscii(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+char LowerAscii(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 // Places the sequences of a relocatable object: the relocation at a sequence's DW_LNE_set_address
 // operand names its section; the addend and the symbol's offset in its section move the sequence
@@ -103,8 +105,8 @@ public:
         BrxHandle relocation = BRX_FIRST;
         for (;;) {
             BrxHandle previous = relocation;
-            int32_t result = _brx_get_keyed(lineSection, BRX_KEY_NEXT_RELOCATION, &previous,
-                                            &relocation, 0);
+            int32_t result =
+                _brx_get_keyed(lineSection, BRX_KEY_NEXT_RELOCATION, &previous, &relocation, 0);
             if (result == BRX_ERR_NO_MORE)
                 break;
             if (result != BRX_OK)
@@ -400,7 +402,9 @@ uint32_t CBaseRetrieve::LoadCoffLines() {
     return status;
 }
 
-bool CBaseRetrieve::IsLibraryReader() const { return State().reader.get() == this; }
+bool CBaseRetrieve::IsLibraryReader() const {
+    return State().reader.get() == this;
+}
 
 void CBaseRetrieve::AttachModule(const std::u16string &producer, const std::u16string &directory,
                                  const std::u16string &name) {
@@ -409,8 +413,8 @@ void CBaseRetrieve::AttachModule(const std::u16string &producer, const std::u16s
     LibraryState &state = State();
     if (!IsLibraryReader() || state.moduleRoot)
         return;
-    CCompInfo record(kRetrieveLanguage, 0, 0, kRetrieveMachine, nullptr, nullptr,
-                     producer.c_str(), directory.c_str(), name.c_str(), u"");
+    CCompInfo record(kRetrieveLanguage, 0, 0, kRetrieveMachine, nullptr, nullptr, producer.c_str(),
+                     directory.c_str(), name.c_str(), u"");
     m_pModule = new CModuleScope(record);
     state.moduleRoot = m_pModule;
     state.currentScope = m_pModule;
@@ -443,10 +447,9 @@ CSectionRows &CBaseRetrieve::SlotOf(BrxHandle section) {
 void CBaseRetrieve::AddSpan(BrxHandle section, size_t begin) {
     if (begin == m_Rows.size())
         return;
-    bool sorted = std::is_sorted(m_Rows.data() + begin, m_Rows.data() + m_Rows.size(),
-                                 [](const CLineRow &a, const CLineRow &b) {
-                                     return a.m_nAddress < b.m_nAddress;
-                                 });
+    bool sorted = std::is_sorted(
+        m_Rows.data() + begin, m_Rows.data() + m_Rows.size(),
+        [](const CLineRow &a, const CLineRow &b) { return a.m_nAddress < b.m_nAddress; });
     m_Spans.push_back(CSequenceSpan{section, static_cast<uint32_t>(begin),
                                     static_cast<uint32_t>(m_Rows.size()), sorted});
 }
@@ -738,8 +741,8 @@ void CBaseRetrieve::BuildSourceIndex() {
 }
 
 int32_t CBaseRetrieve::FileOfRecord(int64_t record) const {
-    auto it = std::upper_bound(m_FileStarts.begin(), m_FileStarts.end(),
-                               static_cast<uint32_t>(record));
+    auto it =
+        std::upper_bound(m_FileStarts.begin(), m_FileStarts.end(), static_cast<uint32_t>(record));
     return static_cast<int32_t>(it - m_FileStarts.begin()) - 1;
 }
 

@@ -62,10 +62,13 @@ struct LineUnit {
     int headerLengthSkew = 0; // added to the true header length, to corrupt it
     Bytes program;
 
-    LineUnit &Op(uint8_t op) { program.push_back(op); return *this; }
+    LineUnit &Op(uint8_t op) {
+        program.push_back(op);
+        return *this;
+    }
     LineUnit &Special(unsigned addressAdvance, int lineAdvance) {
-        program.push_back(static_cast<uint8_t>((lineAdvance - lineBase) + lineRange * addressAdvance +
-                                               opcodeBase));
+        program.push_back(static_cast<uint8_t>((lineAdvance - lineBase) +
+                                               lineRange * addressAdvance + opcodeBase));
         return *this;
     }
     LineUnit &SetAddress(uint64_t address, unsigned size = 8) {
@@ -77,12 +80,34 @@ struct LineUnit {
     }
     // Offset of the next set_address operand within the program (add ProgramStart()).
     size_t NextOperand() const { return program.size() + 3; }
-    LineUnit &EndSequence() { program.insert(program.end(), {0, 1, 1}); return *this; }
-    LineUnit &AdvancePc(uint64_t n) { program.push_back(2); PutULEB(program, n); return *this; }
-    LineUnit &AdvanceLine(int64_t n) { program.push_back(3); PutSLEB(program, n); return *this; }
-    LineUnit &SetFile(uint64_t f) { program.push_back(4); PutULEB(program, f); return *this; }
-    LineUnit &SetColumn(uint64_t c) { program.push_back(5); PutULEB(program, c); return *this; }
-    LineUnit &Copy() { program.push_back(1); return *this; }
+    LineUnit &EndSequence() {
+        program.insert(program.end(), {0, 1, 1});
+        return *this;
+    }
+    LineUnit &AdvancePc(uint64_t n) {
+        program.push_back(2);
+        PutULEB(program, n);
+        return *this;
+    }
+    LineUnit &AdvanceLine(int64_t n) {
+        program.push_back(3);
+        PutSLEB(program, n);
+        return *this;
+    }
+    LineUnit &SetFile(uint64_t f) {
+        program.push_back(4);
+        PutULEB(program, f);
+        return *this;
+    }
+    LineUnit &SetColumn(uint64_t c) {
+        program.push_back(5);
+        PutULEB(program, c);
+        return *this;
+    }
+    LineUnit &Copy() {
+        program.push_back(1);
+        return *this;
+    }
     LineUnit &DefineFile(const std::string &name, uint64_t dir) {
         Bytes operand;
         operand.push_back(3);
@@ -118,7 +143,9 @@ struct LineUnit {
         return t;
     }
     // Bytes from the unit's start to its program.
-    size_t ProgramStart() const { return (dwarf64 ? 12 : 4) + 2 + (dwarf64 ? 8 : 4) + Tables().size(); }
+    size_t ProgramStart() const {
+        return (dwarf64 ? 12 : 4) + 2 + (dwarf64 ? 8 : 4) + Tables().size();
+    }
 
     Bytes Encode() const {
         Bytes tables = Tables();
@@ -154,8 +181,16 @@ struct InfoUnit {
     bool dwarf64 = false;
     uint64_t abbrevOffset = 0;
 
-    static Bytes Str(const std::string &s) { Bytes b; PutString(b, s); return b; }
-    static Bytes U(uint64_t v, unsigned size) { Bytes b; PutU(b, v, size); return b; }
+    static Bytes Str(const std::string &s) {
+        Bytes b;
+        PutString(b, s);
+        return b;
+    }
+    static Bytes U(uint64_t v, unsigned size) {
+        Bytes b;
+        PutU(b, v, size);
+        return b;
+    }
 
     // The usual unit: name, directory, producer, statement list (data4).
     static InfoUnit Standard(const std::string &name, const std::string &dir, uint64_t stmtList) {

@@ -77,9 +77,10 @@ TEST(ForeignCoff, LinesEqualTheDumpersFunctionByFunction) {
     if (HasFatalFailure())
         return;
     std::string object = dir.File("gen.obj");
-    qtest::CommandResult made = qtest::RunCommand(
-        "cd " + dir.Path() + " && clang-14 --target=x86_64-pc-windows-msvc -g -gcodeview -O0 "
-        "-ffunction-sections -c gen.c -o gen.obj");
+    qtest::CommandResult made =
+        qtest::RunCommand("cd " + dir.Path() +
+                          " && clang-14 --target=x86_64-pc-windows-msvc -g -gcodeview -O0 "
+                          "-ffunction-sections -c gen.c -o gen.obj");
     ASSERT_EQ(made.exitCode, 0) << made.output;
     std::vector<Table> theirs = DumpedTables(object);
     ASSERT_EQ(theirs.size(), 25u); // 24 functions and the helper
@@ -100,8 +101,8 @@ TEST(ForeignCoff, LinesEqualTheDumpersFunctionByFunction) {
         for (uint32_t i = section.m_nBegin; i < section.m_nEnd; ++i) {
             const quillet::CLineRow &row = engine.Rows()[i];
             EXPECT_EQ(row.m_nColumn, 1u);
-            table.push_back(
-                Line{row.m_nAddress, row.m_nLine, engine.Files().GetFile(row.m_nFileIndex)->m_Path});
+            table.push_back(Line{row.m_nAddress, row.m_nLine,
+                                 engine.Files().GetFile(row.m_nFileIndex)->m_Path});
         }
         ours.push_back(table);
     }

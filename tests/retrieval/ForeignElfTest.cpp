@@ -111,7 +111,8 @@ protected:
         ASSERT_TRUE(qtest::WriteTextFile(source, GenerateAssembly(kRowsPerSection, kCompDir)));
         qtest::CommandResult made =
             qtest::RunCommand("llvm-mc-14 -filetype=obj -triple x86_64-linux-gnu -g "
-                              "-dwarf-version=2 " + source + " -o " + object);
+                              "-dwarf-version=2 " +
+                              source + " -o " + object);
         ASSERT_EQ(made.exitCode, 0) << made.output;
         if (GetParam() != Link::Relocatable) {
             std::string linked = dir.File("gen.linked");

@@ -58,19 +58,19 @@ TEST(InfoSection, StatementListInEveryDataForm) {
 TEST(InfoSection, AttributesOfOtherProducersAreSkippedByForm) {
     InfoUnit unit;
     unit.attributes = {
-        {0x13, 0x05, InfoUnit::U(0x8001, 2)},              // language
-        {0x11, 0x01, InfoUnit::U(0x1000, 8)},              // low_pc
-        {0x12, 0x01, InfoUnit::U(0x2000, 8)},              // high_pc
-        {0x55, 0x17, InfoUnit::U(0x40, 4)},                // ranges, sec_offset
-        {0x2001, 0x0a, {3, 9, 9, 9}},                      // block1
-        {0x2002, 0x09, {2, 7, 7}},                         // block
-        {0x2003, 0x03, {1, 0, 5}},                         // block2
-        {0x2004, 0x0c, {1}},                               // flag
-        {0x2005, 0x19, {}},                                // flag_present
-        {0x2006, 0x16, {0x0b, 0x44}},                      // indirect data1
+        {0x13, 0x05, InfoUnit::U(0x8001, 2)}, // language
+        {0x11, 0x01, InfoUnit::U(0x1000, 8)}, // low_pc
+        {0x12, 0x01, InfoUnit::U(0x2000, 8)}, // high_pc
+        {0x55, 0x17, InfoUnit::U(0x40, 4)},   // ranges, sec_offset
+        {0x2001, 0x0a, {3, 9, 9, 9}},         // block1
+        {0x2002, 0x09, {2, 7, 7}},            // block
+        {0x2003, 0x03, {1, 0, 5}},            // block2
+        {0x2004, 0x0c, {1}},                  // flag
+        {0x2005, 0x19, {}},                   // flag_present
+        {0x2006, 0x16, {0x0b, 0x44}},         // indirect data1
         {0x03, 0x08, InfoUnit::Str("main.s")},
-        {0x2007, 0x13, InfoUnit::U(0, 4)},                 // ref4
-        {0x1b, 0x0e, InfoUnit::U(4, 4)},                   // comp_dir through .debug_str
+        {0x2007, 0x13, InfoUnit::U(0, 4)}, // ref4
+        {0x1b, 0x0e, InfoUnit::U(4, 4)},   // comp_dir through .debug_str
         {0x25, 0x08, InfoUnit::Str("another assembler")},
         {0x10, 0x06, InfoUnit::U(0x30, 4)},
     };

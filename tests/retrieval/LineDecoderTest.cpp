@@ -85,15 +85,15 @@ std::vector<ProgramCase> ProgramCases() {
     {
         LineUnit u = OneFile();
         u.SetAddress(0).Special(0, 2).Special(4, 1).Special(16, 0).EndSequence();
-        cases.push_back({"SpecialOpcodesAdvanceBothRegisters", u,
-                         {{0, 3, 1, 0}, {4, 4, 1, 0}, {20, 4, 1, 0}}});
+        cases.push_back(
+            {"SpecialOpcodesAdvanceBothRegisters", u, {{0, 3, 1, 0}, {4, 4, 1, 0}, {20, 4, 1, 0}}});
     }
     {
         LineUnit u = OneFile();
         u.SetAddress(0x100).AdvancePc(0x1000).AdvanceLine(99).Copy().AdvanceLine(-50).Copy();
         u.EndSequence();
-        cases.push_back({"LongFormsAndNegativeLineAdvance", u,
-                         {{0x1100, 100, 1, 0}, {0x1100, 50, 1, 0}}});
+        cases.push_back(
+            {"LongFormsAndNegativeLineAdvance", u, {{0x1100, 100, 1, 0}, {0x1100, 50, 1, 0}}});
     }
     {
         LineUnit u = OneFile();
@@ -105,21 +105,24 @@ std::vector<ProgramCase> ProgramCases() {
         LineUnit u = OneFile();
         // (255 - 10) / 15 = 16 per const_add_pc; fixed_advance_pc takes a 16-bit operand.
         u.SetAddress(0).Op(8).Copy().Op(9).Op(0x34).Op(0x12).Copy().EndSequence();
-        cases.push_back({"ConstAddPcAndFixedAdvancePc", u, {{16, 1, 1, 0}, {16 + 0x1234, 1, 1, 0}}});
+        cases.push_back(
+            {"ConstAddPcAndFixedAdvancePc", u, {{16, 1, 1, 0}, {16 + 0x1234, 1, 1, 0}}});
     }
     {
         LineUnit u = OneFile();
         // end_sequence resets every register, so the second sequence starts at line 1 again.
         u.SetAddress(0x40).AdvanceLine(9).Copy().SetColumn(3).EndSequence();
         u.SetAddress(0x80).Copy().EndSequence();
-        cases.push_back({"EndOfSequenceRowsAreDroppedAndResetRegisters", u,
+        cases.push_back({"EndOfSequenceRowsAreDroppedAndResetRegisters",
+                         u,
                          {{0x40, 10, 1, 0}, {0x80, 1, 1, 0}}});
     }
     {
         LineUnit u = OneFile();
         u.minInst = 4;
         u.SetAddress(0).AdvancePc(3).Copy().Special(2, 1).EndSequence();
-        cases.push_back({"MinimumInstructionLengthScalesAdvances", u, {{12, 1, 1, 0}, {20, 2, 1, 0}}});
+        cases.push_back(
+            {"MinimumInstructionLengthScalesAdvances", u, {{12, 1, 1, 0}, {20, 2, 1, 0}}});
     }
     {
         // Another producer's header: line_base -5, line_range 14, opcode_base 13; opcodes 10 and
@@ -132,7 +135,8 @@ std::vector<ProgramCase> ProgramCases() {
         u.SetAddress(0x10).Op(10).Op(11).Op(12).Op(0x85).Op(0x01).AdvanceLine(9);
         u.Special(0, -2).Special(3, 4);
         u.EndSequence();
-        cases.push_back({"OpcodesBeyondTheKnownOnesAreSkippedByTheirDeclaredOperands", u,
+        cases.push_back({"OpcodesBeyondTheKnownOnesAreSkippedByTheirDeclaredOperands",
+                         u,
                          {{0x10, 8, 1, 0}, {0x13, 12, 1, 0}}});
     }
     {
@@ -141,14 +145,14 @@ std::vector<ProgramCase> ProgramCases() {
         u.opcodeBase = 4;
         u.opcodeLengths = {0, 1, 1};
         u.SetAddress(0).Op(4).Op(5).EndSequence();
-        cases.push_back({"LowOpcodeBaseTurnsStandardNumbersIntoSpecials", u,
-                         {{0, 1, 1, 0}, {0, 2, 1, 0}}});
+        cases.push_back(
+            {"LowOpcodeBaseTurnsStandardNumbersIntoSpecials", u, {{0, 1, 1, 0}, {0, 2, 1, 0}}});
     }
     {
         LineUnit u = OneFile();
         u.SetAddress(0x1122334455667788).SetAddress(0xaabbccdd, 4).Copy().EndSequence();
-        cases.push_back({"FourByteOperandReplacesOnlyTheLowHalf", u,
-                         {{0x11223344aabbccdd, 1, 1, 0}}});
+        cases.push_back(
+            {"FourByteOperandReplacesOnlyTheLowHalf", u, {{0x11223344aabbccdd, 1, 1, 0}}});
     }
     {
         LineUnit u = OneFile();

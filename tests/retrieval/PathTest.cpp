@@ -22,15 +22,15 @@ TEST(Paths, DirectoryAndNameJoinAndNormalise) {
         {"c:\\work\\", "y.s", "c:\\work\\y.s"},
         {"/a/b", "../c/./d.s", "/a/c/d.s"},
         {"/a/b/./../..", "e.s", "/e.s"},
-        {"/a", "/abs/f.s", "/abs/f.s"},          // an absolute name stands alone
-        {"c:\\x", "d:\\y\\g.s", "d:\\y\\g.s"},   // so does one with a drive
+        {"/a", "/abs/f.s", "/abs/f.s"},        // an absolute name stands alone
+        {"c:\\x", "d:\\y\\g.s", "d:\\y\\g.s"}, // so does one with a drive
         {"c:\\x", "\\y\\g.s", "\\y\\g.s"},
         {"/mixed\\seps/", "sub\\..\\h.s", "/mixed\\seps\\h.s"},
-        {"..", "i.s", "..\\i.s"},                // nothing before the parent step to fold
-        {"/", "../j.s", "/../j.s"},              // the root is never folded away
+        {"..", "i.s", "..\\i.s"},   // nothing before the parent step to fold
+        {"/", "../j.s", "/../j.s"}, // the root is never folded away
         {"", "k.s", "k.s"},
         {"c:", "..\\l.s", "c:\\..\\l.s"},
-        {"/a", "b..c/m.s", "/a/b..c/m.s"},       // dots inside a name are not a step
+        {"/a", "b..c/m.s", "/a/b..c/m.s"}, // dots inside a name are not a step
     };
     for (const PathCase &c : cases) {
         SCOPED_TRACE(std::string(c.directory) + " + " + c.name);

@@ -108,11 +108,11 @@ TEST_F(RetrieveQuery, ByOffset) {
         uint32_t file;
     } cases[] = {
         {text, 1, 0x8, DBG_ERR_NONE, 0x8, 5, 0},
-        {text, 0, 0x8, DBG_ERR_NONE, 0x0, 2, 0},          // the row before
+        {text, 0, 0x8, DBG_ERR_NONE, 0x0, 2, 0},           // the row before
         {text, 0, 0x0, DBG_ERR_NO_PREVIOUS_LINE, 0, 0, 0}, // before the first row
         {text, 1, 0x9, DBG_ERR_NO_LINE_AT_OFFSET, 0, 0, 0},
         {text, 1, 0x100, DBG_ERR_NO_LINE_AT_OFFSET, 0, 0, 0},
-        {text, 1, 0x20, DBG_ERR_NONE, 0x20, 6, 1},         // the first of two rows there
+        {text, 1, 0x20, DBG_ERR_NONE, 0x20, 6, 1}, // the first of two rows there
         {text, 0, 0x20, DBG_ERR_NONE, 0x14, 6, 0},
         {init, 1, 0x0, DBG_ERR_NONE, 0x0, 30, 0},
     };
@@ -253,8 +253,8 @@ TEST(RetrieveLoad, ShortLineSectionAndBrokenUnits) {
     u.files = {{"a.s", 0}};
     u.SetAddress(0).Copy().Copy();
     Bytes line = u.Encode();
-    CDwarfSections s{info.data(), info.size(), abbrev.data(), abbrev.size(),
-                     line.data(), line.size()};
+    CDwarfSections s{info.data(),   info.size(), abbrev.data(),
+                     abbrev.size(), line.data(), line.size()};
     struct AnyPlacer : CSequencePlacer {
         CError Place(uint64_t, uint64_t, BrxHandle &section, int64_t &bias) override {
             section = 1;
@@ -296,8 +296,15 @@ namespace {
 TEST(RetrieveLookup, SparseAndRepeatedOffsets) {
     const uint64_t kFar = uint64_t(1) << 40;
     const std::pair<uint64_t, uint32_t> rows[] = {
-        {~uint64_t(0), 9}, {uint64_t(1) << 63, 8}, {kFar + 3, 7}, {kFar, 5}, {kFar, 6},
-        {5, 4},            {1, 3},                 {0, 1},        {0, 2},
+        {~uint64_t(0), 9},
+        {uint64_t(1) << 63, 8},
+        {kFar + 3, 7},
+        {kFar, 5},
+        {kFar, 6},
+        {5, 4},
+        {1, 3},
+        {0, 1},
+        {0, 2},
     };
     LineUnit u;
     u.files = {{"a.s", 0}};
@@ -315,8 +322,8 @@ TEST(RetrieveLookup, SparseAndRepeatedOffsets) {
         }
     } placer;
     CBaseRetrieve engine;
-    CDwarfSections s{info.data(), info.size(), abbrev.data(), abbrev.size(),
-                     line.data(), line.size()};
+    CDwarfSections s{info.data(),   info.size(), abbrev.data(),
+                     abbrev.size(), line.data(), line.size()};
     ASSERT_EQ(engine.LoadDwarf(s, placer), DBG_ERR_NONE);
     DbgLineSectionHandle *handle = engine.SectionHandle(kText);
 
@@ -325,9 +332,17 @@ TEST(RetrieveLookup, SparseAndRepeatedOffsets) {
         uint32_t status;
         uint32_t line;
     } cases[] = {
-        {0, 0, 1},          {1, 0, 3},          {5, 0, 4},         {kFar, 0, 5},
-        {kFar + 3, 0, 7},   {uint64_t(1) << 63, 0, 8},             {~uint64_t(0), 0, 9},
-        {2, 29, 0},         {kFar - 1, 29, 0},  {kFar + 1, 29, 0}, {~uint64_t(0) - 1, 29, 0},
+        {0, 0, 1},
+        {1, 0, 3},
+        {5, 0, 4},
+        {kFar, 0, 5},
+        {kFar + 3, 0, 7},
+        {uint64_t(1) << 63, 0, 8},
+        {~uint64_t(0), 0, 9},
+        {2, 29, 0},
+        {kFar - 1, 29, 0},
+        {kFar + 1, 29, 0},
+        {~uint64_t(0) - 1, 29, 0},
         {(uint64_t(1) << 63) + 1, 29, 0},
     };
     for (const auto &c : cases) {
