@@ -45,23 +45,4 @@ TEST(Paths, Utf8AndUtf16Convert) {
     EXPECT_EQ(Utf16ToUtf8(u"a\u00e9\u20ac"), "a\xc3\xa9\xe2\x82\xac");
 }
 
-TEST(FileTable, UnitNumbersCountFromTheUnitsBase) {
-    CFileTable table;
-    table.BeginUnit();
-    table.AddDirectory("/u1");
-    ASSERT_TRUE(table.AddDwarfFile("a.s", 0, 5, 10).Ok());
-    table.BeginUnit();
-    table.AddDirectory("/u2");
-    table.AddDirectory("/u2/inc");
-    EXPECT_TRUE(table.AddDwarfFile("b.s", 1, 0, 0).Ok());
-    EXPECT_TRUE(table.AddDwarfFile("c.s", 2, 0, 0).Failed()); // the unit has directories 0, 1
-    EXPECT_EQ(table.FileIndexOfUnitFile(1), 1);
-    EXPECT_EQ(table.FileIndexOfUnitFile(2), -1);
-    EXPECT_EQ(table.FileIndexOfUnitFile(0), -1);
-    EXPECT_EQ(table.GetFile(1)->m_Path, "/u2/inc/b.s");
-    EXPECT_EQ(table.GetFile(0)->m_nModificationTime, 5u);
-    EXPECT_EQ(table.GetFile(2), nullptr);
-    EXPECT_EQ(table.GetFile(-1), nullptr);
-}
-
 } // namespace

@@ -284,22 +284,4 @@ TEST_F(RetrievalApi, BadObjectsGiveTheirStatus) {
     EXPECT_EQ(DbgLine_open_object_and_source_file(good.c_str(), elsewhere, &handle), 33u);
 }
 
-TEST_F(RetrievalApi, TruncatedObjectsNeverCrash) {
-    std::string good = WriteObject(dir, "good.o", GoodObject());
-    std::vector<uint8_t> bytes = qtest::ReadFileBytes(good);
-    ASSERT_FALSE(bytes.empty());
-    // Every prefix length on a coarse grid, and every byte flipped in the first 256 bytes.
-    std::string cut = dir.File("cut.o");
-    for (size_t length = 0; length < bytes.size(); length += 7) {
-        std::string text(bytes.begin(), bytes.begin() + length);
-        ASSERT_TRUE(qtest::WriteTextFile(cut, text));
-        Dbg_init(1);
-        char source[] = "/proj/main.s";
-        DbgSourceHandle *handle = nullptr;
-        uint32_t status = DbgLine_open_object_and_source_file(cut.c_str(), source, &handle);
-        EXPECT_NE(status, 0u) << length;
-        Dbg_finish();
-    }
-}
-
 } // namespace
