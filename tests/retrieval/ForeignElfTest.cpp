@@ -103,7 +103,7 @@ enum class Link { Relocatable, Executable, Shared };
 class ForeignElf : public ::testing::TestWithParam<Link> {
 protected:
     static constexpr int kRowsPerSection = 2000;
-    const std::string kCompDir = "/work/gen";
+    const std::string kCompDir = "/build/gen";
 
     void SetUp() override {
         std::string source = dir.File("gen.s");
@@ -124,7 +124,7 @@ protected:
         }
         sequences = DumpedSequences(object);
         ASSERT_EQ(sequences.size(), 3u);
-        char name[] = "/WORK/gen/main.s";
+        char name[] = "/BUILD/gen/main.s";
         ASSERT_EQ(engine.OpenObjectAndSourceFile(object.c_str(), name, &mainSource), 0u);
     }
 
@@ -167,7 +167,7 @@ TEST_P(ForeignElf, FilesAreJoinedAndNormalised) {
     uint32_t count = 0;
     ASSERT_EQ(engine.SourceFileCount(&count), 0u);
     ASSERT_EQ(count, 3u);
-    const char *expected[] = {"/work/gen/main.s", "/abs/inc/defs.inc", "/work/rel/more.s"};
+    const char *expected[] = {"/build/gen/main.s", "/abs/inc/defs.inc", "/build/rel/more.s"};
     for (int i = 0; i < 3; ++i) {
         char buffer[64];
         uint32_t size = sizeof(buffer);
@@ -179,7 +179,7 @@ TEST_P(ForeignElf, FilesAreJoinedAndNormalised) {
 
 TEST_P(ForeignElf, EveryRowIsFoundByOffsetAndBySource) {
     DbgSourceHandle *files[3];
-    char names[3][32] = {"/work/gen/main.s", "/abs/inc/defs.inc", "/work/rel/more.s"};
+    char names[3][32] = {"/build/gen/main.s", "/abs/inc/defs.inc", "/build/rel/more.s"};
     for (int i = 0; i < 3; ++i)
         ASSERT_EQ(engine.FindSource(names[i], &files[i]), 0u);
     for (int s = 0; s < 3; ++s) {

@@ -55,7 +55,7 @@ struct Decoded {
     CFileTable files;
 };
 
-Decoded Decode(const Bytes &section, CSequencePlacer &placer, const std::string &dir = "/work",
+Decoded Decode(const Bytes &section, CSequencePlacer &placer, const std::string &dir = "/build",
                uint64_t offset = 0) {
     Decoded d;
     CLineSection reader(section.data(), section.size());
