@@ -1,12 +1,13 @@
 # Two entry points: `make demo` (the main job) and `make check` (every test, twice: a normal
-# build and an AddressSanitizer + UndefinedBehaviorSanitizer build).
+# build and an AddressSanitizer + UndefinedBehaviorSanitizer build; then the readers' fuzzer
+# for a bounded time).
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all demo check test test-asan configure install clean
+.PHONY: all demo check test test-asan fuzz configure install clean
 
 all: configure
 	cmake --build $(BUILD) -j $(JOBS)
@@ -26,13 +27,19 @@ test-asan:
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j $(JOBS)
 
-check: test test-asan
+# The fuzzer over the object readers and the line decoder, built with clang from the sources.
+FUZZ_BUILD   ?= build-fuzz
+FUZZ_SECONDS ?= 60
+fuzz:
+	FUZZ_BUILD_DIR=$(abspath $(FUZZ_BUILD)) ./fuzz/run.sh $(FUZZ_SECONDS)
+
+check: test test-asan fuzz
 
 install: all
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
 
 # The benchmarks, in a Release build of their own.
 BENCH_BUILD ?= build-bench
