@@ -132,7 +132,8 @@ public:
             } else {
                 return false;
             }
-            entry.m_nBias = addend + static_cast<int64_t>(symbolOffset);
+            // Wraps like the address arithmetic it feeds; a hostile addend must not overflow.
+            entry.m_nBias = static_cast<int64_t>(static_cast<uint64_t>(addend) + symbolOffset);
             m_Entries.push_back(entry);
         }
         auto byOffset = [](const Entry &a, const Entry &b) { return a.m_nOffset < b.m_nOffset; };
@@ -198,7 +199,7 @@ public:
         if (rowAddress - it->m_nAddress >= it->m_nSize)
             return kFailed;
         section = it->m_Section;
-        bias = -static_cast<int64_t>(it->m_nAddress);
+        bias = static_cast<int64_t>(uint64_t(0) - it->m_nAddress);
         return kOk;
     }
 
