@@ -22,7 +22,7 @@ std::string WithoutMachine(const TempDir &dir, const std::string &path) {
 
 TEST(CoffConsumer, ReadobjAcceptsAndShowsTheObject) {
     if (!ToolAvailable("llvm-readobj-14"))
-        GTEST_SKIP() << "llvm-readobj-14 is not installed";
+        FAIL() << "llvm-readobj-14 is not installed";
     TempDir dir;
     std::string path = dir.File("sample.obj");
     WriteCodeViewSample(path, false);
@@ -61,7 +61,7 @@ TEST(CoffConsumer, ReadobjAcceptsAndShowsTheObject) {
 
 TEST(CoffConsumer, ReadobjShowsTheLineTables) {
     if (!ToolAvailable("llvm-readobj-14"))
-        GTEST_SKIP() << "llvm-readobj-14 is not installed";
+        FAIL() << "llvm-readobj-14 is not installed";
     TempDir dir;
     std::string path = dir.File("sample.obj");
     WriteCodeViewSample(path, false);
@@ -171,7 +171,8 @@ TEST(CoffManyRelocations, OverflowCountIsReadByReadobjAndByBrix) {
     ASSERT_EQ(_brx_write_file(file), 0);
     ASSERT_EQ(_brx_close_file(file), 0);
 
-    if (ToolAvailable("llvm-readobj-14")) {
+    ASSERT_TRUE(ToolAvailable("llvm-readobj-14")) << "llvm-readobj-14 is not installed";
+    {
         CommandResult r = RunCommand("llvm-readobj-14 --sections --relocations '" +
                                      WithoutMachine(dir, path) + "' | grep -c ' Unknown .text ('");
         EXPECT_EQ(r.output, std::to_string(count) + "\n");

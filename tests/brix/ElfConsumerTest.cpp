@@ -19,7 +19,7 @@ class ElfConsumer : public ::testing::TestWithParam<ElfCase> {};
 
 TEST_P(ElfConsumer, ReadelfAcceptsAndShowsTheObject) {
     if (!ToolAvailable("readelf"))
-        GTEST_SKIP() << "readelf is not installed";
+        FAIL() << "readelf is not installed";
     const ElfCase &c = GetParam();
     TempDir dir;
     std::string path = dir.File(std::string(c.name) + ".o");
@@ -99,7 +99,8 @@ TEST(ElfManySections, ExtendedNumberingIsReadByReadelfAndByBrix) {
     ASSERT_EQ(_brx_write_file(file), 0);
     ASSERT_EQ(_brx_close_file(file), 0);
 
-    if (ToolAvailable("readelf")) {
+    ASSERT_TRUE(ToolAvailable("readelf")) << "readelf is not installed";
+    {
         CommandResult r = RunCommand("readelf -h -s -r -W '" + path + "'");
         ASSERT_EQ(r.exitCode, 0);
         EXPECT_TRUE(ComplaintLines(r.output).empty()) << r.output.substr(0, 4000);

@@ -101,7 +101,7 @@ TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
     const ElfCase &c = GetParam();
     if (!ToolAvailable("llvm-mc-14") || !ToolAvailable("llvm-readobj-14") ||
         (c.link && !ToolAvailable("ld")))
-        GTEST_SKIP() << "llvm-mc-14, llvm-readobj-14 or ld is not installed";
+        FAIL() << "llvm-mc-14, llvm-readobj-14 or ld is not installed";
     TempDir dir;
     std::string source = Assembly(c.word, c.extra);
     WriteFileBytes(dir.File("t.s"), std::vector<uint8_t>(source.begin(), source.end()));
@@ -267,7 +267,7 @@ class ForeignCoff : public ::testing::TestWithParam<CompileCase> {};
 
 TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
     if (!ToolAvailable("clang-14") || !ToolAvailable("llvm-readobj-14"))
-        GTEST_SKIP() << "clang-14 or llvm-readobj-14 is not installed";
+        FAIL() << "clang-14 or llvm-readobj-14 is not installed";
     TempDir dir;
     WriteFileBytes(dir.File("main.c"),
                    std::vector<uint8_t>(kSourceMain, kSourceMain + sizeof kSourceMain - 1));

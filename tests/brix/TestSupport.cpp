@@ -14,41 +14,8 @@
 
 namespace brixtest {
 
-TempDir::TempDir() {
-    const char *base = std::getenv("TMPDIR");
-    std::string templ = std::string(base && *base ? base : "/tmp") + "/brix-test-XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()))
-        m_Path = buf.data();
-}
-
-TempDir::~TempDir() {
-    if (!m_Path.empty())
-        RunCommand("rm -rf '" + m_Path + "'");
-}
-
-CommandResult RunCommand(const std::string &command) {
-    CommandResult result;
-    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
-    if (!pipe)
-        return result;
-    std::array<char, 4096> chunk;
-    size_t n;
-    while ((n = fread(chunk.data(), 1, chunk.size(), pipe)) > 0)
-        result.output.append(chunk.data(), n);
-    int status = pclose(pipe);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
-}
-
 bool ToolAvailable(const std::string &tool) {
     return RunCommand("command -v " + tool + " >/dev/null").exitCode == 0;
-}
-
-std::vector<uint8_t> ReadFileBytes(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
 }
 
 void WriteFileBytes(const std::string &path, const std::vector<uint8_t> &bytes) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "brix/brix.h"
+#include "support/Support.h"
 
 #include <cstdint>
 #include <string>
@@ -10,30 +11,14 @@
 
 namespace brixtest {
 
-// A fresh directory, removed with its contents when the object goes.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    const std::string &Path() const { return m_Path; }
-    std::string File(const std::string &name) const { return m_Path + "/" + name; }
+// The temporary directory, command runner and file reader shared by every test program.
+using qtest::CommandResult;
+using qtest::ReadFileBytes;
+using qtest::RunCommand;
+using qtest::TempDir;
 
-private:
-    std::string m_Path;
-};
-
-struct CommandResult {
-    int exitCode = -1;
-    std::string output; // standard output and standard error together
-};
-
-// Runs a shell command; its output is captured.
-CommandResult RunCommand(const std::string &command);
 bool ToolAvailable(const std::string &tool);
 
-std::vector<uint8_t> ReadFileBytes(const std::string &path);
 void WriteFileBytes(const std::string &path, const std::vector<uint8_t> &bytes);
 
 // Lines of text that mention a warning or an error, in any letter case.
