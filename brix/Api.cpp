@@ -100,15 +100,6 @@ bool ReadWholeFile(const char *path, std::vector<uint8_t> &out) {
     return ok;
 }
 
-bool WriteWholeFile(const std::string &path, const std::vector<uint8_t> &bytes) {
-    FILE *fp = std::fopen(path.c_str(), "wb");
-    if (!fp)
-        return false;
-    bool ok = bytes.empty() || std::fwrite(bytes.data(), 1, bytes.size(), fp) == bytes.size();
-    ok = std::fclose(fp) == 0 && ok;
-    return ok;
-}
-
 // Every entry point catches what the standard library may throw (an allocation that fails on a
 // size taken from a file or a caller), so that the C boundary only ever sees a result.
 template <class Body> int32_t Guarded(Body body) {
@@ -194,9 +185,14 @@ BRIX_API int32_t _brx_write_file(BrxHandle file) {
         if (!e || !e->m_pFile->m_bWritable)
             return kFailed;
         const CBrxFile &f = *e->m_pFile;
-        std::vector<uint8_t> bytes;
-        bool ok = f.m_nFormat == BRX_FORMAT_COFF ? WriteCoff(f, bytes) : WriteElf(f, bytes);
-        return ok && WriteWholeFile(f.m_Path, bytes) ? kOk : kFailed;
+        // The file is streamed to disk as it is serialised; a refused one is not left behind.
+        CByteBuffer out(f.m_Path);
+        bool ok = f.m_nFormat == BRX_FORMAT_COFF ? WriteCoff(f, out) : WriteElf(f, out);
+        if (!ok) {
+            out.Abandon();
+            return kFailed;
+        }
+        return out.Finish() ? kOk : kFailed;
     });
 }
 

@@ -1,9 +1,17 @@
-// Little-endian output buffer for the writers: appends fields at the end and patches fields that
-// are known only later (offsets of data that follows the headers).
+// Little-endian output for the writers: appends fields at the end and patches fields that are
+// known only later (offsets of data that follows the headers).
+//
+// A sink made with a path streams the file: bytes gather in a small buffer that goes to the file
+// whenever it fills, large blocks (section contents) go straight through, and patches of bytes
+// already written are kept and applied once everything else is out. The file is opened only
+// when the first bytes leave the buffer, so a writer that gives up early leaves no file behind.
+// A sink made without a path keeps everything in memory (Data()).
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -11,12 +19,23 @@ namespace brix {
 
 class CByteBuffer {
 public:
-    explicit CByteBuffer(std::vector<uint8_t> &out) : m_Out(out) {}
+    CByteBuffer() = default;
+    explicit CByteBuffer(std::string path) : m_Path(std::move(path)), m_bStreams(true) {}
+    ~CByteBuffer() {
+        if (m_pFile)
+            std::fclose(m_pFile);
+    }
+    CByteBuffer(const CByteBuffer &) = delete;
+    CByteBuffer &operator=(const CByteBuffer &) = delete;
 
-    size_t Size() const { return m_Out.size(); }
-    void Reserve(size_t n) { m_Out.reserve(n); }
+    uint64_t Size() const { return m_nFlushed + m_Out.size(); }
+    // The bytes of an in-memory sink.
+    const std::vector<uint8_t> &Data() const { return m_Out; }
 
-    void U8(uint8_t v) { m_Out.push_back(v); }
+    void U8(uint8_t v) {
+        m_Out.push_back(v);
+        Spill();
+    }
     void U16(uint16_t v) { Put(v, 2); }
     void U32(uint32_t v) { Put(v, 4); }
     void U64(uint64_t v) { Put(v, 8); }
@@ -24,12 +43,27 @@ public:
     void Word(uint64_t v, unsigned width) { Put(v, width); }
     void Bytes(const void *data, size_t n) {
         const uint8_t *p = static_cast<const uint8_t *>(data);
+        if (m_bStreams && n >= kDirect) {
+            Flush();
+            if (!m_bFailed && std::fwrite(p, 1, n, m_pFile) != n)
+                m_bFailed = true;
+            m_nFlushed += n;
+            return;
+        }
         m_Out.insert(m_Out.end(), p, p + n);
+        Spill();
     }
-    void Zeros(size_t n) { m_Out.resize(m_Out.size() + n, 0); }
+    void Zeros(uint64_t n) {
+        while (n > 0) {
+            size_t step = m_bStreams && n > kChunk ? kChunk : size_t(n);
+            m_Out.resize(m_Out.size() + step, 0);
+            Spill();
+            n -= step;
+        }
+    }
     void AlignTo(uint64_t alignment) {
-        if (alignment > 1 && m_Out.size() % alignment != 0)
-            Zeros(alignment - m_Out.size() % alignment);
+        if (alignment > 1 && Size() % alignment != 0)
+            Zeros(alignment - Size() % alignment);
     }
     // A name field of fixed width, zero padded (the caller makes sure the name fits).
     void FixedString(std::string_view s, size_t width) {
@@ -38,21 +72,105 @@ public:
             Zeros(width - s.size());
     }
 
-    void PatchU16(size_t at, uint16_t v) { Patch(at, v, 2); }
-    void PatchU32(size_t at, uint32_t v) { Patch(at, v, 4); }
-    void PatchWord(size_t at, uint64_t v, unsigned width) { Patch(at, v, width); }
+    void PatchU16(uint64_t at, uint16_t v) { Patch(at, v, 2); }
+    void PatchU32(uint64_t at, uint32_t v) { Patch(at, v, 4); }
+    void PatchWord(uint64_t at, uint64_t v, unsigned width) { Patch(at, v, width); }
+    // Replaces bytes written before (the whole range must have been written).
+    void PatchBytes(uint64_t at, const uint8_t *data, size_t n) {
+        for (size_t i = 0; i < n; ++i) {
+            if (at + i >= m_nFlushed) {
+                m_Out[at + i - m_nFlushed] = data[i];
+            } else if (m_Patches.empty() || m_Patches.back().m_nAt + m_Patches.back().m_Bytes.size() !=
+                                                at + i) {
+                m_Patches.push_back({at + i, {data[i]}});
+            } else {
+                m_Patches.back().m_Bytes.push_back(data[i]);
+            }
+        }
+    }
+
+    // Streaming sinks: writes what is left and the patches, and closes the file. False when
+    // anything could not be written.
+    bool Finish() {
+        if (!m_bStreams)
+            return true;
+        Flush();
+        for (const CPatch &p : m_Patches) {
+            if (m_bFailed)
+                break;
+            if (fseeko(m_pFile, off_t(p.m_nAt), SEEK_SET) != 0 ||
+                std::fwrite(p.m_Bytes.data(), 1, p.m_Bytes.size(), m_pFile) != p.m_Bytes.size())
+                m_bFailed = true;
+        }
+        if (m_pFile && std::fclose(m_pFile) != 0)
+            m_bFailed = true;
+        m_pFile = nullptr;
+        return !m_bFailed;
+    }
+    // Streaming sinks: gives up; a file already begun is removed.
+    void Abandon() {
+        if (!m_bStreams)
+            return;
+        if (m_pFile) {
+            std::fclose(m_pFile);
+            m_pFile = nullptr;
+            std::remove(m_Path.c_str());
+        }
+        m_Out.clear();
+        m_bFailed = true;
+    }
 
 private:
+    static constexpr size_t kChunk = 64 * 1024; // the buffer goes out when it holds this much
+    static constexpr size_t kDirect = 16 * 1024; // blocks this large bypass the buffer
+
+    struct CPatch {
+        uint64_t m_nAt;
+        std::vector<uint8_t> m_Bytes;
+    };
+
     void Put(uint64_t v, unsigned width) {
+        uint8_t bytes[8];
         for (unsigned i = 0; i < width; ++i)
-            m_Out.push_back(uint8_t(v >> (8 * i)));
+            bytes[i] = uint8_t(v >> (8 * i));
+        m_Out.insert(m_Out.end(), bytes, bytes + width);
+        Spill();
     }
-    void Patch(size_t at, uint64_t v, unsigned width) {
+    void Patch(uint64_t at, uint64_t v, unsigned width) {
+        uint8_t bytes[8];
         for (unsigned i = 0; i < width; ++i)
-            m_Out[at + i] = uint8_t(v >> (8 * i));
+            bytes[i] = uint8_t(v >> (8 * i));
+        PatchBytes(at, bytes, width);
+    }
+    void Spill() {
+        if (m_bStreams && m_Out.size() >= kChunk)
+            Flush();
+    }
+    void Open() {
+        m_pFile = std::fopen(m_Path.c_str(), "wb");
+        if (!m_pFile)
+            m_bFailed = true;
+    }
+    // After a failure the bytes are dropped, so the buffer stays small.
+    void Flush() {
+        if (!m_bStreams)
+            return;
+        if (!m_pFile && !m_bFailed)
+            Open();
+        if (!m_bFailed && !m_Out.empty() &&
+            std::fwrite(m_Out.data(), 1, m_Out.size(), m_pFile) != m_Out.size())
+            m_bFailed = true;
+        m_nFlushed += m_Out.size();
+        m_Out.clear();
     }
 
-    std::vector<uint8_t> &m_Out;
+    std::vector<uint8_t> m_Out;
+    std::string m_Path;
+    bool m_bStreams = false;
+    bool m_bFailed = false;
+    std::FILE *m_pFile = nullptr;
+    uint64_t m_nFlushed = 0; // bytes that left the buffer
+    std::vector<CPatch> m_Patches;
 };
 
 } // namespace brix

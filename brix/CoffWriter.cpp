@@ -24,7 +24,7 @@ constexpr uint32_t kMaxRelocationsInField = 0xffff;
 
 class CCoffWriter {
 public:
-    CCoffWriter(const CBrxFile &file, std::vector<uint8_t> &out) : m_File(file), m_Out(out) {}
+    CCoffWriter(const CBrxFile &file, CByteBuffer &out) : m_File(file), m_Out(out) {}
 
     bool Write();
 
@@ -47,7 +47,7 @@ private:
     void WriteSymbols();
 
     const CBrxFile &m_File;
-    std::vector<uint8_t> &m_Out;
+    CByteBuffer &m_Out;
     // The string table starts with its own 4-byte size, so offsets count from there.
     std::string m_Strings = std::string(4, '\0');
 
@@ -148,7 +148,7 @@ bool CCoffWriter::SectionCharacteristics(const CSection &s, uint32_t &out) const
 }
 
 void CCoffWriter::WriteSymbolName(std::string_view name) {
-    CByteBuffer b(m_Out);
+    CByteBuffer &b = m_Out;
     if (name.size() <= kShortNameSize) {
         b.FixedString(name, kShortNameSize);
     } else {
@@ -159,7 +159,7 @@ void CCoffWriter::WriteSymbolName(std::string_view name) {
 
 void CCoffWriter::WriteSymbol(std::string_view name, uint32_t value, int16_t section, uint16_t type,
                               uint8_t storageClass, uint8_t auxCount) {
-    CByteBuffer b(m_Out);
+    CByteBuffer &b = m_Out;
     WriteSymbolName(name);
     b.U32(value);
     b.U16(uint16_t(section));
@@ -169,7 +169,7 @@ void CCoffWriter::WriteSymbol(std::string_view name, uint32_t value, int16_t sec
 }
 
 void CCoffWriter::WriteSymbols() {
-    CByteBuffer b(m_Out);
+    CByteBuffer &b = m_Out;
     auto writeModelSymbol = [&](const CSymbol &s) {
         int16_t section = IMAGE_SYM_UNDEFINED;
         if (s.m_Section != 0)
@@ -232,9 +232,20 @@ bool CCoffWriter::Write() {
     total += uint64_t(m_nSymbolCount) * kSymbolSize + m_File.m_Names.size() + 4;
     if (total > 0xffffffffu)
         return false;
-    m_Out.clear();
-    m_Out.reserve(total);
-    CByteBuffer b(m_Out);
+    // Everything that can refuse the file is settled before the first byte is written.
+    std::vector<uint32_t> characteristics(n, 0);
+    std::vector<uint32_t> longName(n, kNone);
+    for (size_t i = 0; i < n; ++i) {
+        const CSection &s = m_File.m_Sections[i];
+        if (!SectionCharacteristics(s, characteristics[i]))
+            return false;
+        if (s.m_Name.size() > kShortNameSize)
+            longName[i] = AddString(s.m_Name);
+    }
+    // A "/n" name needs n in at most seven digits.
+    if (m_Strings.size() > 9999999)
+        return false;
+    CByteBuffer &b = m_Out;
 
     b.U16(uint16_t(m_File.m_nMachine));
     b.U16(uint16_t(n));
@@ -245,17 +256,14 @@ bool CCoffWriter::Write() {
     b.U16(0); // optional header size
     b.U16(0); // characteristics
 
-    std::vector<size_t> headerAt(n);
+    std::vector<uint64_t> headerAt(n);
     for (size_t i = 0; i < n; ++i) {
         const CSection &s = m_File.m_Sections[i];
         headerAt[i] = b.Size();
-        if (s.m_Name.size() <= kShortNameSize)
+        if (longName[i] == kNone)
             b.FixedString(s.m_Name, kShortNameSize);
         else
-            b.FixedString("/" + std::to_string(AddString(s.m_Name)), kShortNameSize);
-        uint32_t characteristics = 0;
-        if (!SectionCharacteristics(s, characteristics))
-            return false;
+            b.FixedString("/" + std::to_string(longName[i]), kShortNameSize);
         b.U32(0); // virtual size
         b.U32(0); // virtual address
         b.U32(uint32_t(s.Size()));
@@ -266,19 +274,17 @@ bool CCoffWriter::Write() {
         b.U16(
             uint16_t(relocations > kMaxRelocationsInField ? kMaxRelocationsInField : relocations));
         b.U16(0); // line numbers
-        b.U32(characteristics);
+        b.U32(characteristics[i]);
     }
-    // A "/n" name needs n in at most seven digits.
-    if (m_Strings.size() > 9999999)
-        return false;
 
     for (size_t i = 0; i < n; ++i) {
         const CSection &s = m_File.m_Sections[i];
         if (s.Size() > 0) {
             b.PatchU32(headerAt[i] + 20, uint32_t(b.Size()));
-            size_t at = m_Out.size();
-            m_Out.resize(at + s.Size());
-            s.Read(0, s.Size(), m_Out.data() + at);
+            if (s.m_bUsesView && s.m_bZeroFill)
+                b.Zeros(s.Size());
+            else
+                b.Bytes(s.m_bUsesView ? s.m_pView : s.m_Data.data(), s.Size());
         }
         if (s.m_Relocations.empty())
             continue;
@@ -308,12 +314,12 @@ bool CCoffWriter::Write() {
     m_Strings[2] = char(stringTableSize >> 16);
     m_Strings[3] = char(stringTableSize >> 24);
     b.Bytes(m_Strings.data(), m_Strings.size());
-    return m_Out.size() <= 0xffffffffu;
+    return m_Out.Size() <= 0xffffffffu;
 }
 
 } // namespace
 
-bool WriteCoff(const CBrxFile &file, std::vector<uint8_t> &out) {
+bool WriteCoff(const CBrxFile &file, CByteBuffer &out) {
     return CCoffWriter(file, out).Write();
 }
 

@@ -37,7 +37,7 @@ bool Fits32(uint64_t v);
 
 class CElfWriter {
 public:
-    CElfWriter(const CBrxFile &file, std::vector<uint8_t> &out)
+    CElfWriter(const CBrxFile &file, CByteBuffer &out)
         : m_File(file), m_Out(out), m_b64(file.m_nFormat == BRX_FORMAT_ELF64),
           m_nWord(m_b64 ? 8 : 4) {}
 
@@ -69,7 +69,7 @@ private:
     void WriteHeaders(uint64_t sectionHeaders);
 
     const CBrxFile &m_File;
-    std::vector<uint8_t> &m_Out;
+    CByteBuffer &m_Out;
     bool m_b64;
     unsigned m_nWord;
 
@@ -286,7 +286,7 @@ void CElfWriter::PlanSections() {
 }
 
 void CElfWriter::WriteSymbol(uint32_t name, uint64_t value, uint8_t info, uint16_t shndx) {
-    CByteBuffer b(m_Out);
+    CByteBuffer &b = m_Out;
     b.U32(name);
     if (m_b64) {
         b.U8(info);
@@ -336,7 +336,7 @@ void CElfWriter::WriteSymbolTable() {
 }
 
 void CElfWriter::WriteRelocations(const CSection &s) {
-    CByteBuffer b(m_Out);
+    CByteBuffer &b = m_Out;
     for (uint32_t r : s.m_Relocations) {
         const CRelocation &rel = m_File.m_Relocations[r];
         // PlanSymbols has checked every target.
@@ -356,7 +356,7 @@ void CElfWriter::WriteRelocations(const CSection &s) {
 }
 
 void CElfWriter::WriteContents() {
-    CByteBuffer b(m_Out);
+    CByteBuffer &b = m_Out;
     // What each header stands for, so that the walk below is one step per header.
     enum class Role : uint8_t { Section, Rela, Group, Table };
     std::vector<Role> role(m_Headers.size(), Role::Table);
@@ -380,9 +380,10 @@ void CElfWriter::WriteContents() {
         switch (role[h]) {
         case Role::Section: {
             const CSection &s = m_File.m_Sections[model[h]];
-            size_t at = m_Out.size();
-            m_Out.resize(at + s.Size());
-            s.Read(0, s.Size(), m_Out.data() + at);
+            if (s.m_bUsesView && s.m_bZeroFill)
+                b.Zeros(s.Size());
+            else if (s.Size() > 0)
+                b.Bytes(s.m_bUsesView ? s.m_pView : s.m_Data.data(), s.Size());
             break;
         }
         case Role::Rela:
@@ -412,7 +413,7 @@ void CElfWriter::WriteContents() {
 }
 
 void CElfWriter::WriteHeaders(uint64_t sectionHeaders) {
-    CByteBuffer b(m_Out);
+    CByteBuffer &b = m_Out;
     if (m_Headers.size() >= SHN_LORESERVE)
         m_Headers[0].m_nSize = m_Headers.size();
     if (m_nShStrTab >= SHN_LORESERVE)
@@ -430,8 +431,7 @@ void CElfWriter::WriteHeaders(uint64_t sectionHeaders) {
         b.Word(h.m_nEntrySize, m_nWord);
     }
     // The file header, at offset 0.
-    std::vector<uint8_t> header;
-    CByteBuffer e(header);
+    CByteBuffer e; // in memory
     e.Bytes(ELFMAG, 4);
     e.U8(m_b64 ? ELFCLASS64 : ELFCLASS32);
     e.U8(ELFDATA2LSB);
@@ -451,7 +451,7 @@ void CElfWriter::WriteHeaders(uint64_t sectionHeaders) {
     // Counts and indices from 0xff00 on are kept in the null section header.
     e.U16(m_Headers.size() < SHN_LORESERVE ? uint16_t(m_Headers.size()) : 0);
     e.U16(m_nShStrTab < SHN_LORESERVE ? uint16_t(m_nShStrTab) : SHN_XINDEX);
-    std::copy(header.begin(), header.end(), m_Out.begin());
+    m_Out.PatchBytes(0, e.Data().data(), e.Data().size());
 }
 
 bool Fits32(uint64_t v) {
@@ -473,23 +473,21 @@ bool CElfWriter::Write() {
     total += uint64_t(m_Headers.size()) * (m_b64 ? kShdrSize64 : kShdrSize32) + 64;
     if (!m_b64 && !Fits32(total))
         return false;
-    m_Out.clear();
-    m_Out.reserve(total);
-    CByteBuffer b(m_Out);
+    CByteBuffer &b = m_Out;
     b.Zeros(m_b64 ? kEhdrSize64 : kEhdrSize32); // filled in at the end
 
     WriteContents();
     b.AlignTo(m_nWord);
     uint64_t sectionHeaders = b.Size();
     WriteHeaders(sectionHeaders);
-    if (!m_b64 && !Fits32(m_Out.size()))
+    if (!m_b64 && !Fits32(m_Out.Size()))
         return false;
     return true;
 }
 
 } // namespace
 
-bool WriteElf(const CBrxFile &file, std::vector<uint8_t> &out) {
+bool WriteElf(const CBrxFile &file, CByteBuffer &out) {
     return CElfWriter(file, out).Write();
 }
 

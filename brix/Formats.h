@@ -1,6 +1,7 @@
 // The entry points of the per-format writers and readers behind the object model.
 #pragma once
 
+#include "ByteBuffer.h"
 #include "Model.h"
 
 #include <cstdint>
@@ -8,10 +9,11 @@
 
 namespace brix {
 
-// Serialise a file made through the keyed interface; false when the model cannot be written
-// (a relocation whose target is gone, a size beyond what the format can hold).
-bool WriteElf(const CBrxFile &file, std::vector<uint8_t> &out);
-bool WriteCoff(const CBrxFile &file, std::vector<uint8_t> &out);
+// Serialise a file made through the keyed interface into `out` (which streams it to the file);
+// false when the model cannot be written (a relocation whose target is gone, a size beyond what
+// the format can hold). The caller then abandons `out`.
+bool WriteElf(const CBrxFile &file, CByteBuffer &out);
+bool WriteCoff(const CBrxFile &file, CByteBuffer &out);
 
 // Fill a file whose m_Image holds the bytes of an object file; false when the bytes are not a
 // well-formed object of that format. The file is left half-built on failure; the caller closes it.
