@@ -34,6 +34,55 @@ enum class Kind : uint8_t {
 
 class CBrxFile;
 
+// A growing list of plain records kept in fixed-size blocks: appending never moves or copies the
+// records already there (so a large list never needs its old and new storage at once, and
+// references stay valid), and there is no unused capacity beyond the last block.
+template <class T, unsigned kBlockBits = 10> class CBlockList {
+public:
+    static constexpr size_t kBlock = size_t(1) << kBlockBits;
+
+    size_t size() const { return m_nSize; }
+    bool empty() const { return m_nSize == 0; }
+    T &operator[](size_t i) { return m_Blocks[i >> kBlockBits][i & (kBlock - 1)]; }
+    const T &operator[](size_t i) const { return m_Blocks[i >> kBlockBits][i & (kBlock - 1)]; }
+    T &back() { return (*this)[m_nSize - 1]; }
+    const T &back() const { return (*this)[m_nSize - 1]; }
+    T &emplace_back() {
+        if (m_nSize == m_Blocks.size() * kBlock)
+            m_Blocks.emplace_back(new T[kBlock]);
+        T &slot = (*this)[m_nSize++];
+        slot = T();
+        return slot;
+    }
+    void pop_back() { --m_nSize; }
+    // The room is taken block by block as records arrive; a count given in advance changes
+    // nothing.
+    void reserve(size_t) {}
+
+    template <class List, class Value> class Iterator {
+    public:
+        Iterator(List *list, size_t at) : m_pList(list), m_nAt(at) {}
+        Value &operator*() const { return (*m_pList)[m_nAt]; }
+        Iterator &operator++() {
+            ++m_nAt;
+            return *this;
+        }
+        bool operator!=(const Iterator &other) const { return m_nAt != other.m_nAt; }
+
+    private:
+        List *m_pList;
+        size_t m_nAt;
+    };
+    Iterator<CBlockList, T> begin() { return {this, 0}; }
+    Iterator<CBlockList, T> end() { return {this, m_nSize}; }
+    Iterator<const CBlockList, const T> begin() const { return {this, 0}; }
+    Iterator<const CBlockList, const T> end() const { return {this, m_nSize}; }
+
+private:
+    std::vector<std::unique_ptr<T[]>> m_Blocks;
+    size_t m_nSize = 0;
+};
+
 struct CSection {
     BrxHandle m_Handle = 0;
     std::string m_Name;
@@ -120,8 +169,8 @@ public:
     std::vector<uint8_t> m_Image; // the whole file, for files read back
 
     std::vector<CSection> m_Sections;
-    std::vector<CRelocation> m_Relocations;
-    std::vector<CSymbol> m_Symbols;
+    CBlockList<CRelocation> m_Relocations;
+    CBlockList<CSymbol> m_Symbols;
     std::string m_Names; // symbol names, back to back
     std::vector<CLineBlock> m_LineBlocks;
     std::vector<CLineItem> m_LineItems;
@@ -167,6 +216,7 @@ struct CHandleEntry {
 // generation comes round again only after very many releases.
 class CBrixState {
 public:
+    CBrixState() { m_Slots.emplace_back(); }
     BrxHandle Register(CBrxFile *file, Kind kind, uint32_t index);
     const CHandleEntry *Lookup(BrxHandle handle) const;
     // Releases the file and every handle that names it.
@@ -178,7 +228,7 @@ public:
 private:
     static constexpr uint32_t kSlotBits = 24;
     static constexpr uint32_t kSlotMask = (1u << kSlotBits) - 1;
-    std::vector<CHandleEntry> m_Slots{1}; // slot 0 is never handed out
+    CBlockList<CHandleEntry, 12> m_Slots; // slot 0 is never handed out
     std::deque<uint32_t> m_FreeSlots;
     std::unordered_map<CBrxFile *, std::unique_ptr<CBrxFile>> m_Files;
 };
