@@ -69,6 +69,12 @@ uint32_t CSectionScope::EmitDwarfLines(CBinarySection &line) {
         (void)writer.AddRow(m_hSection, *row.entry);
     m_bWroteRows = !writer.Bytes().empty();
     (void)writer.Flush(line);
+    // The module is emitted once: the entries, by far the largest part of what the library
+    // holds, are given back as soon as their rows are written, before the object file is.
+    rows = std::vector<SortedRow>();
+    std::vector<CLineEntry>().swap(m_Lines);
+    for (const auto &child : m_Children)
+        std::vector<CLineEntry>().swap(child->Lines());
     return DBG_ERR_NONE;
 }
 
