@@ -37,7 +37,7 @@ class CBrxFile;
 // A growing list of plain records kept in fixed-size blocks: appending never moves or copies the
 // records already there (so a large list never needs its old and new storage at once, and
 // references stay valid), and there is no unused capacity beyond the last block.
-template <class T, unsigned kBlockBits = 10> class CBlockList {
+template <class T, unsigned kBlockBits = 6> class CBlockList {
 public:
     static constexpr size_t kBlock = size_t(1) << kBlockBits;
 
@@ -228,7 +228,7 @@ public:
 private:
     static constexpr uint32_t kSlotBits = 24;
     static constexpr uint32_t kSlotMask = (1u << kSlotBits) - 1;
-    CBlockList<CHandleEntry, 12> m_Slots; // slot 0 is never handed out
+    CBlockList<CHandleEntry, 7> m_Slots; // slot 0 is never handed out
     std::deque<uint32_t> m_FreeSlots;
     std::unordered_map<CBrxFile *, std::unique_ptr<CBrxFile>> m_Files;
 };
