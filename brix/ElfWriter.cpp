@@ -64,6 +64,16 @@ private:
     void WriteContents();
     void WriteSymbolTable();
     uint16_t SymbolSectionField(size_t symbol, uint32_t header);
+    // .strtab is not kept: a name's offset is counted out while .symtab is written, and the
+    // names are written again, in the same order, as .strtab.
+    uint32_t StrTabName(std::string_view name) {
+        if (name.empty())
+            return 0;
+        uint32_t at = m_nStrTabSize;
+        m_nStrTabSize += uint32_t(name.size()) + 1;
+        return at;
+    }
+    void WriteStrTab();
     void WriteRelocations(const CSection &s);
     void WriteSymbol(uint32_t name, uint64_t value, uint8_t info, uint16_t shndx);
     void WriteHeaders(uint64_t sectionHeaders);
@@ -94,7 +104,7 @@ private:
 
     std::vector<COutSection> m_Headers;
     std::string m_ShStrTab{'\0'};
-    std::string m_StrTab{'\0'};
+    uint32_t m_nStrTabSize = 1; // starts with the empty name
     uint32_t m_nSymTab = 0, m_nStrTab = 0, m_nShStrTab = 0;
     uint32_t m_nSymTabIndices = 0;           // .symtab_shndx, 0 when not needed
     std::vector<uint32_t> m_ExtendedIndices; // its content, filled while .symtab is written
@@ -159,6 +169,10 @@ bool CElfWriter::PlanSymbols() {
         if (m_GroupLeader[i] == i && signatureSymbol[i] == kNone)
             needsSectionSymbol[i] = true;
 
+    size_t sectionSymbols = 0;
+    for (size_t i = 0; i < sectionCount; ++i)
+        sectionSymbols += needsSectionSymbol[i] ? 1 : 0;
+    m_SymbolOrder.reserve(1 + sectionSymbols + m_File.m_Symbols.size());
     m_SymbolOrder.push_back({kNone, kNone}); // the null symbol
     for (size_t i = 0; i < m_File.m_Symbols.size(); ++i) {
         const CSymbol &s = m_File.m_Symbols[i];
@@ -329,9 +343,23 @@ void CElfWriter::WriteSymbolTable() {
                 shndx = SHN_ABS;
             else if (s.m_Section != 0)
                 shndx = SymbolSectionField(k, m_HeaderIndex[SectionIndex(s.m_Section)]);
-            WriteSymbol(AddName(m_StrTab, m_File.SymbolName(s)), s.m_nOffset,
+            WriteSymbol(StrTabName(m_File.SymbolName(s)), s.m_nOffset,
                         uint8_t((bind << 4) | type), shndx);
         }
+    }
+}
+
+void CElfWriter::WriteStrTab() {
+    CByteBuffer &b = m_Out;
+    b.U8(0);
+    for (const CSymbolSlot &slot : m_SymbolOrder) {
+        if (slot.m_nSymbol == kNone)
+            continue;
+        std::string_view name = m_File.SymbolName(m_File.m_Symbols[slot.m_nSymbol]);
+        if (name.empty())
+            continue;
+        b.Bytes(name.data(), name.size());
+        b.U8(0);
     }
 }
 
@@ -401,8 +429,8 @@ void CElfWriter::WriteContents() {
                 for (uint32_t index : m_ExtendedIndices)
                     b.U32(index);
             } else if (h == m_nStrTab) {
-                b.Bytes(m_StrTab.data(), m_StrTab.size());
-                out.m_nSize = m_StrTab.size();
+                WriteStrTab();
+                out.m_nSize = b.Size() - out.m_nOffset;
             } else {
                 b.Bytes(m_ShStrTab.data(), m_ShStrTab.size());
                 out.m_nSize = m_ShStrTab.size();
