@@ -81,4 +81,4 @@ fi
 # libFuzzer exits non-zero (and keeps the crashing input in $OUT) when an input fails.
 cd "$OUT"
 ./fuzz_retrieve -max_total_time="$SECONDS_TO_RUN" -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 "$OUT/corpus" "$SEEDS"
+    -print_final_stats=1 -print_funcs=0 "$OUT/corpus" "$SEEDS"
