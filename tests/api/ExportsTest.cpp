@@ -49,3 +49,27 @@ TEST(Exports, OnlyTheCApiIsExported) {
     std::sort(functions.begin(), functions.end());
     EXPECT_EQ(functions, expected);
 }
+
+TEST(Exports, OnlyTheObjectFileApiLeavesBrix) {
+    std::string library = std::string(QUILLET_BINARY_DIR) + "/brix/libbrix.so";
+    qtest::CommandResult r = qtest::RunCommand("nm -D --defined-only '" + library + "'");
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    std::regex symbolLine(R"(^[0-9a-f]+\s+(\w)\s+(\S+)$)");
+    std::vector<std::string> functions, unexpected;
+    for (const std::string &line : qtest::SplitLines(r.output)) {
+        std::smatch m;
+        if (!std::regex_match(line, m, symbolLine))
+            continue;
+        if (m[1].str() == "T" && m[2].str().find("brx_") != std::string::npos)
+            functions.push_back(m[2].str());
+        else
+            unexpected.push_back(line);
+    }
+    EXPECT_TRUE(unexpected.empty()) << unexpected.size() << " other symbols, first: "
+                                    << (unexpected.empty() ? "" : unexpected.front());
+    std::sort(functions.begin(), functions.end());
+    EXPECT_EQ(functions, (std::vector<std::string>{"_brx_close_file", "_brx_create_object",
+                                                   "_brx_get_keyed", "_brx_new_file",
+                                                   "_brx_open_file", "_brx_set_value",
+                                                   "_brx_write_file", "_wcbrx_get_keyed"}));
+}
