@@ -26,7 +26,7 @@ namespace {
 
 constexpr uint32_t kCodeSections = 64;
 constexpr uint32_t kFullProcedures = 20000;
-constexpr uint32_t kLinesPerProcedure = 100;  // 2,000,000 line entries at full size
+constexpr uint32_t kLinesPerProcedure = 100; // 2,000,000 line entries at full size
 constexpr uint32_t kCodeLabelsPerProcedure = 5;
 constexpr uint32_t kDataLabelsPerProcedure = 5; // with the code labels, 200,000 labels
 constexpr uint32_t kSourceFiles = 8;
@@ -62,7 +62,7 @@ double StatusBytes(const char *field) {
 BrxHandle MakeSymbol(BrxHandle table, int format, const char *name, BrxHandle section,
                      uint64_t offset, uint32_t binding, uint32_t type) {
     uint32_t storage = 0;
-    const BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name},       {BRX_KEY_SYMBOL_STORAGE, &storage},
+    const BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name},        {BRX_KEY_SYMBOL_STORAGE, &storage},
                              {BRX_KEY_SYMBOL_BINDING, &binding}, {BRX_KEY_SYMBOL_TYPE, &type},
                              {BRX_KEY_SYMBOL_SECTION, &section}, {BRX_KEY_SYMBOL_OFFSET, &offset}};
     BrxHandle symbol = 0;
@@ -151,8 +151,8 @@ bool DescribeEmitWrite(const std::string &path, const std::vector<std::u16string
             BENCH_CHECK(Dbg_open_procedure_scope(object, &scope));
             for (uint32_t k = 0; k < kCodeLabelsPerProcedure; ++k) {
                 std::snprintf(name, sizeof name, "L%u_%u", procedure, k);
-                BrxHandle symbol = MakeSymbol(table, format, name, code[s],
-                                              start + 8 + k * 16, BRX_BINDING_LOCAL, 0);
+                BrxHandle symbol = MakeSymbol(table, format, name, code[s], start + 8 + k * 16,
+                                              BRX_BINDING_LOCAL, 0);
                 BENCH_CHECK(symbol == 0);
                 const DbgObjectProp label[] = {{DBG_PROP_SYMBOL, &symbol}};
                 BENCH_CHECK(Dbg_create_object(DBG_OBJ_CODE_LABEL, label, 1, nullptr, &object));
@@ -171,8 +171,12 @@ bool DescribeEmitWrite(const std::string &path, const std::vector<std::u16string
                 uint64_t address = start + uint64_t(k) * kInstructionSize;
                 // Mostly consecutive lines, with a jump now and then, as real code has.
                 line += (k % 16 == 15) ? 7 : 1;
-                const DbgLineDesc desc = {source, line, 0, static_cast<uint32_t>(address),
-                                          static_cast<uint32_t>(address >> 32), 0};
+                const DbgLineDesc desc = {source,
+                                          line,
+                                          0,
+                                          static_cast<uint32_t>(address),
+                                          static_cast<uint32_t>(address >> 32),
+                                          0};
                 BENCH_CHECK(Dbg_create_line(nullptr, &desc));
             }
             BENCH_CHECK(Dbg_close_current_scope());
@@ -265,11 +269,20 @@ void BM_Emit(benchmark::State &state, int format) {
 
 void Register(const char *name, int format) {
     benchmark::RegisterBenchmark(name, BM_Emit, format)
-        ->Arg(100)->Iterations(5)->UseManualTime()->Unit(benchmark::kMillisecond);
+        ->Arg(100)
+        ->Iterations(5)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark(name, BM_Emit, format)
-        ->Arg(10)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+        ->Arg(10)
+        ->Iterations(3)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark(name, BM_Emit, format)
-        ->Arg(1)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+        ->Arg(1)
+        ->Iterations(1)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
 }
 
 // The figures the targets are about, and whether they are met.
@@ -296,16 +309,19 @@ int PrintSummary() {
                         perEntry, bytes,
                         step > 0 ? (std::to_string(step).substr(0, 5) + "x").c_str() : "-");
             if (divisor != 100 && step > 12.0) {
-                std::printf("        FAIL: the tenfold step costs %.1fx (target: at most ~12x)\n", step);
+                std::printf("        FAIL: the tenfold step costs %.1fx (target: at most ~12x)\n",
+                            step);
                 ++failures;
             }
             if (format == BRX_FORMAT_ELF64 && divisor == 1) {
                 if (perEntry > 0.25) {
-                    std::printf("        FAIL: %.3f us per line entry (target: at most 0.25)\n", perEntry);
+                    std::printf("        FAIL: %.3f us per line entry (target: at most 0.25)\n",
+                                perEntry);
                     ++failures;
                 }
                 if (bytes > 80) {
-                    std::printf("        FAIL: %.1f bytes per line entry (target: at most 80)\n", bytes);
+                    std::printf("        FAIL: %.1f bytes per line entry (target: at most 80)\n",
+                                bytes);
                     ++failures;
                 }
             }

@@ -80,8 +80,8 @@ public:
         for (size_t i = 0; i < n; ++i) {
             if (at + i >= m_nFlushed) {
                 m_Out[at + i - m_nFlushed] = data[i];
-            } else if (m_Patches.empty() || m_Patches.back().m_nAt + m_Patches.back().m_Bytes.size() !=
-                                                at + i) {
+            } else if (m_Patches.empty() ||
+                       m_Patches.back().m_nAt + m_Patches.back().m_Bytes.size() != at + i) {
                 m_Patches.push_back({at + i, {data[i]}});
             } else {
                 m_Patches.back().m_Bytes.push_back(data[i]);
@@ -121,7 +121,7 @@ public:
     }
 
 private:
-    static constexpr size_t kChunk = 64 * 1024; // the buffer goes out when it holds this much
+    static constexpr size_t kChunk = 64 * 1024;  // the buffer goes out when it holds this much
     static constexpr size_t kDirect = 16 * 1024; // blocks this large bypass the buffer
 
     struct CPatch {

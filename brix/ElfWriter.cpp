@@ -343,8 +343,8 @@ void CElfWriter::WriteSymbolTable() {
                 shndx = SHN_ABS;
             else if (s.m_Section != 0)
                 shndx = SymbolSectionField(k, m_HeaderIndex[SectionIndex(s.m_Section)]);
-            WriteSymbol(StrTabName(m_File.SymbolName(s)), s.m_nOffset,
-                        uint8_t((bind << 4) | type), shndx);
+            WriteSymbol(StrTabName(m_File.SymbolName(s)), s.m_nOffset, uint8_t((bind << 4) | type),
+                        shndx);
         }
     }
 }

@@ -22,14 +22,15 @@ static void check(uint32_t status, const char *what) {
     }
 }
 
-static BrxHandle make_symbol(BrxHandle table, const char *name, BrxHandle section,
-                             uint64_t offset, uint32_t binding, uint32_t type) {
+static BrxHandle make_symbol(BrxHandle table, const char *name, BrxHandle section, uint64_t offset,
+                             uint32_t binding, uint32_t type) {
     uint32_t storage = 0; /* defined in this file */
-    const BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name},       {BRX_KEY_SYMBOL_STORAGE, &storage},
+    const BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, name},        {BRX_KEY_SYMBOL_STORAGE, &storage},
                              {BRX_KEY_SYMBOL_BINDING, &binding}, {BRX_KEY_SYMBOL_TYPE, &type},
                              {BRX_KEY_SYMBOL_SECTION, &section}, {BRX_KEY_SYMBOL_OFFSET, &offset}};
     BrxHandle symbol = 0;
-    check((uint32_t)_brx_create_object(table, BRX_FORMAT_ELF64, BRX_KIND_SYMBOL, 6, attrs, &symbol, 0),
+    check((uint32_t)_brx_create_object(table, BRX_FORMAT_ELF64, BRX_KIND_SYMBOL, 6, attrs, &symbol,
+                                       0),
           name);
     return symbol;
 }
@@ -42,11 +43,11 @@ int main(int argc, char **argv) {
 
     /* The object file, as the assembler makes it: one code section and its symbols. */
     static const uint8_t code[] = {
-        0x31, 0xc0,             /* count:  xor  eax, eax      line 4 */
-        0xb9, 0x0a, 0, 0, 0,    /*         mov  ecx, 10       line 5 */
-        0xff, 0xc0,             /* again:  inc  eax           line 7 */
-        0xe2, 0xfc,             /*         loop again         line 8 */
-        0xc3,                   /*         ret                line 9 */
+        0x31, 0xc0,          /* count:  xor  eax, eax      line 4 */
+        0xb9, 0x0a, 0, 0, 0, /*         mov  ecx, 10       line 5 */
+        0xff, 0xc0,          /* again:  inc  eax           line 7 */
+        0xe2, 0xfc,          /*         loop again         line 8 */
+        0xc3,                /*         ret                line 9 */
     };
     BrxHandle file = 0, text = 0, table = 0;
     check((uint32_t)_brx_new_file(argv[1], BRX_FORMAT_ELF64, &file), "_brx_new_file");
@@ -61,7 +62,8 @@ int main(int argc, char **argv) {
     BrxBytes bytes = {sizeof code, 0, (void *)code};
     check((uint32_t)_brx_set_value(text, BRX_KEY_SECTION_DATA, &bytes, 0), "writing .text");
     BrxFind find = {BRX_FIRST, BRX_KIND_SYMBOL_TABLE, BRX_ANY, NULL};
-    check((uint32_t)_brx_get_keyed(file, BRX_KEY_FIND, &find, &table, 0), "finding the symbol table");
+    check((uint32_t)_brx_get_keyed(file, BRX_KEY_FIND, &find, &table, 0),
+          "finding the symbol table");
     BrxHandle count = make_symbol(table, "count", text, 0, BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION);
     BrxHandle again = make_symbol(table, "again", text, 7, BRX_BINDING_LOCAL, BRX_SYMBOL_PLAIN);
 
@@ -97,9 +99,8 @@ int main(int argc, char **argv) {
     check(Dbg_create_object(DBG_OBJ_CODE_LABEL, label_props, 1, NULL, &object), "the label");
     const int32_t data4_code = 5;
     const uint32_t ecx = 18; /* a register number of the assembler's numbering */
-    const DbgObjectProp register_props[] = {{DBG_PROP_NAME, "counter"},
-                                            {DBG_PROP_BASE_TYPE, &data4_code},
-                                            {DBG_PROP_REGISTER, &ecx}};
+    const DbgObjectProp register_props[] = {
+        {DBG_PROP_NAME, "counter"}, {DBG_PROP_BASE_TYPE, &data4_code}, {DBG_PROP_REGISTER, &ecx}};
     check(Dbg_create_object(DBG_OBJ_ENREG_SYM, register_props, 3, NULL, &object),
           "the register symbol");
 

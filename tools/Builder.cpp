@@ -16,7 +16,7 @@ namespace {
 
 // Releases the library state and the brix file however the build ends.
 class Session {
-  public:
+public:
     ~Session() {
         if (m_bInitialised)
             Dbg_finish();
@@ -29,7 +29,7 @@ class Session {
     }
     BrxHandle m_hFile = 0;
 
-  private:
+private:
     bool m_bInitialised = false;
 };
 
@@ -54,9 +54,8 @@ std::string WorkingDirectory() {
 }
 
 class Builder {
-  public:
-    Builder(const Description &description, int format)
-        : m_Desc(description), m_nFormat(format) {}
+public:
+    Builder(const Description &description, int format) : m_Desc(description), m_nFormat(format) {}
 
     void Run(const std::string &output) {
         RequireBrix(_brx_new_file(output.c_str(), m_nFormat, &m_Session.m_hFile), 0,
@@ -70,15 +69,15 @@ class Builder {
             Replay(step);
         DbgStatus emitted = Dbg_emit();
         if (emitted == DBG_ERR_WRITE_FAILED && m_nFormat == BRX_FORMAT_COFF)
-            throw DescriptionError(0, "emitting the debugging information refused: " +
-                                          DescribeStatus(emitted) +
-                                          "; COFF output reads every source file that a line "
-                                          "entry names: do they all exist?");
+            throw DescriptionError(
+                0, "emitting the debugging information refused: " + DescribeStatus(emitted) +
+                       "; COFF output reads every source file that a line "
+                       "entry names: do they all exist?");
         Require(emitted, 0, "emitting the debugging information");
         RequireBrix(_brx_write_file(m_Session.m_hFile), 0, "writing " + output);
     }
 
-  private:
+private:
     const Description &m_Desc;
     int m_nFormat;
     Session m_Session;
@@ -99,8 +98,7 @@ class Builder {
                                            &section, 0),
                         decl.line, "creating section '" + decl.name + "'");
             if (!decl.bytes.empty()) {
-                BrxBytes bytes = {decl.bytes.size(), 0,
-                                  const_cast<uint8_t *>(decl.bytes.data())};
+                BrxBytes bytes = {decl.bytes.size(), 0, const_cast<uint8_t *>(decl.bytes.data())};
                 RequireBrix(_brx_set_value(section, BRX_KEY_SECTION_DATA, &bytes, 0), decl.line,
                             "writing the bytes of section '" + decl.name + "'");
             }
@@ -127,12 +125,10 @@ class Builder {
             uint32_t storage = 0, binding = decl.binding, type = decl.type;
             BrxHandle section = m_Sections[decl.section];
             uint64_t offset = decl.offset;
-            const BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, decl.name.c_str()},
-                                     {BRX_KEY_SYMBOL_STORAGE, &storage},
-                                     {BRX_KEY_SYMBOL_BINDING, &binding},
-                                     {BRX_KEY_SYMBOL_TYPE, &type},
-                                     {BRX_KEY_SYMBOL_SECTION, &section},
-                                     {BRX_KEY_SYMBOL_OFFSET, &offset}};
+            const BrxAttr attrs[] = {
+                {BRX_KEY_SYMBOL_NAME, decl.name.c_str()}, {BRX_KEY_SYMBOL_STORAGE, &storage},
+                {BRX_KEY_SYMBOL_BINDING, &binding},       {BRX_KEY_SYMBOL_TYPE, &type},
+                {BRX_KEY_SYMBOL_SECTION, &section},       {BRX_KEY_SYMBOL_OFFSET, &offset}};
             BrxHandle symbol = 0;
             RequireBrix(_brx_create_object(table, m_nFormat, BRX_KIND_SYMBOL, 6, attrs, &symbol, 0),
                         decl.line, "creating symbol '" + decl.name + "'");
@@ -206,7 +202,8 @@ class Builder {
             AddType(step, props);
             const std::string &name = m_Desc.symbols[step.symbol].name;
             CreateObject(step, step.kind == Step::Label ? DBG_OBJ_CODE_LABEL : DBG_OBJ_DATA_LABEL,
-                         props, (step.kind == Step::Label ? "label '" : "data label '") + name + "'");
+                         props,
+                         (step.kind == Step::Label ? "label '" : "data label '") + name + "'");
             break;
         }
         case Step::Constant:
@@ -228,9 +225,12 @@ class Builder {
             Require(Dbg_close_current_scope(), step.line, "closing the procedure");
             break;
         case Step::Line: {
-            DbgLineDesc desc = {m_Sources[step.source],       step.lineNumber,
-                                step.column,                  static_cast<uint32_t>(step.base),
-                                static_cast<uint32_t>(step.base >> 32), step.offset};
+            DbgLineDesc desc = {m_Sources[step.source],
+                                step.lineNumber,
+                                step.column,
+                                static_cast<uint32_t>(step.base),
+                                static_cast<uint32_t>(step.base >> 32),
+                                step.offset};
             Require(Dbg_create_line(nullptr, &desc), step.line, "the line entry");
             break;
         }

@@ -21,9 +21,9 @@ struct BasicTypeName {
 
 // Odd base-type codes are unsigned, even ones signed; the "s" names are the signed twins.
 const BasicTypeName kBasicTypes[] = {
-    {"data1", 1, 1},  {"sdata1", 2, 1}, {"data2", 3, 2},  {"sdata2", 4, 2},
-    {"data4", 5, 4},  {"sdata4", 6, 4}, {"data8", 7, 8},  {"sdata8", 8, 8},
-    {"real4", 9, 4},  {"real8", 10, 8}, {"real10", 11, 10}, {"void", 12, 0},
+    {"data1", 1, 1}, {"sdata1", 2, 1}, {"data2", 3, 2},    {"sdata2", 4, 2},
+    {"data4", 5, 4}, {"sdata4", 6, 4}, {"data8", 7, 8},    {"sdata8", 8, 8},
+    {"real4", 9, 4}, {"real8", 10, 8}, {"real10", 11, 10}, {"void", 12, 0},
 };
 
 const std::map<std::string, uint32_t> kComdatSelections = {
@@ -88,7 +88,7 @@ std::vector<Word> SplitWords(const std::string &text, int line) {
 
 // The words of one statement: its keyword, its positional arguments and its key=value options.
 class Statement {
-  public:
+public:
     Statement(int line, std::vector<Word> words) : m_nLine(line) {
         m_Keyword = words.front().value;
         if (words.front().hasKey)
@@ -119,8 +119,8 @@ class Statement {
             for (const char *name : allowed)
                 known = known || option.first == name;
             if (!known)
-                throw DescriptionError(m_nLine, "'" + m_Keyword + "' has no option '" +
-                                                    option.first + "'");
+                throw DescriptionError(m_nLine,
+                                       "'" + m_Keyword + "' has no option '" + option.first + "'");
         }
     }
     std::optional<std::string> Option(const char *name) const {
@@ -131,7 +131,7 @@ class Statement {
     }
     bool HasOptions() const { return !m_Options.empty(); }
 
-  private:
+private:
     int m_nLine;
     std::string m_Keyword;
     std::vector<std::string> m_Args;
@@ -143,8 +143,8 @@ uint64_t Unsigned(int line, const std::string &text, const char *what, uint64_t 
     if (!value)
         throw DescriptionError(line, std::string(what) + " '" + text + "' is not a number");
     if (*value > max)
-        throw DescriptionError(line, std::string(what) + " " + text + " is above " +
-                                         std::to_string(max));
+        throw DescriptionError(line,
+                               std::string(what) + " " + text + " is above " + std::to_string(max));
     return *value;
 }
 
@@ -232,7 +232,7 @@ std::vector<uint8_t> EncodeValue(int line, int32_t code, const std::string &text
 // Builds the Description statement by statement; names used before their declaration are
 // resolved once the whole text has been read.
 class Parser {
-  public:
+public:
     Description Run(const std::string &text) {
         size_t pos = 0;
         int line = 0;
@@ -257,7 +257,7 @@ class Parser {
         return std::move(m_Out);
     }
 
-  private:
+private:
     // Names that steps use, resolved after the last line.
     struct PendingNames {
         size_t step;
@@ -344,8 +344,9 @@ class Parser {
             throw DescriptionError(s.Line(), "source '" + alias + "' has an empty path");
         auto inserted = m_SourceByAlias.emplace(alias, m_Out.sources.size());
         if (!inserted.second)
-            throw DescriptionError(s.Line(), "source '" + alias + "' is already declared on line " +
-                                                 std::to_string(m_Out.sources[inserted.first->second].line));
+            throw DescriptionError(s.Line(),
+                                   "source '" + alias + "' is already declared on line " +
+                                       std::to_string(m_Out.sources[inserted.first->second].line));
         m_Out.sources.push_back({s.Line(), alias, s.Args()[1]});
     }
 
@@ -378,8 +379,9 @@ class Parser {
         if (m_nOpenProcedureLine != 0)
             throw DescriptionError(s.Line(), "'section' inside a procedure (opened on line " +
                                                  std::to_string(m_nOpenProcedureLine) + ")");
-        s.ExpectArgs(1, 2, "section NAME [code] [align=N] [size=N] [bytes=HEX] [fill=BYTE] "
-                           "[comdat=SELECTION] [associate=SECTION]");
+        s.ExpectArgs(1, 2,
+                     "section NAME [code] [align=N] [size=N] [bytes=HEX] [fill=BYTE] "
+                     "[comdat=SELECTION] [associate=SECTION]");
         s.AllowOptions({"align", "size", "bytes", "fill", "comdat", "associate"});
         const std::string &name = s.Args()[0];
         if (name.empty())
@@ -400,8 +402,8 @@ class Parser {
             decl.name = name;
             if (s.Args().size() > 1) {
                 if (s.Args()[1] != "code")
-                    throw DescriptionError(s.Line(), "unknown section attribute '" +
-                                                         s.Args()[1] + "'");
+                    throw DescriptionError(s.Line(),
+                                           "unknown section attribute '" + s.Args()[1] + "'");
                 decl.code = true;
             }
             if (auto v = s.Option("align")) {
@@ -488,14 +490,15 @@ class Parser {
             throw DescriptionError(s.Line(), "a symbol outside a section needs section=NAME");
         }
         if (decl.offset > m_Out.sections[decl.section].bytes.size())
-            throw DescriptionError(s.Line(), "offset " + s.Args()[1] + " lies beyond the " +
-                                                 std::to_string(m_Out.sections[decl.section].bytes.size()) +
-                                                 " bytes of section '" +
-                                                 m_Out.sections[decl.section].name + "'");
+            throw DescriptionError(
+                s.Line(), "offset " + s.Args()[1] + " lies beyond the " +
+                              std::to_string(m_Out.sections[decl.section].bytes.size()) +
+                              " bytes of section '" + m_Out.sections[decl.section].name + "'");
         auto inserted = m_SymbolByName.emplace(decl.name, m_Out.symbols.size());
         if (!inserted.second)
-            throw DescriptionError(s.Line(), "symbol '" + decl.name + "' is already defined on line " +
-                                                 std::to_string(m_Out.symbols[inserted.first->second].line));
+            throw DescriptionError(s.Line(),
+                                   "symbol '" + decl.name + "' is already defined on line " +
+                                       std::to_string(m_Out.symbols[inserted.first->second].line));
         m_Out.symbols.push_back(decl);
     }
 
@@ -511,10 +514,10 @@ class Parser {
         if (proc == m_ProcTypeByAlias.end())
             throw DescriptionError(step.line, "unknown type '" + name + "'");
         if (step.kind != Step::Data)
-            throw DescriptionError(step.line, "'" + name + "' is a procedure type; " +
-                                                  (step.kind == Step::Constant ? "a constant"
-                                                                               : "a register symbol") +
-                                                  " needs a basic type");
+            throw DescriptionError(
+                step.line, "'" + name + "' is a procedure type; " +
+                               (step.kind == Step::Constant ? "a constant" : "a register symbol") +
+                               " needs a basic type");
         step.type.procType = proc->second;
     }
 
@@ -567,8 +570,8 @@ class Parser {
         if (!m_bInSection)
             throw DescriptionError(s.Line(), "a procedure must stand in a section");
         s.ExpectArgs(1, 1, "procedure ENTRY[,ENTRY...] end=OFFSET [option=value ...]");
-        s.AllowOptions({"start", "end", "type", "return-register", "flags", "debug-start",
-                        "debug-end"});
+        s.AllowOptions(
+            {"start", "end", "type", "return-register", "flags", "debug-start", "debug-end"});
         Step step;
         step.kind = Step::OpenProcedure;
         step.line = s.Line();
@@ -596,8 +599,9 @@ class Parser {
         std::string typeName;
         if (auto v = s.Option("type")) {
             if (BaseTypeCode(*v) != 0)
-                throw DescriptionError(s.Line(), "'" + *v + "' is a basic type; a procedure "
-                                                            "needs a procedure type");
+                throw DescriptionError(s.Line(), "'" + *v +
+                                                     "' is a basic type; a procedure "
+                                                     "needs a procedure type");
             typeName = *v;
             step.hasType = true;
         }
@@ -609,7 +613,8 @@ class Parser {
         if (auto v = s.Option("flags"))
             step.flags = static_cast<uint16_t>(Unsigned(s.Line(), *v, "flags", 0xFFFF));
         if (auto v = s.Option("debug-start"))
-            step.debugStart = static_cast<uint32_t>(Unsigned(s.Line(), *v, "debug-start", UINT32_MAX));
+            step.debugStart =
+                static_cast<uint32_t>(Unsigned(s.Line(), *v, "debug-start", UINT32_MAX));
         if (auto v = s.Option("debug-end"))
             step.debugEnd = static_cast<uint32_t>(Unsigned(s.Line(), *v, "debug-end", UINT32_MAX));
         m_nOpenProcedureLine = s.Line();
@@ -646,8 +651,10 @@ class Parser {
         step.line = s.Line();
         step.source = source->second;
         if (single) {
-            step.lineNumber = static_cast<uint32_t>(Unsigned(s.Line(), s.Args()[1], "line", UINT32_MAX));
-            step.offset = static_cast<uint32_t>(Unsigned(s.Line(), s.Args()[2], "offset", UINT32_MAX));
+            step.lineNumber =
+                static_cast<uint32_t>(Unsigned(s.Line(), s.Args()[1], "line", UINT32_MAX));
+            step.offset =
+                static_cast<uint32_t>(Unsigned(s.Line(), s.Args()[2], "offset", UINT32_MAX));
             if (auto v = s.Option("column"))
                 step.column = static_cast<uint32_t>(Unsigned(s.Line(), *v, "column", UINT32_MAX));
             if (auto v = s.Option("base"))
@@ -684,11 +691,13 @@ class Parser {
                 if (!pending.typeName.empty()) {
                     auto type = m_ProcTypeByAlias.find(pending.typeName);
                     if (type == m_ProcTypeByAlias.end())
-                        throw DescriptionError(step.line, "unknown type '" + pending.typeName + "'");
+                        throw DescriptionError(step.line,
+                                               "unknown type '" + pending.typeName + "'");
                     step.type.procType = type->second;
                 }
                 if (!step.hasStart) {
-                    // The start is the main symbol's offset: the lowest entry, the first among equals.
+                    // The start is the main symbol's offset: the lowest entry, the first among
+                    // equals.
                     step.start = UINT64_MAX;
                     for (size_t entry : step.entries)
                         step.start = std::min(step.start, m_Out.symbols[entry].offset);
@@ -719,6 +728,8 @@ unsigned BaseTypeWidth(int32_t code) {
     return 0;
 }
 
-Description ParseDescription(const std::string &text) { return Parser().Run(text); }
+Description ParseDescription(const std::string &text) {
+    return Parser().Run(text);
+}
 
 } // namespace qdbg

@@ -14,20 +14,20 @@ namespace qdbg {
 
 // A fault in the description: the line it is on (1-based) and what is wrong.
 class DescriptionError : public std::runtime_error {
-  public:
+public:
     DescriptionError(int line, const std::string &message)
         : std::runtime_error(message), m_nLine(line) {}
     int Line() const { return m_nLine; }
 
-  private:
+private:
     int m_nLine;
 };
 
 // A type as a description names it: one of the twelve basic types by its base-type code, or a
 // procedure type declared with `proctype`.
 struct TypeRef {
-    int32_t baseCode = 0;      // 1..12 for a basic type, 0 for a procedure type
-    size_t procType = 0;       // index into Description::procTypes when baseCode is 0
+    int32_t baseCode = 0; // 1..12 for a basic type, 0 for a procedure type
+    size_t procType = 0;  // index into Description::procTypes when baseCode is 0
     bool IsBasic() const { return baseCode != 0; }
 };
 

@@ -14,7 +14,9 @@ namespace qdbg {
 
 namespace {
 
-void Fail(const std::string &message) { std::fprintf(stderr, "qdbg: %s\n", message.c_str()); }
+void Fail(const std::string &message) {
+    std::fprintf(stderr, "qdbg: %s\n", message.c_str());
+}
 
 std::string SectionName(BrxHandle section) {
     std::vector<char> buffer(64);
@@ -32,7 +34,7 @@ std::string SectionName(BrxHandle section) {
 // A retrieval run on one object file that qdbg opens itself; the library binds it through the
 // first section handed to DbgLine_open_line_section.
 class Retrieval {
-  public:
+public:
     ~Retrieval() {
         Dbg_finish();
         if (m_hFile != 0)
@@ -75,7 +77,7 @@ class Retrieval {
 
     const std::vector<BrxHandle> &Sections() const { return m_Sections; }
 
-  private:
+private:
     BrxHandle m_hFile = 0;
     std::vector<BrxHandle> m_Sections;
 };
@@ -94,8 +96,8 @@ bool IsBookkeeping(BrxHandle section, const std::string &name) {
     if (_brx_get_keyed(section, BRX_KEY_SECTION_FLAGS, nullptr, &flags, 0) == BRX_OK &&
         (flags & BRX_SECTION_DEBUG) != 0)
         return true;
-    static const char *const prefixes[] = {".debug", ".rel",  ".symtab", ".strtab",
-                                           ".shstrtab", ".group", ".note", ".comment"};
+    static const char *const prefixes[] = {".debug",    ".rel",   ".symtab", ".strtab",
+                                           ".shstrtab", ".group", ".note",   ".comment"};
     for (const char *prefix : prefixes)
         if (name.compare(0, std::strlen(prefix), prefix) == 0)
             return true;
@@ -113,7 +115,9 @@ Probe RowAt(DbgLineSectionHandle *handle, uint64_t offset, DbgInstInfo &info, Db
     return status == DBG_ERR_NO_LINE_AT_OFFSET ? Probe::NoRow : Probe::Failed;
 }
 
-std::string FileOf(const DbgInstInfo &info) { return ToUtf8(info.name, 257); }
+std::string FileOf(const DbgInstInfo &info) {
+    return ToUtf8(info.name, 257);
+}
 
 } // namespace
 
@@ -249,7 +253,8 @@ int ListFiles(const std::string &object) {
         std::vector<char> buffer(512);
         while (true) {
             uint32_t size = static_cast<uint32_t>(buffer.size());
-            status = DbgLine_get_source_file_name(static_cast<int32_t>(index), buffer.data(), &size);
+            status =
+                DbgLine_get_source_file_name(static_cast<int32_t>(index), buffer.data(), &size);
             // 38 also means "buffer too small": the index is known to be valid here.
             if (status != DBG_ERR_BAD_SOURCE_INDEX || buffer.size() > (1u << 20))
                 break;
@@ -259,7 +264,8 @@ int ListFiles(const std::string &object) {
             Fail("source file " + std::to_string(index) + ": " + DescribeStatus(status));
             return kExitFailed;
         }
-        std::printf("%s\n", std::string(buffer.data(), strnlen(buffer.data(), buffer.size())).c_str());
+        std::printf("%s\n",
+                    std::string(buffer.data(), strnlen(buffer.data(), buffer.size())).c_str());
     }
     return kExitOk;
 }

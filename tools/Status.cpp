@@ -11,7 +11,8 @@ struct StatusName {
     const char *name;
 };
 
-#define QDBG_STATUS(name) {name, #name}
+#define QDBG_STATUS(name)                                                                          \
+    { name, #name }
 const StatusName kStatusNames[] = {
     QDBG_STATUS(DBG_ERR_NONE),
     QDBG_STATUS(DBG_ERR_FAILED),

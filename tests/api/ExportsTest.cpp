@@ -65,11 +65,12 @@ TEST(Exports, OnlyTheObjectFileApiLeavesBrix) {
         else
             unexpected.push_back(line);
     }
-    EXPECT_TRUE(unexpected.empty()) << unexpected.size() << " other symbols, first: "
-                                    << (unexpected.empty() ? "" : unexpected.front());
+    EXPECT_TRUE(unexpected.empty())
+        << unexpected.size()
+        << " other symbols, first: " << (unexpected.empty() ? "" : unexpected.front());
     std::sort(functions.begin(), functions.end());
-    EXPECT_EQ(functions, (std::vector<std::string>{"_brx_close_file", "_brx_create_object",
-                                                   "_brx_get_keyed", "_brx_new_file",
-                                                   "_brx_open_file", "_brx_set_value",
-                                                   "_brx_write_file", "_wcbrx_get_keyed"}));
+    EXPECT_EQ(functions,
+              (std::vector<std::string>{"_brx_close_file", "_brx_create_object", "_brx_get_keyed",
+                                        "_brx_new_file", "_brx_open_file", "_brx_set_value",
+                                        "_brx_write_file", "_wcbrx_get_keyed"}));
 }

@@ -50,8 +50,8 @@ const SinkScript kScripts[] = {
     {"a patch straddling the flush boundary",
      [](brix::CByteBuffer &b) {
          b.Zeros(kChunk - 2);
-         b.U32(0); // fills the buffer: everything so far leaves
-         b.U32(0); // stays in the buffer
+         b.U32(0);                           // fills the buffer: everything so far leaves
+         b.U32(0);                           // stays in the buffer
          b.PatchU32(kChunk, 0xa1b2c3d4);     // two bytes flushed, two buffered
          b.PatchU16(kChunk - 3, 0x5aa5);     // flushed only
          b.PatchU32(kChunk - 4, 0x01020304); // overlaps the previous patch

@@ -42,11 +42,11 @@ std::string ReadmeExample() {
 }
 
 class Installed : public ::testing::Test {
-  protected:
+protected:
     static void SetUpTestSuite() {
         s_Prefix = new qtest::TempDir;
-        s_Install = new CommandResult(
-            RunCommand("cmake --install " + Quote(kBuildDir) + " --prefix " + Quote(s_Prefix->Path())));
+        s_Install = new CommandResult(RunCommand("cmake --install " + Quote(kBuildDir) +
+                                                 " --prefix " + Quote(s_Prefix->Path())));
     }
     static void TearDownTestSuite() {
         delete s_Install;
@@ -61,7 +61,8 @@ class Installed : public ::testing::Test {
     static void RunAndReadObject(const qtest::TempDir &dir, const std::string &program) {
         CommandResult run = RunCommand(Quote(program), dir.Path());
         ASSERT_EQ(run.exitCode, 0) << run.out << run.err;
-        CommandResult read = RunCommand("readelf -a --debug-dump=info,abbrev,line -W start.o", dir.Path());
+        CommandResult read =
+            RunCommand("readelf -a --debug-dump=info,abbrev,line -W start.o", dir.Path());
         EXPECT_EQ(read.exitCode, 0);
         EXPECT_TRUE(Complaints(read.out + read.err).empty()) << read.out << read.err;
         EXPECT_NE(read.out.find("ELF64"), std::string::npos);
@@ -81,7 +82,8 @@ TEST_F(Installed, EveryFileIsInPlace) {
          {std::string("include/quillet/quillet.h"), std::string("include/brix/brix.h"),
           std::string("bin/qdbg"), InstallLibDir() + "/libquillet.so",
           InstallLibDir() + "/libbrix.so", InstallLibDir() + "/pkgconfig/quillet.pc",
-          InstallLibDir() + "/pkgconfig/brix.pc", InstallLibDir() + "/cmake/Quillet/QuilletConfig.cmake",
+          InstallLibDir() + "/pkgconfig/brix.pc",
+          InstallLibDir() + "/cmake/Quillet/QuilletConfig.cmake",
           InstallLibDir() + "/cmake/Quillet/QuilletConfigVersion.cmake",
           InstallLibDir() + "/cmake/Quillet/QuilletTargets.cmake"})
         EXPECT_TRUE(FileExists(Prefix(path))) << path;
@@ -90,8 +92,10 @@ TEST_F(Installed, EveryFileIsInPlace) {
 TEST_F(Installed, LibrariesCarryTheirSonameVersion) {
     for (const char *name : {"quillet", "brix"}) {
         std::string lib = LibDir() + "/lib" + name;
-        CommandResult links = RunCommand("readlink " + Quote(lib + ".so") + " " + Quote(lib + ".so.1"));
-        EXPECT_EQ(links.out, std::string("lib") + name + ".so.1\nlib" + name + ".so.1.0.0\n") << name;
+        CommandResult links =
+            RunCommand("readlink " + Quote(lib + ".so") + " " + Quote(lib + ".so.1"));
+        EXPECT_EQ(links.out, std::string("lib") + name + ".so.1\nlib" + name + ".so.1.0.0\n")
+            << name;
         CommandResult dynamic = RunCommand("readelf -d " + Quote(lib + ".so.1.0.0"));
         EXPECT_NE(dynamic.out.find(std::string("Library soname: [lib") + name + ".so.1]"),
                   std::string::npos)
@@ -101,11 +105,12 @@ TEST_F(Installed, LibrariesCarryTheirSonameVersion) {
 
 TEST_F(Installed, QdbgRunsFromThePrefixAndBuildsAnExample) {
     qtest::TempDir dir;
-    CommandResult built = RunCommand(Quote(Prefix("bin/qdbg")) + " build hello.qd -o " +
-                                         Quote(dir.File("hello.o")),
-                                     kSourceDir + "/examples");
+    CommandResult built =
+        RunCommand(Quote(Prefix("bin/qdbg")) + " build hello.qd -o " + Quote(dir.File("hello.o")),
+                   kSourceDir + "/examples");
     ASSERT_EQ(built.exitCode, 0) << built.err;
-    CommandResult listed = RunCommand(Quote(Prefix("bin/qdbg")) + " lines " + Quote(dir.File("hello.o")));
+    CommandResult listed =
+        RunCommand(Quote(Prefix("bin/qdbg")) + " lines " + Quote(dir.File("hello.o")));
     EXPECT_EQ(listed.exitCode, 0) << listed.err;
     EXPECT_NE(listed.out.find(".text 0x7 6 1 "), std::string::npos) << listed.out;
 }
@@ -123,11 +128,10 @@ TEST_F(Installed, ReadmeExampleBuildsThroughPkgConfig) {
     EXPECT_NE(flags.out.find("-lbrix"), std::string::npos) << flags.out;
     CommandResult version = RunCommand(pkgConfig + " --modversion quillet brix");
     EXPECT_EQ(version.out, "1.0.0\n1.0.0\n");
-    CommandResult compiled =
-        RunCommand("cc -std=c11 -Wall -Wextra -Wpedantic -Werror" + kSanitize +
-                       " example.c $(" + pkgConfig + " --cflags --libs quillet) -Wl,-rpath," +
-                       Quote(LibDir()) + " -o example",
-                   dir.Path());
+    CommandResult compiled = RunCommand(
+        "cc -std=c11 -Wall -Wextra -Wpedantic -Werror" + kSanitize + " example.c $(" + pkgConfig +
+            " --cflags --libs quillet) -Wl,-rpath," + Quote(LibDir()) + " -o example",
+        dir.Path());
     ASSERT_EQ(compiled.exitCode, 0) << compiled.out << compiled.err;
     RunAndReadObject(dir, dir.File("example"));
 }

@@ -85,13 +85,14 @@ const ErrorCase kErrorCases[] = {
     {"symbol f 0\nprocedure f\nend\n", "5: 'procedure' needs end=OFFSET"},
     {"symbol f 0\nprocedure f end=4 type=data4\nend\n",
      "5: 'data4' is a basic type; a procedure needs a procedure type"},
-    {"!module source=a.s\nsymbol f 0 section=.t\nsection .t code\n",
-     "2: unknown section '.t'"},
+    {"!module source=a.s\nsymbol f 0 section=.t\nsection .t code\n", "2: unknown section '.t'"},
     {"lines a 1:0 2-4\n", "4: '2-4' is not LINE:OFFSET"},
     {"line a 1 0x\n", "4: offset '0x' is not a number"},
 };
 
-std::ostream &operator<<(std::ostream &out, const ErrorCase &c) { return out << c.expected; }
+std::ostream &operator<<(std::ostream &out, const ErrorCase &c) {
+    return out << c.expected;
+}
 
 class DescriptionErrors : public ::testing::TestWithParam<ErrorCase> {};
 
@@ -100,7 +101,8 @@ TEST_P(DescriptionErrors, NameFileLineAndFault) {
     qtest::TempDir dir;
     std::string text = c.body[0] == '!' ? std::string(c.body + 1) : kPrologue + std::string(c.body);
     WriteFile(dir.File("desc.qd"), text);
-    CommandResult result = RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o", dir.Path());
+    CommandResult result =
+        RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o", dir.Path());
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.err, "desc.qd:" + std::string(c.expected) + "\n") << text;
     EXPECT_EQ(result.out, "");
@@ -139,7 +141,8 @@ class UsageErrors : public ::testing::TestWithParam<UsageCase> {};
 
 TEST_P(UsageErrors, ExitTwoWithAMessage) {
     qtest::TempDir dir;
-    CommandResult result = RunCommand(std::string(QDBG_PATH) + " " + GetParam().arguments, dir.Path());
+    CommandResult result =
+        RunCommand(std::string(QDBG_PATH) + " " + GetParam().arguments, dir.Path());
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_EQ(result.err.substr(0, result.err.find('\n')), GetParam().message);
     EXPECT_EQ(result.out, "");
@@ -158,7 +161,8 @@ TEST(DescriptionRefusals, CoffOutputNamesTheMissingSourceFiles) {
                           "line entry names: do they all exist?\n");
     EXPECT_FALSE(FileExists(dir.File("out.o")));
     WriteFile(dir.File("a.s"), "; now it exists\n");
-    result = RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o --format coff", dir.Path());
+    result =
+        RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o --format coff", dir.Path());
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_TRUE(FileExists(dir.File("out.o")));
 }
@@ -178,9 +182,9 @@ TEST(QdbgHelp, EveryCommandHasAPageWithTheExitCodes) {
 TEST(QdbgHelp, TheManualDocumentsEveryStatementOfTheFormat) {
     CommandResult manual = RunCommand(std::string(QDBG_PATH) + " --help");
     ASSERT_EQ(manual.exitCode, 0);
-    for (const char *keyword : {"module", "source", "proctype", "section", "symbol", "label",
-                                "data", "constant", "register", "procedure", "end", "line",
-                                "lines"})
+    for (const char *keyword :
+         {"module", "source", "proctype", "section", "symbol", "label", "data", "constant",
+          "register", "procedure", "end", "line", "lines"})
         EXPECT_TRUE(manual.out.find(std::string("\n    ") + keyword + " ") != std::string::npos ||
                     manual.out.find(std::string("\n    ") + keyword + "\n") != std::string::npos)
             << keyword;
@@ -200,9 +204,8 @@ TEST(QdbgHelp, TheManualsExampleBuildsInEveryFormat) {
     WriteFile(dir.File("hello.desc"), description);
     WriteFile(dir.File("hello.s"), "; the source the example's lines point into\n");
     for (const char *format : {"elf64", "elf32", "coff"}) {
-        CommandResult built = RunCommand(std::string(QDBG_PATH) + " build hello.desc -o hello.o -f " +
-                                             format,
-                                         dir.Path());
+        CommandResult built = RunCommand(
+            std::string(QDBG_PATH) + " build hello.desc -o hello.o -f " + format, dir.Path());
         EXPECT_EQ(built.exitCode, 0) << format << "\n" << description << built.err;
         CommandResult listed = RunCommand(std::string(QDBG_PATH) + " lines hello.o", dir.Path());
         EXPECT_NE(listed.out.find(".text 0xc 7 1 "), std::string::npos) << format << listed.out;

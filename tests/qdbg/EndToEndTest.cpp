@@ -22,10 +22,12 @@ struct Row {
     uint32_t line;
     std::string file; // base name
     bool operator<(const Row &o) const {
-        return std::tie(section, offset, line, file) < std::tie(o.section, o.offset, o.line, o.file);
+        return std::tie(section, offset, line, file) <
+               std::tie(o.section, o.offset, o.line, o.file);
     }
     bool operator==(const Row &o) const {
-        return std::tie(section, offset, line, file) == std::tie(o.section, o.offset, o.line, o.file);
+        return std::tie(section, offset, line, file) ==
+               std::tie(o.section, o.offset, o.line, o.file);
     }
 };
 
@@ -65,15 +67,17 @@ std::vector<Row> DescribedRows(const std::string &text) {
                 if (option.rfind("base=", 0) == 0)
                     base = std::stoull(option.substr(5), nullptr, 0);
             rows.push_back({section, base + std::stoull(offset, nullptr, 0),
-                            static_cast<uint32_t>(std::stoul(number, nullptr, 0)), sources[source]});
+                            static_cast<uint32_t>(std::stoul(number, nullptr, 0)),
+                            sources[source]});
         } else if (keyword == "lines") {
             std::string pair;
             words >> source;
             while (words >> pair) {
                 size_t colon = pair.find(':');
-                rows.push_back({section, std::stoull(pair.substr(colon + 1), nullptr, 0),
-                                static_cast<uint32_t>(std::stoul(pair.substr(0, colon), nullptr, 0)),
-                                sources[source]});
+                rows.push_back(
+                    {section, std::stoull(pair.substr(colon + 1), nullptr, 0),
+                     static_cast<uint32_t>(std::stoul(pair.substr(0, colon), nullptr, 0)),
+                     sources[source]});
             }
         }
     }
@@ -107,9 +111,8 @@ void ExpectNoComplaints(const CommandResult &result, const std::string &what) {
 // Builds examples/NAME.qd in FORMAT into DIR (run from examples/, where its sources are).
 std::string Build(const qtest::TempDir &dir, const std::string &name, const std::string &format) {
     std::string object = dir.File(name + "-" + format + ".o");
-    CommandResult built = RunCommand(kQdbg + " build " + name + ".qd -o " + Quote(object) +
-                                  " --format " + format,
-                              kExamples);
+    CommandResult built = RunCommand(
+        kQdbg + " build " + name + ".qd -o " + Quote(object) + " --format " + format, kExamples);
     EXPECT_EQ(built.exitCode, 0) << built.err;
     EXPECT_EQ(built.err, "");
     return object;
@@ -128,8 +131,9 @@ void CheckConsumers(const std::string &object, const std::string &format) {
         EXPECT_NE(dump.out.find("CodeViewDebugInfo"), std::string::npos);
         return;
     }
-    ExpectNoComplaints(RunCommand("readelf --debug-dump=info,abbrev,line,decodedline -W " + Quote(object)),
-                       "readelf");
+    ExpectNoComplaints(
+        RunCommand("readelf --debug-dump=info,abbrev,line,decodedline -W " + Quote(object)),
+        "readelf");
     CommandResult verify = RunCommand("llvm-dwarfdump-14 --verify --all " + Quote(object));
     ExpectNoComplaints(verify, "llvm-dwarfdump-14 --verify --all");
     EXPECT_NE(verify.out.find("No errors."), std::string::npos) << verify.out;
@@ -162,30 +166,33 @@ INSTANTIATE_TEST_SUITE_P(AllFormats, ExampleDescriptions,
 struct Query {
     const char *arguments; // after the object
     int exitCode;
-    const char *out;       // exact standard output, with "{tour}" standing for tour.s's full path
-    const char *errPart;   // a part of standard error ("" for none)
+    const char *out;     // exact standard output, with "{tour}" standing for tour.s's full path
+    const char *errPart; // a part of standard error ("" for none)
 };
 
 const Query kQueries[] = {
     {"addr .text 0x10", 0, "{tour}:10\n", ""},
-    {"addr .text 19", 0, "{tour}:11\n", ""},        // inside the instruction at 17
-    {"addr .text 0x15", 0, "{inc}:2\n", ""},        // the include file's row at 20
+    {"addr .text 19", 0, "{tour}:11\n", ""}, // inside the instruction at 17
+    {"addr .text 0x15", 0, "{inc}:2\n", ""}, // the include file's row at 20
     {"addr .text.inline 3", 0, "{tour}:19\n", ""},
     {"addr .data 4", 3, "??:0\n", ""},
     {"addr .nothing 0", 1, "", "has no section .nothing"},
     {"line {tour} 10", 0, ".text 0x10\n", ""},
     {"line {tour} 18", 0, ".text.inline 0x0\n", ""},
-    {"line {TOUR} 4", 0, ".text 0x3\n", ""},           // letter case does not matter
+    {"line {TOUR} 4", 0, ".text 0x3\n", ""}, // letter case does not matter
     {"line {tour} 9", 3, "", "nearest earlier position is {tour}:8 at .text 0xe"},
     {"line {tour}.missing 3", 3, "", "has no line information for"},
 };
 
-std::ostream &operator<<(std::ostream &out, const Query &q) { return out << q.arguments; }
+std::ostream &operator<<(std::ostream &out, const Query &q) {
+    return out << q.arguments;
+}
 
 class LineQueries : public ::testing::TestWithParam<std::tuple<Query, const char *>> {};
 
 std::string Substitute(std::string text, const std::string &tour, const std::string &inc) {
-    for (auto [key, value] : {std::pair<std::string, std::string>{"{tour}", tour}, {"{inc}", inc},
+    for (auto [key, value] : {std::pair<std::string, std::string>{"{tour}", tour},
+                              {"{inc}", inc},
                               {"{TOUR}", [&] {
                                    std::string upper = tour;
                                    std::transform(upper.begin(), upper.end(), upper.begin(),
@@ -221,12 +228,13 @@ TEST_P(LineQueries, AnswerFromTheLineInformation) {
     std::string verb = command.substr(0, command.find(' '));
     std::string rest = command.substr(command.find(' ') + 1);
     CommandResult result = RunCommand(kQdbg + " " + verb + " " + Quote(object) + " " +
-                               Substitute(rest, Quote(tour), Quote(inc)));
+                                      Substitute(rest, Quote(tour), Quote(inc)));
     EXPECT_EQ(result.exitCode, q.exitCode) << command << "\n" << result.err;
     EXPECT_EQ(result.out, Substitute(q.out, tour, inc)) << command;
     if (*q.errPart != '\0') {
         EXPECT_NE(result.err.find(Substitute(q.errPart, tour, inc)), std::string::npos)
-            << command << "\n" << result.err;
+            << command << "\n"
+            << result.err;
     }
 }
 
@@ -241,7 +249,8 @@ TEST(QdbgQueries, AnObjectThatCannotBeOpenedIsAFailure) {
     qtest::TempDir dir;
     WriteFile(dir.File("not-an-object.o"), "plain text, not an object file\n");
     for (const char *command : {"lines", "files"}) {
-        CommandResult result = RunCommand(kQdbg + " " + command + " " + Quote(dir.File("not-an-object.o")));
+        CommandResult result =
+            RunCommand(kQdbg + " " + command + " " + Quote(dir.File("not-an-object.o")));
         EXPECT_EQ(result.exitCode, 1) << command;
         EXPECT_NE(result.err.find("cannot open"), std::string::npos) << result.err;
         EXPECT_EQ(result.out, "");
@@ -251,8 +260,8 @@ TEST(QdbgQueries, AnObjectThatCannotBeOpenedIsAFailure) {
 TEST(CExample, WritesAnElf64ObjectWithItsFiveRows) {
     qtest::TempDir dir;
     std::string object = dir.File("count.o");
-    CommandResult run =
-        RunCommand(Quote(std::string(QUILLET_BINARY_DIR) + "/examples/emit_elf64") + " " + Quote(object));
+    CommandResult run = RunCommand(Quote(std::string(QUILLET_BINARY_DIR) + "/examples/emit_elf64") +
+                                   " " + Quote(object));
     ASSERT_EQ(run.exitCode, 0) << run.err;
     CheckConsumers(object, "elf64");
     CommandResult listed = RunCommand(kQdbg + " lines " + Quote(object));

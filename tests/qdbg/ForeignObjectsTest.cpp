@@ -65,11 +65,12 @@ TEST(ForeignObjects, CoffLineBlocksFromClang) {
     qtest::TempDir dir;
     std::string source;
     for (int k = 0; k < 6; ++k)
-        source += "int f" + std::to_string(k) + "(int x)\n{\n    int y = x * " + std::to_string(k + 2) +
-                  ";\n    return y + " + std::to_string(k) + ";\n}\n\n";
+        source += "int f" + std::to_string(k) + "(int x)\n{\n    int y = x * " +
+                  std::to_string(k + 2) + ";\n    return y + " + std::to_string(k) + ";\n}\n\n";
     WriteFile(dir.File("six.c"), source);
-    CommandResult compiled = RunCommand(
-        "clang-14 --target=x86_64-pc-windows-msvc -g -gcodeview -O0 -c six.c -o six.obj", dir.Path());
+    CommandResult compiled =
+        RunCommand("clang-14 --target=x86_64-pc-windows-msvc -g -gcodeview -O0 -c six.c -o six.obj",
+                   dir.Path());
     ASSERT_EQ(compiled.exitCode, 0) << compiled.err;
 
     // What LLVM reads: each function's line table (offsets from the function's start) and the
@@ -77,14 +78,16 @@ TEST(ForeignObjects, CoffLineBlocksFromClang) {
     CommandResult symbols = RunCommand("llvm-readobj-14 --symbols six.obj", dir.Path());
     std::map<std::string, uint64_t> start;
     std::regex symbol(R"(Name: (f\d)\n\s+Value: (\d+)\n\s+Section: \.text)");
-    for (std::sregex_iterator it(symbols.out.begin(), symbols.out.end(), symbol), end; it != end; ++it)
+    for (std::sregex_iterator it(symbols.out.begin(), symbols.out.end(), symbol), end; it != end;
+         ++it)
         start[(*it)[1]] = std::stoull((*it)[2]);
     ASSERT_EQ(start.size(), 6u) << symbols.out;
     CommandResult codeview = RunCommand("llvm-readobj-14 --codeview six.obj", dir.Path());
     std::vector<std::pair<uint64_t, std::string>> rows;
     std::regex item(R"(LinkageName: (f\d)|\+(0x[0-9A-F]+) \[\n\s+LineNumberStart: (\d+))");
     std::string function;
-    for (std::sregex_iterator it(codeview.out.begin(), codeview.out.end(), item), end; it != end; ++it) {
+    for (std::sregex_iterator it(codeview.out.begin(), codeview.out.end(), item), end; it != end;
+         ++it) {
         if ((*it)[1].matched) {
             function = (*it)[1];
             continue;

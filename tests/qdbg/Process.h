@@ -34,7 +34,9 @@ inline void WriteFile(const std::string &path, const std::string &text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
-inline bool FileExists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+inline bool FileExists(const std::string &path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 // Quotes a word for the shell.
 inline std::string Quote(const std::string &word) {

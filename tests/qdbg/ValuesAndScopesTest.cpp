@@ -36,7 +36,8 @@ TEST(QdbgValues, ConstantsCarryTheirValueInTheTypesWidthLittleEndian) {
     qtest::TempDir dir;
     std::string text = "module source=v.s\nsection .data size=8\n";
     for (size_t k = 0; k < std::size(kValues); ++k)
-        text += "constant c" + std::to_string(k) + " " + kValues[k].type + " " + kValues[k].value + "\n";
+        text += "constant c" + std::to_string(k) + " " + kValues[k].type + " " + kValues[k].value +
+                "\n";
     WriteFile(dir.File("values.qd"), text);
     CommandResult built =
         RunCommand(std::string(QDBG_PATH) + " build values.qd -o values.o", dir.Path());
@@ -44,7 +45,8 @@ TEST(QdbgValues, ConstantsCarryTheirValueInTheTypesWidthLittleEndian) {
     CommandResult dump = RunCommand("llvm-dwarfdump-14 --debug-info values.o", dir.Path());
     ASSERT_EQ(dump.exitCode, 0);
     std::map<std::string, std::string> found;
-    std::regex entry(R"re(DW_AT_name\s+\("(c\d+)"\)\s+DW_AT_const_value\s+\((<0x[0-9a-f]+>[0-9a-f ]*?)\s*\))re");
+    std::regex entry(
+        R"re(DW_AT_name\s+\("(c\d+)"\)\s+DW_AT_const_value\s+\((<0x[0-9a-f]+>[0-9a-f ]*?)\s*\))re");
     for (std::sregex_iterator it(dump.out.begin(), dump.out.end(), entry), end; it != end; ++it)
         found[(*it)[1]] = (*it)[2];
     for (size_t k = 0; k < std::size(kValues); ++k)
@@ -55,22 +57,21 @@ TEST(QdbgValues, ConstantsCarryTheirValueInTheTypesWidthLittleEndian) {
 TEST(QdbgScopes, ASectionOpenedAgainKeepsTheRowsOfBothScopes) {
     qtest::TempDir dir;
     WriteFile(dir.File("again.qd"), "module source=r.s\n"
-                                "source r r.s\n"
-                                "section .text code size=16\n"
-                                "  symbol f 0 global function\n"
-                                "  procedure f end=8\n"
-                                "    lines r 2:0 3:4\n"
-                                "  end\n"
-                                "section .data size=4\n"
-                                "section .text\n"
-                                "  symbol g 8 global function\n"
-                                "  procedure g end=16\n"
-                                "    lines r 5:8 6:12\n"
-                                "  end\n");
+                                    "source r r.s\n"
+                                    "section .text code size=16\n"
+                                    "  symbol f 0 global function\n"
+                                    "  procedure f end=8\n"
+                                    "    lines r 2:0 3:4\n"
+                                    "  end\n"
+                                    "section .data size=4\n"
+                                    "section .text\n"
+                                    "  symbol g 8 global function\n"
+                                    "  procedure g end=16\n"
+                                    "    lines r 5:8 6:12\n"
+                                    "  end\n");
     for (const char *format : {"elf64", "elf32"}) {
-        CommandResult built = RunCommand(std::string(QDBG_PATH) + " build again.qd -o again.o --format " +
-                                             format,
-                                         dir.Path());
+        CommandResult built = RunCommand(
+            std::string(QDBG_PATH) + " build again.qd -o again.o --format " + format, dir.Path());
         ASSERT_EQ(built.exitCode, 0) << built.err;
         CommandResult verify = RunCommand("llvm-dwarfdump-14 --verify --all again.o", dir.Path());
         EXPECT_EQ(verify.exitCode, 0) << verify.out;
@@ -93,16 +94,15 @@ TEST(QdbgScopes, ALineWithCodeInTwoPlacesListsBoth) {
     qtest::TempDir dir;
     WriteFile(dir.File("a.s"), "; lines 5 to 7\n");
     WriteFile(dir.File("twice.qd"), "module source=a.s\n"
-                                "source a a.s\n"
-                                "section .text code size=16\n"
-                                "lines a 5:0 6:4 5:8 7:12\n");
+                                    "source a a.s\n"
+                                    "section .text code size=16\n"
+                                    "lines a 5:0 6:4 5:8 7:12\n");
     for (const char *format : {"elf64", "coff"}) {
-        CommandResult built = RunCommand(std::string(QDBG_PATH) + " build twice.qd -o twice.o -f " +
-                                             format,
-                                         dir.Path());
+        CommandResult built = RunCommand(
+            std::string(QDBG_PATH) + " build twice.qd -o twice.o -f " + format, dir.Path());
         ASSERT_EQ(built.exitCode, 0) << built.err;
-        CommandResult places =
-            RunCommand(std::string(QDBG_PATH) + " line twice.o " + Quote(dir.File("a.s")) + " 5", dir.Path());
+        CommandResult places = RunCommand(
+            std::string(QDBG_PATH) + " line twice.o " + Quote(dir.File("a.s")) + " 5", dir.Path());
         EXPECT_EQ(places.exitCode, 0) << places.err;
         EXPECT_EQ(places.out, ".text 0x0\n.text 0x8\n") << format;
     }
