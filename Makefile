@@ -1,5 +1,5 @@
 # Two entry points: `make demo` (the main job) and `make check` (every test, twice: a normal
-# build and an AddressSanitizer + UndefinedBehaviorSanitizer build; then the readers' fuzzer
+# build and an AddressSanitizer + UndefinedBehaviorSanitizer build; the readers' fuzzer runs first
 # for a bounded time).
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
@@ -33,7 +33,7 @@ FUZZ_SECONDS ?= 60
 fuzz:
 	FUZZ_BUILD_DIR=$(abspath $(FUZZ_BUILD)) ./fuzz/run.sh $(FUZZ_SECONDS)
 
-check: test test-asan fuzz
+check: fuzz test test-asan
 
 install: all
 	cmake --install $(BUILD) --prefix $(PREFIX)
