@@ -295,8 +295,8 @@ uint32_t CBaseRetrieve::LoadElfLines() {
 uint32_t CBaseRetrieve::LoadDwarf(const CDwarfSections &sections, CSequencePlacer &placer) {
     if (sections.lineSize < kMinLineSectionSize)
         return DBG_ERR_LINE_SECTION_TOO_SHORT;
-    // A run that has written a line program cannot decode one (they share the header constants
-    // in the specification's model); the library's reader claims the interlock.
+    // A process that has written a line program does not decode one: the writer and the decoder
+    // share the state machine's header constants. The library's reader claims the interlock.
     if (IsLibraryReader()) {
         uint32_t &use = State().lineProgramUse;
         if (use == kLineProgramWriting)
