@@ -46,9 +46,7 @@ CError CBaseAbbrev::WriteDeclaration(CBinarySection &section, uint32_t &code) {
     quillet::ByteWriter writer(quillet::SizeULEB128(code) + length);
     writer.ULEB(code);
     writer.Bytes(body, length);
-    if (!writer.Finish())
-        return kFailed;
-    return section.Append(writer.Data(), uint32_t(writer.Size()));
+    return section.AppendRecord(writer);
 }
 
 void ShareAbbrev(CBaseAbbrev *&abbrev) {

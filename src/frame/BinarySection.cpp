@@ -1,5 +1,7 @@
 #include "frame/BinarySection.h"
 
+#include "platform/ByteWriter.h"
+
 #include "frame/ObjectFile.h"
 #include "platform/Check.h"
 #include "wideint/WideInt.h"
@@ -132,6 +134,16 @@ CError CBinarySection::Append(const void *bytes, uint32_t length) {
     if (WriteAt(m_nSize, bytes, length, written).Failed())
         return kFailed;
     m_nSize += written;
+    return kOk;
+}
+
+CError CBinarySection::AppendRecord(const quillet::ByteWriter &record, uint64_t *start) {
+    if (!record.Finish())
+        return kFailed;
+    if (Append(record.Data(), uint32_t(record.Size())).Failed())
+        return kFailed;
+    if (start)
+        *start = m_nSize - record.Size();
     return kOk;
 }
 

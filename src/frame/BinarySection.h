@@ -20,6 +20,10 @@ constexpr uint32_t DEBUG_S_LINES = 0xF2;
 constexpr uint32_t DEBUG_S_STRINGTABLE = 0xF3;
 constexpr uint32_t DEBUG_S_FILECHKSMS = 0xF4;
 
+namespace quillet {
+class ByteWriter;
+}
+
 class CBinarySection {
 public:
     // Constructor tags: a main CodeView section with a low buffer of the given capacity, and the
@@ -51,6 +55,10 @@ public:
 
     CError Append(const void *bytes, uint32_t length);
     CError Append(const std::vector<uint8_t> &bytes);
+    // Appends a record once its writer holds exactly the computed length. `start`, when given,
+    // receives the offset at which the record begins: measured after the append, because a
+    // pending subsection header may go in front of it.
+    CError AppendRecord(const quillet::ByteWriter &record, uint64_t *start = nullptr);
     CError ReadNext(void *buffer, uint64_t length);
     CError OpenExisting();
     // A section-index (COFF) or section-offset (ELF) relocation at `offset` against `target`.

@@ -67,9 +67,7 @@ CError CCompInfo::WriteCodeView(CBinarySection &symbols, CBinarySection &) {
     record.U16(0);
     record.CString(producer);
     record.U8(0);
-    if (!record.Finish())
-        return kFailed;
-    return symbols.Append(record.Data(), uint32_t(record.Size()));
+    return symbols.AppendRecord(record);
 }
 
 CError CCompInfo::WriteEnvBlock(CBinarySection &symbols) {
@@ -88,9 +86,7 @@ CError CCompInfo::WriteEnvBlock(CBinarySection &symbols) {
     record.CString("src");
     record.CString(src);
     record.U8(0);
-    if (!record.Finish())
-        return kFailed;
-    return symbols.Append(record.Data(), uint32_t(record.Size()));
+    return symbols.AppendRecord(record);
 }
 
 CError CCompInfo::ComputeDwarfSize() {
@@ -124,10 +120,8 @@ CError CCompInfo::WriteDwarf(CBinarySection &info, CBinarySection &abbrev) {
     size_t stmtField = entry.Size();
     entry.U32(0);
     entry.U8(dwarf::DW_ID_case_insensitive);
-    if (!entry.Finish())
-        return kFailed;
-    uint64_t start = info.Size();
-    if (info.Append(entry.Data(), uint32_t(entry.Size())).Failed())
+    uint64_t start = 0;
+    if (info.AppendRecord(entry, &start).Failed())
         return kFailed;
     if (m_hCodeSection) {
         // The range runs from the start of the code section to a symbol at its end.

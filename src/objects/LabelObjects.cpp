@@ -20,17 +20,6 @@ using quillet::SizeULEB128;
 
 namespace {
 
-// Appends a finished record and gives the offset at which it starts.
-CError AppendRecord(CBinarySection &section, const ByteWriter &writer, uint64_t &start) {
-    if (!writer.Finish())
-        return kFailed;
-    if (section.Append(writer.Data(), uint32_t(writer.Size())).Failed())
-        return kFailed;
-    // Measured after the append: a pending subsection header may have gone in front of it.
-    start = section.Size() - writer.Size();
-    return kOk;
-}
-
 unsigned CodeSize(const CBaseAbbrev *abbrev) {
     return SizeULEB128(abbrev ? abbrev->Code() : 0);
 }
@@ -88,7 +77,7 @@ CError CCodeLabelObject::WriteCodeView(CBinarySection &symbols, CBinarySection &
     record.U8(0);  // flags
     record.CString(name);
     uint64_t start = 0;
-    if (AppendRecord(symbols, record, start).Failed())
+    if (symbols.AppendRecord(record, &start).Failed())
         return kFailed;
     if (symbols.AddSectionRelocation(start + 8, m_hSymbol).Failed() ||
         symbols.AddAddressRelocation(start + 4, m_hSymbol).Failed())
@@ -133,7 +122,7 @@ CError CCodeLabelObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev
     entry.Zeros(width);
     entry.U8(m_bExternal);
     uint64_t start = 0;
-    if (AppendRecord(info, entry, start).Failed())
+    if (info.AppendRecord(entry, &start).Failed())
         return kFailed;
     std::string().swap(m_Name);
     m_bNamePrepared = false;
@@ -198,7 +187,7 @@ CError CDataLabelObject::WriteCodeView(CBinarySection &symbols, CBinarySection &
     record.U16(0); // section, relocated
     record.CString(name);
     uint64_t start = 0;
-    if (AppendRecord(symbols, record, start).Failed())
+    if (symbols.AppendRecord(record, &start).Failed())
         return kFailed;
     if (symbols.AddSectionRelocation(start + 12, m_hSymbol).Failed() ||
         symbols.AddAddressRelocation(start + 8, m_hSymbol).Failed())
@@ -241,7 +230,7 @@ CError CDataLabelObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev
         entry.U64(m_nTypeRef);
     entry.U8(binding == BRX_BINDING_GLOBAL ? 1 : 0);
     uint64_t start = 0;
-    if (AppendRecord(info, entry, start).Failed())
+    if (info.AppendRecord(entry, &start).Failed())
         return kFailed;
     std::string().swap(m_Name);
     m_bNamePrepared = false;

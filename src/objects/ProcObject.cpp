@@ -137,12 +137,9 @@ CError CProcObject::WriteCodeView(CBinarySection &symbols, CBinarySection &types
     record.U8(uint8_t(m_nFlags & 0x1F));
     record.CString(name);
     record.U8(0);
-    if (!record.Finish())
+    uint64_t start = 0;
+    if (symbols.AppendRecord(record, &start).Failed())
         return kFailed;
-    if (symbols.Append(record.Data(), uint32_t(record.Size())).Failed())
-        return kFailed;
-    // Measured after the append: a pending subsection header may have gone in front of it.
-    const uint64_t start = symbols.Size() - record.Size();
     if (symbols.AddSectionRelocation(start + 36, m_hMainSymbol).Failed() ||
         symbols.AddAddressRelocation(start + 32, m_hMainSymbol).Failed())
         return kFailed;
@@ -193,10 +190,8 @@ CError CProcObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev) {
     entry.U8(uint8_t(SizeULEB128(reg) + 1));
     entry.U8(dwarf::DW_OP_regx);
     entry.ULEB(reg);
-    if (!entry.Finish())
-        return kFailed;
-    uint64_t start = info.Size();
-    if (info.Append(entry.Data(), uint32_t(entry.Size())).Failed())
+    uint64_t start = 0;
+    if (info.AppendRecord(entry, &start).Failed())
         return kFailed;
     std::string().swap(m_Name);
     m_bNamePrepared = false;

@@ -193,9 +193,7 @@ CError CConstantObject::WriteCodeView(CBinarySection &symbols, CBinarySection &t
     record.U16(leaf.leaf);
     record.Bytes(leaf.bytes, leaf.count);
     record.CString(m_Name);
-    if (!record.Finish())
-        return kFailed;
-    return symbols.Append(record.Data(), uint32_t(record.Size()));
+    return symbols.AppendRecord(record);
 }
 
 CError CConstantObject::ComputeDwarfSize() {
@@ -219,9 +217,7 @@ CError CConstantObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev)
     entry.U8(uint8_t(m_pValue.size()));
     entry.Bytes(m_pValue.data(), m_pValue.size());
     entry.U64(m_nTypeRef);
-    if (!entry.Finish())
-        return kFailed;
-    return info.Append(entry.Data(), uint32_t(entry.Size()));
+    return info.AppendRecord(entry);
 }
 
 // ---- Register-resident symbols ---------------------------------------------------------------
@@ -258,9 +254,7 @@ CError CEnregSymObject::WriteCodeView(CBinarySection &symbols, CBinarySection &t
     record.U32(typeIndex);
     record.U16(ToCodeViewRegister(m_nRegister));
     record.CString(m_Name);
-    if (!record.Finish())
-        return kFailed;
-    return symbols.Append(record.Data(), uint32_t(record.Size()));
+    return symbols.AppendRecord(record);
 }
 
 CError CEnregSymObject::ComputeDwarfSize() {
@@ -284,7 +278,5 @@ CError CEnregSymObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev)
     entry.U8(uint8_t(SizeULEB128(reg) + 1));
     entry.U8(dwarf::DW_OP_regx);
     entry.ULEB(reg);
-    if (!entry.Finish())
-        return kFailed;
-    return info.Append(entry.Data(), uint32_t(entry.Size()));
+    return info.AppendRecord(entry);
 }

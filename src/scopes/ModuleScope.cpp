@@ -46,14 +46,14 @@ uint32_t CModuleScope::LayoutDwarf() {
 uint32_t CModuleScope::BeginDwarfScope(CBinarySection &info, CBinarySection &abbrev,
                                        CBinarySection &line) {
     LibraryState &state = State();
-    uint64_t start = info.Size();
     // The unit length is known before anything is written: the layout pass sized every entry.
     quillet::ByteWriter header(11);
     header.U32(uint32_t(state.runningEntryOffset - 4));
     header.U16(kDwarfVersion);
     header.U32(0); // abbreviation offset, relocated
     header.U8(uint8_t(state.AddressWidth()));
-    if (!header.Finish() || info.Append(header.Data(), 11).Failed() ||
+    uint64_t start = 0;
+    if (info.AppendRecord(header, &start).Failed() ||
         info.AddSectionRelocation(start + 6, abbrev.Section()).Failed())
         return DBG_ERR_OBJECT_FILE;
     m_CompInfo.m_hLineSection = line.Section();
@@ -91,7 +91,7 @@ uint32_t CModuleScope::BeginCodeViewScope(CBinarySection *&symbols, CBinarySecti
     record.U16(quillet::cv::S_OBJNAME);
     record.U32(0); // signature
     record.CString(name);
-    if (!record.Finish() || symbols->Append(record.Data(), uint32_t(record.Size())).Failed())
+    if (symbols->AppendRecord(record).Failed())
         return DBG_ERR_OBJECT_FILE;
     if (m_CompInfo.WriteCodeView(*symbols, *types).Failed())
         return DBG_ERR_WRITE_FAILED;

@@ -105,9 +105,7 @@ CError CDebugBasicType::WriteDwarf(CBinarySection &info, CBinarySection &abbrev)
     entry.CString(m_Name);
     entry.ULEB(uint64_t(int64_t(m_nByteSize)));
     entry.ULEB(uint64_t(int64_t(m_nEncoding)));
-    if (!entry.Finish())
-        return kFailed;
-    return info.Append(entry.Data(), uint32_t(entry.Size()));
+    return info.AppendRecord(entry);
 }
 
 CDebugBasicType *BasicType(int32_t code) {
@@ -154,9 +152,7 @@ CError CDebugProcType::GetTypeIndex(CBinarySection &types, uint32_t &index) {
     argumentList.U16(6);
     argumentList.U16(LF_ARGLIST);
     argumentList.U32(0); // no arguments
-    CError appended = argumentList.Finish()
-                          ? types.Append(argumentList.Data(), uint32_t(argumentList.Size()))
-                          : kFailed;
+    CError appended = types.AppendRecord(argumentList);
     QCHECK(appended == CError::BOOL_STATUS_OK);
     uint32_t argumentListIndex = State().typeIndexCounter++;
 
@@ -168,7 +164,7 @@ CError CDebugProcType::GetTypeIndex(CBinarySection &types, uint32_t &index) {
     procedure.U8(0);                                   // function attributes
     procedure.U16(0);                                  // parameter count
     procedure.U32(argumentListIndex);
-    if (!procedure.Finish() || types.Append(procedure.Data(), uint32_t(procedure.Size())).Failed())
+    if (types.AppendRecord(procedure).Failed())
         return kFailed;
     index = AssignTypeIndex();
     return kOk;
