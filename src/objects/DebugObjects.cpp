@@ -133,45 +133,44 @@ uint32_t ApplyDataLabel(CDataLabelObject &label, const DbgObjectProp &prop) {
     return status;
 }
 
+// The type and name properties that constants and register symbols share.
+template <class Object> uint32_t ApplyBasicType(Object &object, const DbgObjectProp &prop) {
+    CDebugBasicType *type = nullptr;
+    uint32_t status = BasicTypeOfProperty(prop, type);
+    if (status == DBG_ERR_NONE)
+        object.SetType(type);
+    return status;
+}
+
+template <class Object> uint32_t ApplyName(Object &object, const DbgObjectProp &prop) {
+    if (!prop.value)
+        return DBG_ERR_BAD_PROPERTY_VALUE;
+    object.m_Name = NameOf(prop.value);
+    object.m_bHasName = true;
+    return DBG_ERR_NONE;
+}
+
 uint32_t ApplyConstant(CConstantObject &constant, const DbgObjectProp &prop) {
     switch (prop.id) {
     case DBG_PROP_TYPE:
-    case DBG_PROP_BASE_TYPE: {
-        CDebugBasicType *type = nullptr;
-        uint32_t status = BasicTypeOfProperty(prop, type);
-        if (status == DBG_ERR_NONE)
-            constant.SetType(type);
-        return status;
-    }
+    case DBG_PROP_BASE_TYPE:
+        return ApplyBasicType(constant, prop);
     case DBG_PROP_VALUE:
         if (!prop.value)
             return DBG_ERR_BAD_PROPERTY_VALUE;
         return constant.SetValue(prop.value).Ok() ? DBG_ERR_NONE : DBG_ERR_BAD_TYPE;
     default: // DBG_PROP_NAME
-        if (!prop.value)
-            return DBG_ERR_BAD_PROPERTY_VALUE;
-        constant.m_Name = NameOf(prop.value);
-        constant.m_bHasName = true;
-        return DBG_ERR_NONE;
+        return ApplyName(constant, prop);
     }
 }
 
 uint32_t ApplyEnregSym(CEnregSymObject &symbol, const DbgObjectProp &prop) {
     switch (prop.id) {
     case DBG_PROP_TYPE:
-    case DBG_PROP_BASE_TYPE: {
-        CDebugBasicType *type = nullptr;
-        uint32_t status = BasicTypeOfProperty(prop, type);
-        if (status == DBG_ERR_NONE)
-            symbol.SetType(type);
-        return status;
-    }
+    case DBG_PROP_BASE_TYPE:
+        return ApplyBasicType(symbol, prop);
     case DBG_PROP_NAME:
-        if (!prop.value)
-            return DBG_ERR_BAD_PROPERTY_VALUE;
-        symbol.m_Name = NameOf(prop.value);
-        symbol.m_bHasName = true;
-        return DBG_ERR_NONE;
+        return ApplyName(symbol, prop);
     default: { // DBG_PROP_REGISTER
         if (!prop.value)
             return DBG_ERR_BAD_PROPERTY_VALUE;
