@@ -26,14 +26,9 @@ CBinarySection::CBinarySection(BrxHandle objectFile, int32_t format, const char 
 CBinarySection::CBinarySection(BrxHandle objectFile, int32_t format, const char *name,
                                uint32_t alignment, uint16_t flags, uint32_t kindAttribute,
                                LowBuffer low)
-    : CBinarySection(objectFile, format, name) {
-    m_nAlignment = alignment;
-    m_nFlags = flags;
-    m_nKindAttribute = kindAttribute;
+    : CBinarySection(objectFile, format, name, alignment, flags, kindAttribute) {
     m_pLowRawdata.reset(new (std::nothrow) uint8_t[low.capacity ? low.capacity : 1]);
     m_nLowCapacity = m_pLowRawdata ? low.capacity : 0;
-    if (format == FORMAT_ELF32 || format == FORMAT_ELF64)
-        (void)CreateSection();
 }
 
 CBinarySection::CBinarySection(BrxHandle objectFile, int32_t format, const char *name,
