@@ -82,21 +82,6 @@ TEST(NumericLeaf, SmallestLeafAtEachRangeBoundary) {
     Dbg_finish();
 }
 
-TEST(RegisterNumbers, BothTranslationsAtEveryRangeEdge) {
-    const struct {
-        uint32_t reg;
-        uint16_t codeView, dwarf;
-    } cases[] = {
-        {0, 0, 0},        {1, 1024, 0},     {128, 1151, 127},  {129, 2048, 128},  {256, 2175, 255},
-        {257, 3072, 328}, {384, 3199, 455}, {385, 512, 320},   {392, 519, 327},   {393, 768, 768},
-        {394, 4096, 456}, {521, 4223, 583}, {522, 1019, 1019}, {523, 1017, 1017}, {524, 1016, 584},
-    };
-    for (const auto &c : cases) {
-        EXPECT_EQ(ToCodeViewRegister(c.reg), c.codeView) << "register " << c.reg;
-        EXPECT_EQ(ToDwarfRegister(c.reg), c.dwarf) << "register " << c.reg;
-    }
-}
-
 class ObjectRecords : public ::testing::Test {
 protected:
     qtest::TempDir m_Dir;
