@@ -222,6 +222,44 @@ QUILLET_API DbgStatus DbgLine_get_source_files_number(uint32_t *count);
 /* Copies the name of file `index` into buffer; *size must be at least 2 * length + 1. */
 QUILLET_API DbgStatus DbgLine_get_source_file_name(int32_t index, char *buffer, uint32_t *size);
 
+/* ---- Rows and functions of a line section (retrieval; what a symbolizer needs) ------------ */
+/* One row of a line table, as the table holds it. Rows of one section are numbered from 0 in
+ * table order: sequence by sequence, in each sequence in the order the program emits them, so
+ * several rows at one address all appear. End-of-sequence markers are not rows; they end the
+ * range of the row before them. */
+typedef struct DbgLineRow {
+    uint64_t offset;     /* section offset where the row's code starts */
+    uint64_t end;        /* section offset where its range ends: the next greater address of
+                            its sequence, or the sequence's end (offset itself when another row
+                            follows at the same address) */
+    uint32_t line;       /* 0: code that belongs to no source line */
+    uint32_t column;     /* 0 where the table gives none */
+    uint32_t file_index; /* index for DbgLine_get_source_file_name */
+    uint32_t flags;      /* DBG_ROW_* bits */
+} DbgLineRow;
+#define DBG_ROW_IS_STMT 1u        /* a recommended breakpoint location */
+#define DBG_ROW_SEQUENCE_START 2u /* the first row of its sequence */
+
+/* The number of rows of a line section. 26 for a handle the reader did not hand out. */
+QUILLET_API DbgStatus DbgLine_get_row_count(DbgLineSectionHandle *handle, uint64_t *count);
+/* Copies rows of the section in table order, from row `first`, into rows: *count in: how many
+ * rows the array holds; out: how many were copied (fewer, or 0, at the end). 26 as above. */
+QUILLET_API DbgStatus DbgLine_get_rows(DbgLineSectionHandle *handle, uint64_t first,
+                                       DbgLineRow *rows, uint64_t *count);
+/* The row whose range holds `offset`: the last row at or below it in the sequence that covers
+ * it; never a row past its sequence's end. *index (when not NULL) receives the row's number.
+ * 29 when no sequence covers the offset; 26 as above. */
+QUILLET_API DbgStatus DbgLine_find_row(DbgLineSectionHandle *handle, uint64_t offset,
+                                       DbgLineRow *row, uint64_t *index);
+/* The function whose code holds `offset` in the section, as the DWARF subprograms of an ELF
+ * object describe it (the name, or the linkage name where it has none): its name in UTF-8 into buffer (*size in:
+ * capacity; out: length + 1, also when 38 says the buffer is too small) and its range [*start,
+ * *end) as section offsets (start and end may be NULL). 29 when no subprogram holds it (and
+ * for COFF objects, whose functions the symbol table names); 26 as above. */
+QUILLET_API DbgStatus DbgLine_find_function(DbgLineSectionHandle *handle, uint64_t offset,
+                                            char *buffer, uint32_t *size, uint64_t *start,
+                                            uint64_t *end);
+
 /* ---- Consistency checks ------------------------------------------------------------------- */
 /* A failed internal check is reported (expression, source file base name, line) to the handler
  * and the library goes on. The default handler prints one line to standard error; NULL
