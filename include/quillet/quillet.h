@@ -252,10 +252,10 @@ QUILLET_API DbgStatus DbgLine_get_rows(DbgLineSectionHandle *handle, uint64_t fi
 QUILLET_API DbgStatus DbgLine_find_row(DbgLineSectionHandle *handle, uint64_t offset,
                                        DbgLineRow *row, uint64_t *index);
 /* The function whose code holds `offset` in the section, as the DWARF subprograms of an ELF
- * object describe it (the name, or the linkage name where it has none): its name in UTF-8 into buffer (*size in:
- * capacity; out: length + 1, also when 38 says the buffer is too small) and its range [*start,
- * *end) as section offsets (start and end may be NULL). 29 when no subprogram holds it (and
- * for COFF objects, whose functions the symbol table names); 26 as above. */
+ * object describe it: its name (the linkage name where it has no other) in UTF-8 into buffer
+ * (*size in: capacity; out: length + 1, also when 38 says the buffer is too small) and its range
+ * [*start, *end) as section offsets (start and end may be NULL). 29 when no subprogram holds it
+ * (and for COFF objects, whose functions the symbol table names); 26 as above. */
 QUILLET_API DbgStatus DbgLine_find_function(DbgLineSectionHandle *handle, uint64_t offset,
                                             char *buffer, uint32_t *size, uint64_t *start,
                                             uint64_t *end);
