@@ -11,7 +11,6 @@
 
 #include "quillet/quillet.h"
 
-#include <algorithm>
 #include <memory>
 
 CBaseLangObject::CBaseLangObject() = default;
@@ -20,7 +19,11 @@ CBaseLangObject::CBaseLangObject(const CBaseLangObject &other)
     : m_pAbbrev(other.m_pAbbrev), m_nRecordLength(other.m_nRecordLength),
       m_pOwnerScope(other.m_pOwnerScope) {}
 
-CBaseLangObject::~CBaseLangObject() = default;
+// References to this object stay with their owners, pointing nowhere.
+CBaseLangObject::~CBaseLangObject() {
+    for (CEntryReference *reference : m_RefList)
+        reference->m_pTarget = nullptr;
+}
 
 void *CBaseLangObject::operator new(size_t size) {
     return State().objectArena.Allocate(size);
@@ -33,17 +36,41 @@ void CBaseLangObject::operator delete(void *p) {
         state.objectArena.Release(p);
 }
 
-void CBaseLangObject::RemoveReferrer(uint64_t *field) {
-    // The field is usually the last one added, so the search starts at the end.
-    auto it = std::find(m_RefList.rbegin(), m_RefList.rend(), field);
-    if (it != m_RefList.rend())
-        m_RefList.erase(std::next(it).base());
+void CBaseLangObject::AddReferrer(CEntryReference *reference) {
+    reference->m_pTarget = this;
+    reference->m_nSlot = m_RefList.size();
+    m_RefList.push_back(reference);
+}
+
+// Every referrer receives the same offset, so the list's order does not matter: the last
+// reference takes the place of the one that leaves.
+void CBaseLangObject::RemoveReferrer(CEntryReference *reference) {
+    size_t slot = reference->m_nSlot;
+    if (reference->m_pTarget != this || slot >= m_RefList.size() || m_RefList[slot] != reference)
+        return;
+    m_RefList[slot] = m_RefList.back();
+    m_RefList[slot]->m_nSlot = slot;
+    m_RefList.pop_back();
+    reference->m_pTarget = nullptr;
+}
+
+void CEntryReference::Attach(CBaseLangObject *target) {
+    if (target == m_pTarget)
+        return;
+    Detach();
+    if (target)
+        target->AddReferrer(this);
+}
+
+void CEntryReference::Detach() {
+    if (m_pTarget)
+        m_pTarget->RemoveReferrer(this);
 }
 
 void CBaseLangObject::LayOut() {
     uint64_t &offset = State().runningEntryOffset;
-    for (uint64_t *field : m_RefList)
-        *field = offset;
+    for (CEntryReference *reference : m_RefList)
+        reference->m_nOffset = offset;
     (void)ComputeDwarfSize(); // a failed sizing fails again when the entry is written
     offset += m_nRecordLength;
 }
@@ -290,10 +317,19 @@ extern "C" QUILLET_API DbgStatus Dbg_create_object(int32_t kind, const DbgObject
         return DBG_ERR_BAD_OBJECT_KIND;
     if (kind != DBG_OBJ_PROCEDURE && !state.IsLiveScope(target))
         return DBG_ERR_NO_CURRENT_SCOPE;
+    // Types that the properties register join the module's list after what is there now.
+    CModuleScope *module = state.moduleRoot;
+    size_t moduleObjects = module ? module->Objects().size() : 0;
     std::unique_ptr<CBaseLangObject> object = MakeObject(kind, target);
     uint32_t status = ApplyObjectProperties(*object, props, count);
-    if (status != DBG_ERR_NONE)
-        return status; // the object is released here; it was never handed out
+    if (status != DBG_ERR_NONE) {
+        // Nothing of the object stays: the types it registered leave the module again (no other
+        // object refers to them yet, or they would have been registered before), and releasing
+        // it takes its type references out of the types' referrer lists.
+        if (module)
+            module->DropSharedObjectsFrom(moduleObjects);
+        return status;
+    }
     if (out_object)
         *out_object = reinterpret_cast<DbgObject>(object.get());
     if (kind != DBG_OBJ_PROCEDURE) {

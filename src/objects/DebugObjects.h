@@ -12,8 +12,33 @@
 #include <vector>
 
 class CBaseAbbrev;
+class CBaseLangObject;
 class CBinarySection;
 class CScopeNode;
+
+// A field that receives the DWARF entry offset of another object (a type's entry) when that
+// object is laid out. It knows its place in the target's referrer list, so it leaves the list in
+// constant time: when it is pointed at another target, and when its owner is destroyed (an
+// object whose creation failed must leave no field behind for the layout to write into).
+class CEntryReference {
+public:
+    CEntryReference() = default;
+    ~CEntryReference() { Detach(); }
+    CEntryReference(const CEntryReference &) = delete;
+    CEntryReference &operator=(const CEntryReference &) = delete;
+
+    // Joins the referrers of `target` (none when null), leaving those of the earlier target.
+    void Attach(CBaseLangObject *target);
+    void Detach();
+    CBaseLangObject *Target() const { return m_pTarget; }
+
+    uint64_t m_nOffset = 0;
+
+private:
+    friend class CBaseLangObject;
+    CBaseLangObject *m_pTarget = nullptr;
+    size_t m_nSlot = 0; // position in the target's referrer list
+};
 
 class CBaseLangObject {
 public:
@@ -36,9 +61,11 @@ public:
     // Sets the entry size; runs in the layout pass before any entry is written.
     virtual CError ComputeDwarfSize() = 0;
 
-    // `field` receives this object's entry offset when it is laid out.
-    void AddReferrer(uint64_t *field) { m_RefList.push_back(field); }
-    void RemoveReferrer(uint64_t *field);
+    // `reference` receives this object's entry offset when it is laid out (through
+    // CEntryReference::Attach, which keeps each reference in one list at a time).
+    void AddReferrer(CEntryReference *reference);
+    void RemoveReferrer(CEntryReference *reference);
+    size_t ReferrerCount() const { return m_RefList.size(); }
     // Stores the running entry offset in every referrer, sizes the entry and advances the offset.
     void LayOut();
 
@@ -60,7 +87,7 @@ protected:
             ShareNewAbbrev(new T(args...));
     }
 
-    std::vector<uint64_t *> m_RefList;
+    std::vector<CEntryReference *> m_RefList;
     CBaseAbbrev *m_pAbbrev = nullptr;
     uint64_t m_nRecordLength = 0;
     CScopeNode *m_pOwnerScope = nullptr;

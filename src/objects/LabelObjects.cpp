@@ -13,8 +13,6 @@
 
 #include "quillet/quillet.h"
 
-#include <algorithm>
-
 using quillet::ByteWriter;
 using quillet::SizeULEB128;
 
@@ -46,10 +44,7 @@ int CCodeLabelObject::GetKind() const {
 
 bool CCodeLabelObject::IsEntryPoint() const {
     CProcObject *proc = ProcedureOf(m_pOwnerScope);
-    if (!proc)
-        return false;
-    const std::vector<BrxHandle> &entries = proc->GetEntryList();
-    return std::find(entries.begin(), entries.end(), m_hSymbol) != entries.end();
+    return proc && proc->IsEntrySymbol(m_hSymbol);
 }
 
 CError CCodeLabelObject::WriteCodeView(CBinarySection &symbols, CBinarySection &) {
@@ -158,14 +153,10 @@ static CDebugBasicType *EntryTypeOf(CBaseDebugType *type) {
 
 void CDataLabelObject::SetType(CBaseDebugType *type) {
     // Setting a type again takes this label out of the earlier type's referrers.
-    if (m_pReferenced)
-        m_pReferenced->RemoveReferrer(&m_nTypeRef);
     m_pType = type;
-    m_pReferenced = EntryTypeOf(type);
-    if (m_pReferenced) {
-        m_pReferenced->AddReferrer(&m_nTypeRef);
-        RegisterTypeWithModule(m_pReferenced);
-    }
+    CDebugBasicType *entryType = EntryTypeOf(type);
+    m_TypeRef.Attach(entryType);
+    RegisterTypeWithModule(entryType);
 }
 
 CError CDataLabelObject::WriteCodeView(CBinarySection &symbols, CBinarySection &types) {
@@ -227,7 +218,7 @@ CError CDataLabelObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev
     size_t addressField = entry.Size();
     entry.Zeros(State().AddressWidth());
     if (IsTyped())
-        entry.U64(m_nTypeRef);
+        entry.U64(m_TypeRef.m_nOffset);
     entry.U8(binding == BRX_BINDING_GLOBAL ? 1 : 0);
     uint64_t start = 0;
     if (info.AppendRecord(entry, &start).Failed())

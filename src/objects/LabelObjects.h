@@ -46,10 +46,10 @@ public:
 
     BrxHandle m_hSymbol = 0;
     CBaseDebugType *m_pType = nullptr;
-    uint64_t m_nTypeRef = 0;
+    // Receives the offset of the entry that DW_AT_type names.
+    CEntryReference m_TypeRef;
 
 private:
     std::string m_Name;
     bool m_bNamePrepared = false;
-    CDebugBasicType *m_pReferenced = nullptr; // the type entry whose referrers hold m_nTypeRef
 };

@@ -13,6 +13,7 @@
 
 #include "quillet/quillet.h"
 
+#include <algorithm>
 #include <cstdio>
 
 using quillet::ByteWriter;
@@ -32,6 +33,12 @@ int CProcObject::GetKind() const {
 
 void CProcObject::SetEntryList(const BrxHandle *entries, uint32_t count) {
     m_EntryList.assign(entries, entries + count);
+    m_SortedEntries = m_EntryList;
+    std::sort(m_SortedEntries.begin(), m_SortedEntries.end());
+}
+
+bool CProcObject::IsEntrySymbol(BrxHandle symbol) const {
+    return std::binary_search(m_SortedEntries.begin(), m_SortedEntries.end(), symbol);
 }
 
 bool CProcObject::HasDefaultType() const {
@@ -41,13 +48,9 @@ bool CProcObject::HasDefaultType() const {
 CError CProcObject::SetProcType(CDebugProcType *type) {
     if (!type || type->GetTypeKind() != TYPE_PROCEDURE)
         return kFailed;
-    if (m_pType && m_pType->ReturnType())
-        m_pType->ReturnType()->RemoveReferrer(&m_nTypeRef);
     m_pType = type;
-    if (CDebugBasicType *returned = type->ReturnType()) {
-        returned->AddReferrer(&m_nTypeRef);
-        RegisterTypeWithModule(returned);
-    }
+    m_TypeRef.Attach(type->ReturnType());
+    RegisterTypeWithModule(type->ReturnType());
     ChooseAbbrev(m_bWithChildren);
     return kOk;
 }
@@ -186,7 +189,7 @@ CError CProcObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev) {
     entry.Zeros(width);
     entry.U8(binding == BRX_BINDING_GLOBAL ? 1 : 0);
     if (typed)
-        entry.U64(m_nTypeRef);
+        entry.U64(m_TypeRef.m_nOffset);
     entry.U8(uint8_t(SizeULEB128(reg) + 1));
     entry.U8(dwarf::DW_OP_regx);
     entry.ULEB(reg);

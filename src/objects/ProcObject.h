@@ -26,6 +26,9 @@ public:
     const std::vector<BrxHandle> &GetEntryList() const { return m_EntryList; }
     uint32_t GetLength() const { return uint32_t(m_nEnd - m_nStart); }
     void SetEntryList(const BrxHandle *entries, uint32_t count);
+    // True when `symbol` is one of the entries; a binary search, as every label of the
+    // procedure's scope asks.
+    bool IsEntrySymbol(BrxHandle symbol) const;
     // Fails unless `type` is a procedure type.
     CError SetProcType(CDebugProcType *type);
     bool HasDefaultType() const;
@@ -43,9 +46,11 @@ public:
     uint32_t m_nReturnRegister = 0;
     uint16_t m_nFlags = 0;
     uint64_t m_nSibling = 0;
-    uint64_t m_nTypeRef = 0;
+    CEntryReference m_TypeRef; // receives the offset of the return type's entry
 
 private:
+    std::vector<BrxHandle> m_SortedEntries; // the entry list in ascending order
+
     // A procedure whose start is not its main symbol's address loses type, range and flags.
     CError ConsistencyReset();
 

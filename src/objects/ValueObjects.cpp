@@ -76,11 +76,9 @@ int CConstantObject::GetKind() const {
 }
 
 void CConstantObject::SetType(CDebugBasicType *type) {
-    if (m_Type)
-        m_Type->RemoveReferrer(&m_nTypeRef);
     m_Type = type;
-    m_Type->AddReferrer(&m_nTypeRef);
-    RegisterTypeWithModule(m_Type);
+    m_TypeRef.Attach(type);
+    RegisterTypeWithModule(type);
 }
 
 CError CConstantObject::SetValue(const void *value) {
@@ -216,7 +214,7 @@ CError CConstantObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev)
     entry.CString(m_Name);
     entry.U8(uint8_t(m_pValue.size()));
     entry.Bytes(m_pValue.data(), m_pValue.size());
-    entry.U64(m_nTypeRef);
+    entry.U64(m_TypeRef.m_nOffset);
     return info.AppendRecord(entry);
 }
 
@@ -234,11 +232,9 @@ int CEnregSymObject::GetKind() const {
 }
 
 void CEnregSymObject::SetType(CDebugBasicType *type) {
-    if (m_pType)
-        m_pType->RemoveReferrer(&m_nTypeRef);
     m_pType = type;
-    m_pType->AddReferrer(&m_nTypeRef);
-    RegisterTypeWithModule(m_pType);
+    m_TypeRef.Attach(type);
+    RegisterTypeWithModule(type);
 }
 
 CError CEnregSymObject::WriteCodeView(CBinarySection &symbols, CBinarySection &types) {

@@ -41,7 +41,7 @@ public:
     std::vector<uint8_t> m_pValue;
     bool m_bHasValue = false;
     CDebugBasicType *m_Type = nullptr;
-    uint64_t m_nTypeRef = 0;
+    CEntryReference m_TypeRef; // receives the offset of the type's entry
 };
 
 class CEnregSymObject : public CBaseLangObject {
@@ -59,5 +59,7 @@ public:
     std::string m_Name;
     CDebugBasicType *m_pType = nullptr;
     uint32_t m_nRegister = 0;
-    uint64_t m_nTypeRef = 0;
+    // Receives the offset of the type's entry; the entry does not name it, but the type's entry
+    // is written because the symbol uses it.
+    CEntryReference m_TypeRef;
 };

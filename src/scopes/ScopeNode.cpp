@@ -62,6 +62,13 @@ void CScopeNode::AddSharedObject(CBaseLangObject *object) {
     AddObject(object);
 }
 
+void CScopeNode::DropSharedObjectsFrom(size_t count) {
+    while (m_Objects.size() > count && m_Objects.back()->GetKind() == 0) {
+        m_Objects.back()->SetListed(false);
+        m_Objects.pop_back();
+    }
+}
+
 bool CScopeNode::SubtreeHasLines() const {
     if (!m_Lines.empty())
         return true;

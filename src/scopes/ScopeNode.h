@@ -57,6 +57,9 @@ public:
     void AddObject(CBaseLangObject *object);
     // Appends an object the scope lists but does not own (a basic type's entry).
     void AddSharedObject(CBaseLangObject *object);
+    // Takes the shared objects listed from position `count` on out of the list again (what a
+    // failed object creation registered).
+    void DropSharedObjectsFrom(size_t count);
     // True when this scope or a scope below it holds line entries.
     bool SubtreeHasLines() const;
 

@@ -65,7 +65,7 @@ TEST_P(EntryBytes, ConstantCarriesItsValueAsABlockAndATypeReference) {
     int16_t five = 5;
     DbgObject k = nullptr;
     ASSERT_EQ(m.Constant("X", 4, &five, &k), 0u);
-    static_cast<CConstantObject *>(Object(k))->m_nTypeRef = 0x1122;
+    static_cast<CConstantObject *>(Object(k))->m_TypeRef.m_nOffset = 0x1122;
     EXPECT_EQ(Entry(k), Concat({{1}, Text("X"), {2, 5, 0}, {0x22, 0x11, 0, 0, 0, 0, 0, 0}}));
 }
 
@@ -101,7 +101,7 @@ TEST_P(EntryBytes, DataLabelsWithAndWithoutType) {
     DbgObject typed = nullptr, plain = nullptr;
     ASSERT_EQ(m.DataLabel(typedSymbol, 6, &typed), 0u);
     ASSERT_EQ(m.DataLabel(plainSymbol, 0, &plain), 0u);
-    static_cast<CDataLabelObject *>(Object(typed))->m_nTypeRef = 0x77;
+    static_cast<CDataLabelObject *>(Object(typed))->m_TypeRef.m_nOffset = 0x77;
     Bytes entry = Entry(typed);
     EXPECT_EQ(entry,
               Concat({{1}, Text("buffer"), Zeros(Width()), {0x77, 0, 0, 0, 0, 0, 0, 0}, {0}}));

@@ -183,20 +183,18 @@ TEST_F(ObjectApi, RetypedObjectRefersToItsLastType) {
     ASSERT_EQ(Dbg_add_object_prop(label, &retype, 1), 0u);
     DbgType data4s = nullptr;
     ASSERT_EQ(Dbg_base_type(6, &data4s), 0u);
-    ASSERT_EQ(m.Emit(), 0u);
     auto *object = reinterpret_cast<CDataLabelObject *>(label);
-    auto *expected = static_cast<CDebugBasicType *>(FromHandle(data4s));
-    // The type's entry offset is where its referrers point: lay out the type once more.
-    uint64_t probe = 0;
-    expected->AddReferrer(&probe);
+    auto *last = static_cast<CDebugBasicType *>(FromHandle(data4s));
+    auto *first = static_cast<CDebugBasicType *>(FromHandle(data4));
+    // Lay each type out at an offset of its own; only the last type reaches the label.
     uint64_t saved = State().runningEntryOffset;
     State().runningEntryOffset = 0x1234;
-    expected->LayOut();
-    EXPECT_EQ(object->m_nTypeRef, 0x1234u);
+    last->LayOut();
     State().runningEntryOffset = 0x5678;
-    static_cast<CDebugBasicType *>(FromHandle(data4))->LayOut();
+    first->LayOut();
     State().runningEntryOffset = saved;
-    EXPECT_EQ(object->m_nTypeRef, 0x1234u) << "the first type no longer refers to the label";
+    EXPECT_EQ(object->m_TypeRef.m_nOffset, 0x1234u);
+    EXPECT_EQ(first->ReferrerCount(), 0u);
 }
 
 // Writers of incomplete objects fail and the emission reports it; nothing crashes.
