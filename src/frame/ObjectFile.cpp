@@ -56,6 +56,11 @@ CError SymbolName(BrxHandle symbol, std::string &name) {
     return kOk;
 }
 
+// Sections answer the name query as symbols do.
+CError SectionName(BrxHandle section, std::string &name) {
+    return SymbolName(section, name);
+}
+
 CError SymbolBinding(BrxHandle symbol, uint32_t &binding) {
     return Result(_brx_get_keyed(symbol, BRX_KEY_SYMBOL_BINDING, nullptr, &binding, 0));
 }

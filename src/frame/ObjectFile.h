@@ -36,6 +36,7 @@ CError SymbolName(BrxHandle symbol, std::string &name);
 CError SymbolBinding(BrxHandle symbol, uint32_t &binding);
 CError SymbolOffset(BrxHandle symbol, uint64_t &offset);
 CError SymbolSection(BrxHandle symbol, BrxHandle &section);
+CError SectionName(BrxHandle section, std::string &name);
 CError SectionSize(BrxHandle section, uint64_t &size);
 CError SectionFlags(BrxHandle section, uint16_t &flags);
 CError SectionComdat(BrxHandle section, BrxComdat &comdat);

@@ -14,6 +14,9 @@ using namespace dwarf;
 namespace {
 
 constexpr uint16_t kLineVersion = 2;
+// The file-table name of a source registered with an empty name (an empty name would end the
+// table).
+const char *const kUnnamedSource = "<unnamed>";
 
 void PutULEB(std::vector<uint8_t> &out, uint64_t value) {
     uint8_t bytes[10];
@@ -64,8 +67,12 @@ CError CLineRowWriter::AddRow(BrxHandle section, const CLineEntry &entry) {
     if (file == 0)
         return kFailed;
     int32_t deltaLine = int32_t(entry.line - m_State.line);
-    if (deltaLine == 0)
-        return kOk; // same line as the row before: no row
+    // An entry on the line and in the file of the row before adds nothing; the first entry of a
+    // sequence always makes a row, whatever its line, since the registers' start values are no
+    // row of their own.
+    bool opensSequence = section != m_State.section;
+    if (deltaLine == 0 && file == m_State.file && !opensSequence)
+        return kOk;
     uint64_t address = entry.Address();
     uint64_t deltaAddress = address - m_State.address;
 
@@ -74,7 +81,7 @@ CError CLineRowWriter::AddRow(BrxHandle section, const CLineEntry &entry) {
         PutULEB(m_Bytes, file);
         m_State.file = file;
     }
-    if (section != m_State.section) {
+    if (opensSequence) {
         // The operand is 0 and relocated against the section: rows count from its start.
         m_Bytes.push_back(0);
         m_Bytes.push_back(uint8_t(1 + m_nAddressWidth));
@@ -98,17 +105,22 @@ CError CLineRowWriter::AddRow(BrxHandle section, const CLineEntry &entry) {
         m_Bytes.push_back(DW_LNS_advance_pc);
         PutULEB(m_Bytes, deltaAddress);
     }
-    m_Bytes.push_back(DW_LNS_advance_line);
-    PutSLEB(m_Bytes, deltaLine);
+    if (deltaLine != 0) {
+        m_Bytes.push_back(DW_LNS_advance_line);
+        PutSLEB(m_Bytes, deltaLine);
+    }
     m_Bytes.push_back(DW_LNS_copy);
     m_State.line = entry.line;
     return kOk;
 }
 
-// A sequence ends on the next multiple of 16 above its last row.
+uint64_t SequenceEndAddress(uint64_t lastRowAddress) {
+    return (lastRowAddress / 16 + 1) * 16;
+}
+
 void CLineRowWriter::EndSequence() {
     m_Bytes.push_back(DW_LNS_advance_pc);
-    PutULEB(m_Bytes, 16 - (m_State.address % 16));
+    PutULEB(m_Bytes, SequenceEndAddress(m_State.address) - m_State.address);
     m_Bytes.push_back(0);
     m_Bytes.push_back(1);
     m_Bytes.push_back(DW_LNE_end_sequence);
@@ -147,8 +159,10 @@ std::vector<uint8_t> BuildLineProgramHeader(const std::u16string &compilationDir
         std::u16string name = file ? file->Name() : std::u16string();
         uint32_t directory = 0;
         size_t slash = name.rfind(u'\\');
-        // A name that ends with a backslash is kept whole: its base name would be empty.
-        if (slash != std::u16string::npos && slash + 1 < name.size()) {
+        // A name that ends with a backslash is kept whole: its base name would be empty, and an
+        // empty name ends the file table. So is a name whose directory part is empty ("\a.s"):
+        // an empty directory would end the directory table.
+        if (slash != std::u16string::npos && slash > 0 && slash + 1 < name.size()) {
             std::string dir = quillet::ToUtf8(std::u16string_view(name).substr(0, slash));
             quillet::LowerAscii(dir);
             auto found = directoryIndex.find(dir);
@@ -165,7 +179,7 @@ std::vector<uint8_t> BuildLineProgramHeader(const std::u16string &compilationDir
             name = name.substr(slash + 1);
             files.Replace(i, std::make_unique<CDwarfSourceFile>(name, position));
         }
-        rows.push_back({quillet::ToUtf8(name), directory});
+        rows.push_back({name.empty() ? kUnnamedSource : quillet::ToUtf8(name), directory});
     }
 
     std::vector<uint8_t> out;

@@ -40,6 +40,10 @@ struct CLineState {
     void ResetForSequence();
 };
 
+// Where a sequence whose last row stands at `lastRowAddress` ends: the next multiple of 16
+// above it.
+uint64_t SequenceEndAddress(uint64_t lastRowAddress);
+
 // A relocation that the rows need: at `offset` (relative to the start of the rows' bytes)
 // against `section`.
 struct LineRelocation {
@@ -53,10 +57,10 @@ public:
     CLineRowWriter(CLineState &state, unsigned addressWidth)
         : m_State(state), m_nAddressWidth(addressWidth) {}
 
-    // One row for `entry` (nothing when its line equals the line register). Fails when the
-    // process decodes line programs.
+    // One row for `entry`: always for the first entry of a sequence, otherwise when its line or
+    // file differs from the row before. Fails when the process decodes line programs.
     CError AddRow(BrxHandle section, const CLineEntry &entry);
-    // DW_LNS_advance_pc to the next multiple of 16 and DW_LNE_end_sequence; resets the state.
+    // DW_LNS_advance_pc to SequenceEndAddress and DW_LNE_end_sequence; resets the state.
     void EndSequence();
     // Appends what was built and adds its relocations; the buffer is emptied.
     CError Flush(CBinarySection &line);

@@ -8,6 +8,7 @@
 #include "platform/ByteWriter.h"
 #include "platform/Text.h"
 #include "scopes/SectionScope.h"
+#include "types/DebugTypes.h"
 
 #include "quillet/quillet.h"
 
@@ -29,14 +30,25 @@ CError CModuleScope::AddChildScope(CScopeNode *scope) {
     AttachChild(scope);
     auto *section = static_cast<CSectionScope *>(scope);
     if (section->IsCodeSection()) {
-        ++m_nCodeSections;
+        m_CodeSections.insert(section->Section());
         // The unit's address range is known only when there is exactly one code section.
-        m_CompInfo.m_hCodeSection = m_nCodeSections == 1 ? section->Section() : 0;
+        m_CompInfo.m_hCodeSection = m_CodeSections.size() == 1 ? section->Section() : 0;
     }
     return kOk;
 }
 
+void CModuleScope::RegisterReferencedTypes() {
+    for (const auto &type : State().typeTable) {
+        if (type->GetTypeKind() != TYPE_BASIC)
+            continue;
+        auto *basic = static_cast<CDebugBasicType *>(type.get());
+        if (basic->ReferrerCount() > 0 && !basic->IsListed())
+            AddSharedObject(basic);
+    }
+}
+
 uint32_t CModuleScope::LayoutDwarf() {
+    RegisterReferencedTypes();
     m_CompInfo.LayOut();
     uint32_t status = LayoutChildrenAndObjects();
     State().runningEntryOffset += 1; // the null entry that ends the unit's children

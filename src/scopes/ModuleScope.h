@@ -4,6 +4,8 @@
 #include "objects/CompInfo.h"
 #include "scopes/ScopeNode.h"
 
+#include <unordered_set>
+
 class CModuleScope : public CScopeNode {
 public:
     explicit CModuleScope(const CCompInfo &compInfo);
@@ -11,7 +13,8 @@ public:
     ~CModuleScope() override;
 
     int GetKind() const override { return SCOPE_MODULE; }
-    // Accepts section scopes and counts those of code sections.
+    // Accepts section scopes and counts the code sections they stand for (a section entered
+    // twice counts once).
     CError AddChildScope(CScopeNode *scope) override;
     // The object-name record, the compile record and the environment block.
     uint32_t BeginCodeViewScope(CBinarySection *&symbols, CBinarySection *types) override;
@@ -29,9 +32,14 @@ public:
 
     CCompInfo &CompInfo() { return m_CompInfo; }
     const CCompInfo &CompInfo() const { return m_CompInfo; }
-    int32_t CodeSectionCount() const { return m_nCodeSections; }
+    int32_t CodeSectionCount() const { return int32_t(m_CodeSections.size()); }
 
 private:
+    // Before the layout: types that objects refer to but that were never registered (in a
+    // module without debugging information, or typed before the module was opened) join the
+    // module's objects, so that every type reference names an entry.
+    void RegisterReferencedTypes();
+
     CCompInfo m_CompInfo;
-    int32_t m_nCodeSections = 0;
+    std::unordered_set<BrxHandle> m_CodeSections;
 };

@@ -4,10 +4,14 @@
 #include "frame/BinarySection.h"
 #include "frame/LibraryState.h"
 #include "frame/ObjectFile.h"
+#include "platform/Check.h"
 
 #include "quillet/quillet.h"
 
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <string>
 
 CSectionScope::CSectionScope(BrxHandle section) : m_hSection(section) {
     uint16_t flags = 0;
@@ -41,6 +45,26 @@ struct SortedRow {
     uint64_t address;
     const CLineEntry *entry;
 };
+
+// Entries past the section's end are written as described (the assembler may have described
+// code that it did not emit), and the check says where: once per section, naming the first.
+void ReportEntriesPastEnd(BrxHandle section, const std::vector<SortedRow> &rows) {
+    uint64_t size = 0;
+    if (rows.empty() || objfile::SectionSize(section, size).Failed() || rows.back().address < size)
+        return;
+    auto first =
+        std::lower_bound(rows.begin(), rows.end(), size,
+                         [](const SortedRow &row, uint64_t end) { return row.address < end; });
+    std::string name;
+    if (objfile::SectionName(section, name).Failed())
+        name = "?";
+    char report[160];
+    std::snprintf(report, sizeof(report),
+                  "%zu line entries lie past the end of section %s (size 0x%" PRIx64
+                  "), the first at offset 0x%" PRIx64,
+                  size_t(rows.end() - first), name.c_str(), size, first->address);
+    quillet::ReportCheck(report, __FILE__, __LINE__);
+}
 } // namespace
 
 // The section's own entries and those of its procedures are written as one sequence, ordered by
@@ -61,6 +85,7 @@ uint32_t CSectionScope::EmitDwarfLines(CBinarySection &line) {
     auto byAddress = [](const SortedRow &a, const SortedRow &b) { return a.address < b.address; };
     if (!std::is_sorted(rows.begin(), rows.end(), byAddress))
         std::stable_sort(rows.begin(), rows.end(), byAddress);
+    ReportEntriesPastEnd(m_hSection, rows);
 
     LibraryState &state = State();
     CLineRowWriter writer(state.lineState, state.AddressWidth());
@@ -78,10 +103,11 @@ uint32_t CSectionScope::EmitDwarfLines(CBinarySection &line) {
     return DBG_ERR_NONE;
 }
 
-// Code sections end their sequence whether or not they wrote rows; any other section that wrote
-// rows ends its own, so rows of different sections never share a sequence.
+// Every section that wrote rows ends its own sequence, so rows of different sections never share
+// one. A section without rows has no sequence: an end-of-sequence row alone would name file 1,
+// which a module without source files does not have.
 uint32_t CSectionScope::EndDwarfScope(CBinarySection &, CBinarySection &, CBinarySection &line) {
-    if (!m_bCode && !m_bWroteRows)
+    if (!m_bWroteRows)
         return DBG_ERR_NONE;
     LibraryState &state = State();
     CLineRowWriter writer(state.lineState, state.AddressWidth());

@@ -22,7 +22,7 @@ public:
     uint32_t BeginDwarfScope(CBinarySection &, CBinarySection &, CBinarySection &) override {
         return 0;
     }
-    // Ends the line sequence of a code section, or of any section that wrote rows.
+    // Ends the line sequence of a section that wrote rows.
     uint32_t EndDwarfScope(CBinarySection &info, CBinarySection &abbrev,
                            CBinarySection &line) override;
     // The rows of this section's entries and of its procedures', by ascending address.

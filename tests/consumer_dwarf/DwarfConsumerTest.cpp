@@ -1,15 +1,18 @@
 // Modules built through the C API, written as ELF32 and ELF64 and read back by binutils and
 // LLVM: the decoded line rows must be exactly the line entries described, every entry must be
 // shown with its tag, name and attributes, and the verifier must find nothing wrong.
+#include "frame/LibraryState.h"
 #include "scopes/ScopeNode.h"
 #include "support/ModuleBuilder.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <regex>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -328,8 +331,8 @@ TEST_P(DwarfConsumer, EmptyModuleIsValid) {
 
 // Procedures of every shape (typed or not, with objects or not, and one whose start is not its
 // main symbol's address, which loses its type at output) each agree with the declaration they
-// name; a section opened twice gets two sequences, each with its own address; rows whose line
-// repeats the one before, and a first row on line 1, are not written.
+// name; a section opened twice gets two sequences, each with its own address; a row whose line
+// and file repeat the one before is not written, while a first row on line 1 is.
 TEST_P(DwarfConsumer, ProceduresOfEveryShapeAndSectionsOpenedTwice) {
     m_Path = m_Dir.File("shapes.o");
     std::vector<Sequence> expected;
@@ -373,7 +376,7 @@ TEST_P(DwarfConsumer, ProceduresOfEveryShapeAndSectionsOpenedTwice) {
             }
             ASSERT_EQ(m.Close(), 0u);
         }
-        // Lines of the first scope: 1 opens the sequence (no row), 5 repeats (no row).
+        // Lines of the first scope: 1 opens the sequence, 5 repeats (no row).
         auto &children = reinterpret_cast<CScopeNode *>(module)->Children();
         ASSERT_EQ(children.size(), 2u);
         DbgScope s1 = reinterpret_cast<DbgScope>(children[0].get());
@@ -384,7 +387,7 @@ TEST_P(DwarfConsumer, ProceduresOfEveryShapeAndSectionsOpenedTwice) {
         ASSERT_EQ(m.Line(a, 6, 0x0c, s1), 0u);
         ASSERT_EQ(m.Line(a, 20, 0x64, s2), 0u);
         ASSERT_EQ(m.Line(a, 21, 0x90, s2), 0u);
-        expected.push_back(Expect({{"a.asm", 5, 0x04}, {"a.asm", 6, 0x0c}}));
+        expected.push_back(Expect({{"a.asm", 1, 0x00}, {"a.asm", 5, 0x04}, {"a.asm", 6, 0x0c}}));
         expected.push_back(Expect({{"a.asm", 20, 0x64}, {"a.asm", 21, 0x90}}));
         ASSERT_EQ(m.Emit(), 0u);
         // Each sequence sets its address, relocated against the section.
@@ -422,6 +425,230 @@ TEST_P(DwarfConsumer, ProceduresOfEveryShapeAndSectionsOpenedTwice) {
     EXPECT_EQ(verify.exitCode, 0) << verify.output;
     EXPECT_EQ(qtest::ConsumerComplaints(verify.output), std::vector<std::string>{"No errors."});
 }
+
+// Legal modules of unusual shapes: each is read by readelf without a complaint and passes the
+// verifier, and what it is about shows in the dump.
+struct LegalModule {
+    const char *name; // of the test
+    const char *what;
+    // Describes the module on an opened file with .text (code, 0x40 bytes) and .data.
+    std::function<void(ModuleBuilder &, BrxHandle text, BrxHandle data)> describe;
+    // The sequences readelf must decode; unchecked when empty and `noSequences` is false.
+    std::vector<Sequence> sequences;
+    bool noSequences;
+    // Checks on the entries that llvm-dwarfdump shows.
+    std::function<void(const std::vector<Entry> &)> entries;
+};
+
+// Every DW_AT_type names an entry that stands in the dump.
+void TypesPointAtEntries(const std::vector<Entry> &entries) {
+    std::map<uint64_t, const Entry *> byOffset;
+    for (const Entry &e : entries)
+        byOffset[e.offset] = &e;
+    size_t typed = 0;
+    for (const Entry &e : entries) {
+        auto type = e.attributes.find("DW_AT_type");
+        if (type == e.attributes.end())
+            continue;
+        ++typed;
+        auto target = byOffset.find(std::stoull(type->second, nullptr, 16));
+        ASSERT_NE(target, byOffset.end()) << e.name << ": " << type->second;
+        EXPECT_EQ(target->second->tag, "DW_TAG_base_type") << e.name;
+    }
+    EXPECT_GE(typed, 2u);
+}
+
+std::vector<LegalModule> AllLegalModules() {
+    return {
+        {"FirstEntryOnLineOneAndSameLineInAnotherFile",
+         "a first entry on line 1, and the same line in another file",
+         [](ModuleBuilder &m, BrxHandle text, BrxHandle) {
+             ASSERT_EQ(m.OpenModule(), 0u);
+             DbgSource a = m.Source(u"c:\\src\\a.asm"), b = m.Source(u"c:\\src\\b.inc");
+             ASSERT_EQ(m.OpenSection(text), 0u);
+             for (auto [source, line, offset] :
+                  {std::tuple{a, 1u, 0x0}, {b, 1u, 0x4}, {a, 1u, 0x8}, {a, 1u, 0xa}, {a, 2u, 0xc}})
+                 ASSERT_EQ(m.Line(source, line, offset), 0u);
+         },
+         {Expect({{"a.asm", 1, 0x0}, {"b.inc", 1, 0x4}, {"a.asm", 1, 0x8}, {"a.asm", 2, 0xc}})},
+         false,
+         nullptr},
+        {"EntriesPastTheSectionEnd",
+         "entries past the section's end",
+         [](ModuleBuilder &m, BrxHandle text, BrxHandle) {
+             ASSERT_EQ(m.OpenModule(), 0u);
+             DbgSource a = m.Source(u"a.asm");
+             ASSERT_EQ(m.OpenSection(text), 0u);
+             ASSERT_EQ(m.Line(a, 3, 0x38), 0u);
+             ASSERT_EQ(m.Line(a, 4, 0x48), 0u);
+         },
+         {Expect({{"a.asm", 3, 0x38}, {"a.asm", 4, 0x48}})},
+         false,
+         nullptr},
+        {"EmptySourceNameAndEmptyDirectoryPart",
+         "an empty source name, and one whose directory part is empty",
+         [](ModuleBuilder &m, BrxHandle text, BrxHandle) {
+             ASSERT_EQ(m.OpenModule(u"c:\\work", u""), 0u);
+             DbgSource empty = m.Source(u""), root = m.Source(u"\\root.s");
+             DbgSource after = m.Source(u"c:\\src\\after.s");
+             ASSERT_EQ(m.OpenSection(text), 0u);
+             ASSERT_EQ(m.Line(empty, 5, 0x0), 0u);
+             ASSERT_EQ(m.Line(root, 6, 0x4), 0u);
+             ASSERT_EQ(m.Line(after, 7, 0x8), 0u);
+         },
+         {Expect({{"<unnamed>", 5, 0x0}, {"\\root.s", 6, 0x4}, {"after.s", 7, 0x8}})},
+         false,
+         nullptr},
+        {"CodeSectionsWithoutSourceFiles",
+         "code sections but no source files",
+         [](ModuleBuilder &m, BrxHandle text, BrxHandle) {
+             ASSERT_EQ(m.OpenModule(), 0u);
+             BrxHandle start = m.AddSymbol("start", text, 0);
+             ASSERT_EQ(m.OpenSection(text), 0u);
+             ASSERT_EQ(m.OpenProcedure({start}, 0, 0x10), 0u);
+         },
+         {},
+         true,
+         nullptr},
+        {"CodeSectionWithoutRows",
+         "a code section without rows beside one with rows",
+         [](ModuleBuilder &m, BrxHandle text, BrxHandle) {
+             DbgScope module = nullptr;
+             ASSERT_EQ(m.OpenModule(u"c:\\work", u"main.asm", u"qasm", 0, &module), 0u);
+             BrxHandle cold = m.AddSection(".text.cold", true, 0x20);
+             DbgSource a = m.Source(u"a.asm");
+             ASSERT_EQ(m.OpenSection(cold), 0u);
+             ASSERT_EQ(Dbg_set_current_scope(module), 0u);
+             ASSERT_EQ(m.OpenSection(text), 0u);
+             ASSERT_EQ(m.Line(a, 9, 0x10), 0u);
+         },
+         {Expect({{"a.asm", 9, 0x10}})},
+         false,
+         nullptr},
+        {"TypedObjectsWithoutDebuggingInformation",
+         "typed objects in a module without debugging information",
+         [](ModuleBuilder &m, BrxHandle text, BrxHandle data) {
+             BrxHandle start = m.AddSymbol("start", text, 0);
+             BrxHandle counter = m.AddSymbol("counter", data, 0, true, BRX_SYMBOL_PLAIN);
+             ASSERT_EQ(m.OpenModule(u"c:\\work", u"main.asm", u"qasm", 1), 0u);
+             DbgType data2 = nullptr, returnsData2 = nullptr;
+             ASSERT_EQ(Dbg_base_type(3, &data2), 0u);
+             ASSERT_EQ(Dbg_procedure_type(data2, 1, &returnsData2), 0u);
+             int32_t minusOne = -1;
+             ASSERT_EQ(m.Constant("K", 6, &minusOne), 0u);
+             ASSERT_EQ(m.OpenSection(data), 0u);
+             ASSERT_EQ(m.DataLabel(counter, 8), 0u);
+             ASSERT_EQ(m.Close(), 0u);
+             ASSERT_EQ(m.OpenSection(text), 0u);
+             ASSERT_EQ(m.OpenProcedure({start}, 0, 0x10, nullptr, nullptr, returnsData2), 0u);
+             ASSERT_EQ(m.Register("acc", 7, 3), 0u);
+         },
+         {},
+         true,
+         TypesPointAtEntries},
+        {"TypedProcedureCreatedBeforeTheModule",
+         "a typed procedure created before the module was opened",
+         [](ModuleBuilder &m, BrxHandle text, BrxHandle) {
+             BrxHandle start = m.AddSymbol("start", text, 0);
+             DbgType data4 = nullptr, returnsData4 = nullptr;
+             ASSERT_EQ(Dbg_base_type(5, &data4), 0u);
+             ASSERT_EQ(Dbg_procedure_type(data4, 1, &returnsData4), 0u);
+             DbgEntryList list{&start, 1};
+             uint64_t end = 0x10;
+             DbgObjectProp props[] = {{DBG_PROP_ENTRY_LIST, &list},
+                                      {DBG_PROP_END, &end},
+                                      {DBG_PROP_PROC_TYPE, &returnsData4}};
+             DbgObject proc = nullptr;
+             ASSERT_EQ(Dbg_create_object(DBG_OBJ_PROCEDURE, props, 3, nullptr, &proc), 0u);
+             ASSERT_EQ(m.OpenModule(), 0u);
+             ASSERT_EQ(m.OpenSection(text), 0u);
+             ASSERT_EQ(Dbg_open_procedure_scope(proc, nullptr), 0u);
+             int32_t one = 1;
+             ASSERT_EQ(m.Constant("K", 6, &one), 0u);
+             ASSERT_EQ(m.Register("acc", 7, 3), 0u);
+         },
+         {},
+         true,
+         TypesPointAtEntries},
+        {"TextEnteredTwiceKeepsTheUnitRange",
+         "a module whose .text is entered twice keeps its address range",
+         [](ModuleBuilder &m, BrxHandle text, BrxHandle data) {
+             DbgScope module = nullptr;
+             ASSERT_EQ(m.OpenModule(u"c:\\work", u"main.asm", u"qasm", 0, &module), 0u);
+             DbgSource a = m.Source(u"a.asm");
+             ASSERT_EQ(m.OpenSection(text), 0u);
+             ASSERT_EQ(m.Line(a, 2, 0x0), 0u);
+             ASSERT_EQ(Dbg_set_current_scope(module), 0u);
+             ASSERT_EQ(m.OpenSection(data), 0u);
+             ASSERT_EQ(Dbg_set_current_scope(module), 0u);
+             ASSERT_EQ(m.OpenSection(text), 0u);
+             ASSERT_EQ(m.Line(a, 3, 0x20), 0u);
+         },
+         {Expect({{"a.asm", 2, 0x0}}), Expect({{"a.asm", 3, 0x20}})},
+         false,
+         [](const std::vector<Entry> &entries) {
+             ASSERT_FALSE(entries.empty());
+             EXPECT_EQ(entries[0].tag, "DW_TAG_compile_unit");
+             EXPECT_EQ(entries[0].attributes.count("DW_AT_low_pc"), 1u);
+             EXPECT_EQ(entries[0].attributes.count("DW_AT_high_pc"), 1u);
+         }},
+    };
+}
+
+class LegalModules : public ::testing::TestWithParam<std::tuple<int32_t, size_t>> {};
+
+TEST_P(LegalModules, AreValid) {
+    int32_t format = std::get<0>(GetParam());
+    const LegalModule c = AllLegalModules()[std::get<1>(GetParam())];
+    SCOPED_TRACE(c.what);
+    qtest::TempDir dir;
+    std::string path = dir.File("legal.o");
+    {
+        ModuleBuilder m(path, format);
+        BrxHandle text = m.AddSection(".text", true, 0x40);
+        BrxHandle data = m.AddSection(".data", false, 0x10);
+        c.describe(m, text, data);
+        ASSERT_FALSE(HasFatalFailure());
+        // A label in the module, so that the unit has a child (the verifier warns about a unit
+        // that declares children and has none).
+        BrxHandle mark = m.AddSymbol("mark", text, 0x3c);
+        ASSERT_EQ(m.CodeLabel(mark, nullptr, reinterpret_cast<DbgScope>(State().moduleRoot)), 0u);
+        ASSERT_EQ(m.Emit(), 0u);
+        ASSERT_TRUE(m.Write());
+    }
+    qtest::CommandResult r =
+        qtest::RunConsumer("readelf --debug-dump=info,abbrev,line,decodedline -W", path);
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
+        << Join(qtest::ConsumerComplaints(r.output)) << r.output;
+    std::vector<Sequence> decoded = ReadelfSequences(r.output);
+    if (c.noSequences) {
+        EXPECT_TRUE(decoded.empty()) << r.output;
+    } else if (!c.sequences.empty()) {
+        ASSERT_EQ(decoded.size(), c.sequences.size()) << r.output;
+        for (size_t i = 0; i < decoded.size(); ++i) {
+            EXPECT_EQ(decoded[i].rows, c.sequences[i].rows) << "sequence " << i;
+            EXPECT_EQ(decoded[i].end, c.sequences[i].end) << "sequence " << i;
+        }
+    }
+    qtest::CommandResult verify = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", path);
+    EXPECT_EQ(verify.exitCode, 0) << verify.output;
+    EXPECT_EQ(qtest::ConsumerComplaints(verify.output), std::vector<std::string>{"No errors."})
+        << verify.output;
+    if (c.entries) {
+        qtest::CommandResult dump = qtest::RunConsumer("llvm-dwarfdump-14 --debug-info", path);
+        c.entries(DwarfdumpEntries(dump.output));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Elf, LegalModules,
+                         ::testing::Combine(::testing::Values(BRX_FORMAT_ELF32, BRX_FORMAT_ELF64),
+                                            ::testing::Range(size_t(0), AllLegalModules().size())),
+                         [](const ::testing::TestParamInfo<std::tuple<int32_t, size_t>> &info) {
+                             return std::string(AllLegalModules()[std::get<1>(info.param)].name) +
+                                    (std::get<0>(info.param) == BRX_FORMAT_ELF32 ? "Elf32"
+                                                                                 : "Elf64");
+                         });
 
 INSTANTIATE_TEST_SUITE_P(Elf, DwarfConsumer, ::testing::Values(BRX_FORMAT_ELF32, BRX_FORMAT_ELF64),
                          [](const ::testing::TestParamInfo<int32_t> &info) {

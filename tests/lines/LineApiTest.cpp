@@ -61,3 +61,45 @@ TEST(LineApi, SameNameRegisteredTwiceGivesTwoFiles) {
 }
 
 } // namespace
+
+// Only sections that wrote rows have a sequence: the line program of a module whose code
+// sections hold no entries is its header alone.
+TEST(LineApi, CodeSectionsWithoutRowsHaveNoSequence) {
+    qtest::TempDir dir;
+    qtest::ModuleBuilder m(dir.File("l.o"), BRX_FORMAT_ELF64);
+    BrxHandle text = m.AddSection(".text", true, 64);
+    BrxHandle more = m.AddSection(".text.more", true, 64);
+    DbgScope module = nullptr;
+    ASSERT_EQ(m.OpenModule(u"c:\\work", u"m.asm", u"p", 0, &module), 0u);
+    ASSERT_EQ(m.OpenSection(text), 0u);
+    ASSERT_EQ(Dbg_set_current_scope(module), 0u);
+    ASSERT_EQ(m.OpenSection(more), 0u);
+    ASSERT_EQ(m.Emit(), 0u);
+    EXPECT_EQ(m.SectionBytes(".debug_line").size(), 26u) << "the header without files";
+}
+
+// An entry past its section's end is written as described, and the check names the section
+// and the offset.
+TEST(LineApi, EntriesPastTheSectionEndAreWrittenAndReported) {
+    qtest::TempDir dir;
+    qtest::ModuleBuilder m(dir.File("l.o"), BRX_FORMAT_ELF64);
+    BrxHandle text = m.AddSection(".text", true, 0x10);
+    ASSERT_EQ(m.OpenModule(), 0u);
+    DbgSource a = m.Source(u"a.asm");
+    ASSERT_EQ(m.OpenSection(text), 0u);
+    ASSERT_EQ(m.Line(a, 3, 0x0c), 0u);
+    ASSERT_EQ(m.Line(a, 4, 0x18), 0u) << "accepted: the section may still grow";
+    ASSERT_EQ(m.Line(a, 5, 0x10), 0u);
+    qtest::CheckCounter checks;
+    ASSERT_EQ(m.Emit(), 0u);
+    ASSERT_EQ(checks.Count(), 1) << "one report for the section";
+    const std::string &report = checks.Expressions()[0];
+    EXPECT_NE(report.find(".text"), std::string::npos) << report;
+    EXPECT_NE(report.find("0x10"), std::string::npos) << report;
+    // Rows in address order: line 3 opens the sequence, then 5 and 4 (a line back: long form).
+    std::vector<uint8_t> line = m.SectionBytes(".debug_line");
+    ASSERT_GE(line.size(), 12u);
+    std::vector<uint8_t> rows(line.end() - 5 - 7, line.end() - 5);
+    EXPECT_EQ(rows, (std::vector<uint8_t>{uint8_t(10 + 2 + 15 * 0x0c), uint8_t(10 + 2 + 15 * 4),
+                                          0x02, 0x08, 0x03, 0x7f, 0x01}));
+}

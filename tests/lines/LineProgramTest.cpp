@@ -30,50 +30,57 @@ protected:
     CLineState state;
 };
 
-// Each row after the first of a sequence: the bytes for a line and address advance.
+// Each row after the first of a sequence: the bytes for a line, file and address advance.
 TEST_F(LineRows, SpecialOpcodeOrLongForm) {
     struct Case {
         const char *what;
+        size_t file;
         uint32_t line;
         uint64_t address;
         Bytes bytes;
     } cases[] = {
-        {"one line, 16 bytes", 11, 0x10, {251}},
-        {"fourteen lines, 16 bytes: beyond 255", 25, 0x20, {0x02, 0x10, 0x03, 0x0e, 0x01}},
-        {"no address advance", 30, 0x20, {10 + 5}},
-        {"a line back", 29, 0x24, {0x02, 0x04, 0x03, 0x7f, 0x01}},
-        {"fifteen lines, no advance", 44, 0x24, {0x03, 0x0f, 0x01}},
-        {"same line: no row", 44, 0x30, {}},
-        {"largest special", 45, 0x24 + 16, {uint8_t(10 + 1 + 15 * 16)}},
+        {"one line, 16 bytes", 0, 11, 0x10, {251}},
+        {"fourteen lines, 16 bytes: beyond 255", 0, 25, 0x20, {0x02, 0x10, 0x03, 0x0e, 0x01}},
+        {"no address advance", 0, 30, 0x20, {10 + 5}},
+        {"a line back", 0, 29, 0x24, {0x02, 0x04, 0x03, 0x7f, 0x01}},
+        {"fifteen lines, no advance", 0, 44, 0x24, {0x03, 0x0f, 0x01}},
+        {"same line: no row", 0, 44, 0x30, {}},
+        {"largest special", 0, 45, 0x24 + 16, {uint8_t(10 + 1 + 15 * 16)}},
+        {"same line in another file", 1, 45, 0x38, {0x04, 0x02, uint8_t(10 + 15 * 4)}},
+        {"same line, another file, far", 0, 45, 0x138, {0x04, 0x01, 0x02, 0x80, 0x02, 0x01}},
     };
     CLineRowWriter writer(state, 8);
     ASSERT_TRUE(writer.AddRow(7, Entry(0, 10, 0)).Ok());
     size_t before = writer.Bytes().size();
     for (const Case &c : cases) {
-        ASSERT_TRUE(writer.AddRow(7, Entry(0, c.line, c.address)).Ok());
+        ASSERT_TRUE(writer.AddRow(7, Entry(c.file, c.line, c.address)).Ok());
         Bytes row(writer.Bytes().begin() + before, writer.Bytes().end());
         EXPECT_EQ(row, c.bytes) << c.what;
         before = writer.Bytes().size();
     }
 }
 
-// The first row of a sequence sets its address, relocated against the section; the operand is
-// as wide as the unit's addresses.
+// The first entry of a sequence always gives a row, on line 1 too; it sets the sequence's
+// address, relocated against the section; the operand is as wide as the unit's addresses.
 TEST_F(LineRows, SequenceStartsWithARelocatedAddress) {
     struct Case {
         unsigned width;
         size_t file;
+        uint32_t line;
+        uint64_t address;
         Bytes bytes;
         uint64_t relocationOffset;
     } cases[] = {
-        {8, 0, {0x00, 0x09, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0x1a}, 3},
-        {4, 0, {0x00, 0x05, 0x02, 0, 0, 0, 0, 0x1a}, 3},
-        {8, 1, {0x04, 0x02, 0x00, 0x09, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0x1a}, 5},
+        {8, 0, 2, 1, {0x00, 0x09, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0x1a}, 3},
+        {4, 0, 2, 1, {0x00, 0x05, 0x02, 0, 0, 0, 0, 0x1a}, 3},
+        {8, 1, 2, 1, {0x04, 0x02, 0x00, 0x09, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0x1a}, 5},
+        {4, 0, 1, 0x10, {0x00, 0x05, 0x02, 0, 0, 0, 0, uint8_t(10 + 15 * 16)}, 3},
+        {4, 0, 1, 0x1000, {0x00, 0x05, 0x02, 0, 0, 0, 0, 0x02, 0x80, 0x20, 0x01}, 3},
     };
     for (const Case &c : cases) {
         CLineState fresh;
         CLineRowWriter writer(fresh, c.width);
-        ASSERT_TRUE(writer.AddRow(42, Entry(c.file, 2, 1)).Ok());
+        ASSERT_TRUE(writer.AddRow(42, Entry(c.file, c.line, c.address)).Ok());
         EXPECT_EQ(writer.Bytes(), c.bytes);
         ASSERT_EQ(writer.Relocations().size(), 1u);
         EXPECT_EQ(writer.Relocations()[0].offset, c.relocationOffset);
@@ -102,13 +109,6 @@ TEST_F(LineRows, SequenceEndsOnTheNextMultipleOf16) {
     }
 }
 
-TEST_F(LineRows, LineOneOpeningASequenceGivesNoRow) {
-    CLineRowWriter writer(state, 8);
-    ASSERT_TRUE(writer.AddRow(5, Entry(0, 1, 0x10)).Ok());
-    EXPECT_TRUE(writer.Bytes().empty());
-    EXPECT_TRUE(writer.Relocations().empty());
-}
-
 TEST_F(LineRows, WritingIsRefusedWhileDecoding) {
     State().lineProgramUse = kLineProgramDecoding;
     CLineRowWriter writer(state, 8);
@@ -117,7 +117,8 @@ TEST_F(LineRows, WritingIsRefusedWhileDecoding) {
 }
 
 // The header's directory table holds each directory once (compared lowercased; the compilation
-// directory is index 0 and not written); names lose their directory.
+// directory is index 0 and not written); names lose their directory, unless that would leave an
+// empty name or an empty directory, which end their tables.
 TEST(LineHeader, DirectoriesAndFiles) {
     State().Reset();
     CSourceFileList files;
@@ -127,6 +128,8 @@ TEST(LineHeader, DirectoriesAndFiles) {
     files.Create(u"plain.s");
     files.Create(u"c:\\inc\\");
     files.Create(u"c:\\src\\b.s");
+    files.Create(u"\\root.s");
+    files.Create(u"");
     files.ConvertToDwarf();
     Bytes header = BuildLineProgramHeader(u"c:\\work", files);
     Bytes expected = {0, 0, 0, 0,  2,  0, 0, 0, 0, 0, // lengths patched below
@@ -137,8 +140,8 @@ TEST(LineHeader, DirectoriesAndFiles) {
     struct File {
         const char *name;
         uint8_t dir;
-    } fileRows[] = {{"A.s", 1},     {"b.s", 1},       {"c.s", 0},
-                    {"plain.s", 0}, {"c:\\inc\\", 0}, {"b.s", 1}};
+    } fileRows[] = {{"A.s", 1},       {"b.s", 1}, {"c.s", 0},      {"plain.s", 0},
+                    {"c:\\inc\\", 0}, {"b.s", 1}, {"\\root.s", 0}, {"<unnamed>", 0}};
     for (const File &f : fileRows) {
         expected.insert(expected.end(), f.name, f.name + strlen(f.name) + 1);
         expected.insert(expected.end(), {f.dir, 0, 0});
