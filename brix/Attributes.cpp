@@ -53,6 +53,7 @@ unsigned NumericWidth(uint32_t key) {
     case BRX_KEY_SECTION_SIZE:
     case BRX_KEY_SECTION_ADDRESS:
     case BRX_KEY_SYMBOL_OFFSET:
+    case BRX_KEY_SYMBOL_SIZE:
     case BRX_KEY_RELOC_OFFSET:
     case BRX_KEY_RELOC_ADDEND:
     case BRX_KEY_LINE_ITEM_ADDRESS:
@@ -138,6 +139,9 @@ bool NumericAttribute(const CHandleEntry &e, uint32_t key, uint64_t &out) {
             return true;
         case BRX_KEY_SYMBOL_OFFSET:
             out = s.m_nOffset;
+            return true;
+        case BRX_KEY_SYMBOL_SIZE:
+            out = s.m_nSize;
             return true;
         }
         return false;

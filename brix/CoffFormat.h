@@ -11,6 +11,8 @@ constexpr unsigned kSectionHeaderSize = 40;
 constexpr unsigned kRelocationSize = 10;
 constexpr unsigned kSymbolSize = 18;
 constexpr unsigned kShortNameSize = 8;
+// A function-definition auxiliary record: tag index (4 bytes), then the function's total size.
+constexpr unsigned kFunctionDefinitionSizeOffset = 4;
 
 constexpr uint16_t IMAGE_FILE_MACHINE_UNKNOWN = 0;
 constexpr uint16_t IMAGE_FILE_MACHINE_I386 = 0x014c;

@@ -194,6 +194,11 @@ bool CCoffReader::ReadSymbols() {
             (type & 0x30) == IMAGE_SYM_DTYPE_FUNCTION_TYPE ? BRX_SYMBOL_FUNCTION : BRX_SYMBOL_PLAIN;
         s.m_nOffset = value;
         s.m_nStorage = number == IMAGE_SYM_UNDEFINED ? 1 : 0;
+        // A defined external function may carry a function-definition record, the one place
+        // where COFF states a function's size.
+        if (s.m_nType == BRX_SYMBOL_FUNCTION && storageClass == IMAGE_SYM_CLASS_EXTERNAL &&
+            number > 0 && auxCount >= 1)
+            s.m_nSize = m_Image.U32(aux + kFunctionDefinitionSizeOffset);
         if (number > 0 && uint32_t(number) <= m_nSectionCount) {
             CSection &section = m_File.m_Sections[m_Headers[number - 1].m_nModel];
             s.m_Section = section.m_Handle;

@@ -217,13 +217,15 @@ bool CElfReader::ReadSymbols() {
         uint32_t nameOffset = m_Image.U32(at);
         uint8_t info;
         uint16_t shndx;
-        uint64_t value;
+        uint64_t value, size;
         if (m_b64) {
             info = m_Image.U8(at + 4);
             shndx = m_Image.U16(at + 6);
             value = m_Image.U64(at + 8);
+            size = m_Image.U64(at + 16);
         } else {
             value = m_Image.U32(at + 4);
+            size = m_Image.U32(at + 8);
             info = m_Image.U8(at + 12);
             shndx = m_Image.U16(at + 14);
         }
@@ -252,6 +254,7 @@ bool CElfReader::ReadSymbols() {
                                        : BRX_SYMBOL_PLAIN;
         s.m_nStorage = shndx == SHN_UNDEF ? 1 : 0;
         s.m_nOffset = value;
+        s.m_nSize = size;
         if (model != kNone) {
             const CSection &sec = m_File.m_Sections[model];
             s.m_Section = sec.m_Handle;

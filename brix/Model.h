@@ -130,6 +130,7 @@ struct CSymbol {
     uint32_t m_nType = BRX_SYMBOL_PLAIN;
     BrxHandle m_Section = 0;
     uint64_t m_nOffset = 0;
+    uint64_t m_nSize = 0; // key 71; read from the file, 0 when it gives none
 };
 
 struct CLineBlock {

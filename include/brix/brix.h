@@ -78,6 +78,8 @@ typedef uint32_t BrxHandle; /* 0 = none */
 #define BRX_KEY_SYMBOL_BINDING 68      /* symbol: uint32_t, 2 global, 1 local */
 #define BRX_KEY_SYMBOL_TYPE 69         /* symbol: uint32_t, 0 plain, 2 function, 4 source file */
 #define BRX_KEY_SYMBOL_OFFSET 70       /* symbol: uint64_t offset in its section */
+#define BRX_KEY_SYMBOL_SIZE 71         /* symbol (query): uint64_t size in bytes, 0 when the file gives
+                                          none (ELF st_size; COFF a function definition's TotalSize) */
 #define BRX_KEY_RELOC_OFFSET 86        /* relocation: uint64_t offset in its section */
 #define BRX_KEY_RELOC_TYPE 89          /* relocation: uint32_t type */
 #define BRX_KEY_RELOC_TARGET 92        /* relocation: BrxHandle symbol or section */

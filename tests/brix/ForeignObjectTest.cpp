@@ -47,6 +47,7 @@ std::string Assembly(const char *wordDirective, const char *extra) {
     .type main_entry,@function
 main_entry:
     .byte 1,2,3,4,5,6,7,8
+    .size main_entry, .-main_entry
 helper:
     .byte 9,10,11,12
     .section .text.other,"ax",@progbits
@@ -54,6 +55,7 @@ helper:
     .type other,@function
 other:
     .byte 1,2,3,4
+    .size other, 3
     .data
 data_word:
     WORD main_entry
@@ -173,6 +175,7 @@ TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
                   StripNumber(e.Get("Binding")) == "Local" ? 1u : 2u);
         uint32_t expectedType = type == "Function" ? 2 : type == "File" ? 4 : 0;
         EXPECT_EQ(U32(h, BRX_KEY_SYMBOL_TYPE), expectedType);
+        EXPECT_EQ(U64(h, BRX_KEY_SYMBOL_SIZE), ParseNumber(e.Get("Size")));
         std::string section = StripNumber(e.Get("Section"));
         BrxHandle sh = U32(h, BRX_KEY_SYMBOL_SECTION);
         uint64_t value = ParseNumber(e.Get("Value"));
@@ -432,6 +435,46 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
     std::sort(sortedExpected.begin(), sortedExpected.end());
     EXPECT_EQ(sortedFiles, sortedExpected);
     EXPECT_EQ(files.size(), 2u);
+    EXPECT_EQ(_brx_close_file(file), 0);
+}
+
+// COFF states a function's size only in a function-definition record, which compilers seldom
+// write; the section definition that follows a section symbol is no size.
+TEST(ForeignCoffSymbols, FunctionDefinitionRecordGivesTheSize) {
+    if (!ToolAvailable("yaml2obj-14"))
+        FAIL() << "yaml2obj-14 is not installed";
+    TempDir dir;
+    const std::string yaml = R"(--- !COFF
+header: { Machine: IMAGE_FILE_MACHINE_AMD64, Characteristics: [ ] }
+sections:
+  - Name: .text
+    Characteristics: [ IMAGE_SCN_CNT_CODE, IMAGE_SCN_MEM_EXECUTE, IMAGE_SCN_MEM_READ ]
+    Alignment: 16
+    SectionData: '9090909090C3C3C3'
+symbols:
+  - { Name: .text, Value: 0, SectionNumber: 1, SimpleType: IMAGE_SYM_TYPE_NULL,
+      ComplexType: IMAGE_SYM_DTYPE_NULL, StorageClass: IMAGE_SYM_CLASS_STATIC,
+      SectionDefinition: { Length: 8, NumberOfRelocations: 0, NumberOfLinenumbers: 0,
+                           CheckSum: 0, Number: 1 } }
+  - { Name: sized, Value: 0, SectionNumber: 1, SimpleType: IMAGE_SYM_TYPE_NULL,
+      ComplexType: IMAGE_SYM_DTYPE_FUNCTION, StorageClass: IMAGE_SYM_CLASS_EXTERNAL,
+      FunctionDefinition: { TagIndex: 0, TotalSize: 6, PointerToLinenumber: 0,
+                            PointerToNextFunction: 0 } }
+  - { Name: unsized, Value: 6, SectionNumber: 1, SimpleType: IMAGE_SYM_TYPE_NULL,
+      ComplexType: IMAGE_SYM_DTYPE_FUNCTION, StorageClass: IMAGE_SYM_CLASS_STATIC }
+...
+)";
+    WriteFileBytes(dir.File("f.yaml"), std::vector<uint8_t>(yaml.begin(), yaml.end()));
+    CommandResult made =
+        RunCommand("yaml2obj-14 '" + dir.File("f.yaml") + "' -o '" + dir.File("f.obj") + "'");
+    ASSERT_EQ(made.exitCode, 0) << made.output;
+    uint32_t mode = 7;
+    BrxHandle file = 0;
+    ASSERT_EQ(_brx_open_file(dir.File("f.obj").c_str(), &mode, &file, 0), 0);
+    std::map<std::string, uint64_t> sizes;
+    for (BrxHandle symbol : Symbols(file))
+        sizes[SymbolName(symbol)] = U64(symbol, BRX_KEY_SYMBOL_SIZE);
+    EXPECT_EQ(sizes, (std::map<std::string, uint64_t>{{".text", 0}, {"sized", 6}, {"unsized", 0}}));
     EXPECT_EQ(_brx_close_file(file), 0);
 }
 
