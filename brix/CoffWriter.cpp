@@ -296,7 +296,7 @@ bool CCoffWriter::Write() {
             b.U32(0);
             b.U16(0);
         }
-        for (uint32_t r : s.m_Relocations) {
+        for (uint32_t r : m_File.RelocationsByOffset(s)) {
             const CRelocation &rel = m_File.m_Relocations[r];
             const CHandleEntry *t = State().Lookup(rel.m_Target); // checked in PlanSymbols
             uint32_t symbol = t->m_Kind == Kind::Section ? m_SectionSymbol[t->m_nIndex]

@@ -365,7 +365,7 @@ void CElfWriter::WriteStrTab() {
 
 void CElfWriter::WriteRelocations(const CSection &s) {
     CByteBuffer &b = m_Out;
-    for (uint32_t r : s.m_Relocations) {
+    for (uint32_t r : m_File.RelocationsByOffset(s)) {
         const CRelocation &rel = m_File.m_Relocations[r];
         // PlanSymbols has checked every target.
         const CHandleEntry *t = State().Lookup(rel.m_Target);

@@ -69,6 +69,16 @@ uint32_t CBrxFile::AddRelocation(uint32_t section) {
     return index;
 }
 
+std::vector<uint32_t> CBrxFile::RelocationsByOffset(const CSection &section) const {
+    std::vector<uint32_t> order = section.m_Relocations;
+    auto byOffset = [this](uint32_t a, uint32_t b) {
+        return m_Relocations[a].m_nOffset < m_Relocations[b].m_nOffset;
+    };
+    if (!std::is_sorted(order.begin(), order.end(), byOffset))
+        std::stable_sort(order.begin(), order.end(), byOffset);
+    return order;
+}
+
 uint32_t CBrxFile::AddSymbol(std::string_view name) {
     uint32_t index = uint32_t(m_Symbols.size());
     CSymbol &s = m_Symbols.emplace_back();

@@ -181,6 +181,10 @@ public:
         return std::string_view(m_Names).substr(symbol.m_nNameOffset, symbol.m_nNameLength);
     }
     void SetSymbolName(CSymbol &symbol, std::string_view name);
+    // A section's relocations in ascending offset order, those at one offset in creation order:
+    // the order the writers lay them out in, whatever order they were made in (linkers warn on
+    // unsorted relocations).
+    std::vector<uint32_t> RelocationsByOffset(const CSection &section) const;
 
     // Creation: each registers the new object and answers its position.
     uint32_t AddSection(std::string name);

@@ -88,9 +88,10 @@ TEST_P(RoundTrip, ReadingBackAnswersWhatWasWritten) {
         symbols[s.name] = AddSymbol(file, s.name, s.binding, s.type,
                                     s.section ? written[s.section] : 0, s.offset);
     BrxHandle line = written[".debug_line"];
+    // Made out of offset order: the file holds them sorted by offset.
+    AddRelocation(line, c.addressRelocation, symbols["main_function"], 24, c.keepsAddends ? -4 : 0);
     AddRelocation(line, c.sectionRelocation, written[".text"], 8);
     AddRelocation(line, c.addressRelocation, written[".text"], 12);
-    AddRelocation(line, c.addressRelocation, symbols["main_function"], 24, c.keepsAddends ? -4 : 0);
     AddRelocation(written[".debug$S"], c.addressRelocation, written[".text$inline_function"], 4);
     ASSERT_EQ(_brx_write_file(file), 0);
     ASSERT_EQ(_brx_close_file(file), 0);
