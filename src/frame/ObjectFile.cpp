@@ -148,11 +148,18 @@ CError ReadBytes(BrxHandle section, uint64_t offset, void *data, uint64_t count,
 }
 
 CError FilePath(BrxHandle file, std::u16string &path) {
-    char16_t buffer[257] = {};
-    uint32_t capacity = 512;
-    if (_wcbrx_get_keyed(file, BRX_KEY_PATH, &capacity, buffer, 0) != BRX_OK)
-        return kFailed;
-    path.assign(buffer);
+    // The capacity is in bytes; a path longer than the buffer is asked for again with room.
+    std::vector<char16_t> buffer(257);
+    for (;;) {
+        uint32_t capacity = uint32_t(buffer.size() * sizeof(char16_t));
+        const int32_t status = _wcbrx_get_keyed(file, BRX_KEY_PATH, &capacity, buffer.data(), 0);
+        if (status == BRX_OK)
+            break;
+        if (status != BRX_ERR_BUFFER_TOO_SMALL || buffer.size() >= (1u << 28))
+            return kFailed;
+        buffer.resize(buffer.size() * 2);
+    }
+    path.assign(buffer.data());
     return kOk;
 }
 

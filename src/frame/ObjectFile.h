@@ -52,7 +52,7 @@ CError CreateRelocation(BrxHandle section, int32_t format, uint32_t type, uint64
 CError WriteBytes(BrxHandle section, uint64_t offset, const void *data, uint64_t count,
                   uint64_t &written);
 CError ReadBytes(BrxHandle section, uint64_t offset, void *data, uint64_t count, uint64_t &read);
-// The path of the object file (wide query, 256 characters).
+// The path of the object file (wide query), however long.
 CError FilePath(BrxHandle file, std::u16string &path);
 
 } // namespace objfile

@@ -7,10 +7,14 @@
 
 namespace quillet {
 
-// UTF-16 to UTF-8, one 16-bit unit at a time (surrogate halves become three bytes each).
+// UTF-16 to UTF-8: a surrogate pair becomes one 4-byte sequence; a lone surrogate half three
+// bytes of its own.
 std::string ToUtf8(std::u16string_view text);
-// UTF-8 to UTF-16; bytes that do not form a sequence are taken one by one.
+// UTF-8 to UTF-16: a 4-byte sequence becomes a surrogate pair; bytes that do not form a sequence
+// are taken one by one.
 std::u16string FromUtf8(std::string_view text);
+// Shortens UTF-8 text to at most `limit` bytes without splitting a character.
+void CutUtf8(std::string &text, size_t limit);
 // Copies a NUL-terminated wide string; null gives the empty string.
 std::u16string WideCopy(const char16_t *text);
 void LowerAscii(std::string &text);
