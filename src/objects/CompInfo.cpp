@@ -1,6 +1,7 @@
 #include "objects/CompInfo.h"
 
 #include "codeview/CodeViewFormat.h"
+#include "codeview/RecordNames.h"
 #include "dwarf/Abbreviations.h"
 #include "dwarf/DwarfConstants.h"
 #include "dwarf/Leb128.h"
@@ -53,6 +54,7 @@ CCompInfo::~CCompInfo() = default;
 
 CError CCompInfo::WriteCodeView(CBinarySection &symbols, CBinarySection &) {
     std::string producer = ToUtf8(m_pProducer);
+    quillet::cv::FitNamesInRecord(28, {&producer});
     size_t n = producer.size();
     ByteWriter record(n + 28);
     record.U16(uint16_t(n + 26));
@@ -74,6 +76,7 @@ CError CCompInfo::WriteEnvBlock(CBinarySection &symbols) {
     std::string cwd = ToUtf8(quillet::WorkingDirectory());
     std::string exe = ToUtf8(m_pToolPath);
     std::string src = ToUtf8(quillet::JoinPath(m_pDirectory, m_pSourceName));
+    quillet::cv::FitNamesInRecord(21, {&cwd, &exe, &src});
     size_t length = 21 + cwd.size() + exe.size() + src.size();
     ByteWriter record(length);
     record.U16(uint16_t(length - 2));

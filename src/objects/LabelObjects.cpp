@@ -1,6 +1,7 @@
 #include "objects/LabelObjects.h"
 
 #include "codeview/CodeViewFormat.h"
+#include "codeview/RecordNames.h"
 #include "dwarf/Abbreviations.h"
 #include "dwarf/Leb128.h"
 #include "frame/BinarySection.h"
@@ -63,6 +64,7 @@ CError CCodeLabelObject::WriteCodeView(CBinarySection &symbols, CBinarySection &
         if (IsEntryPoint() && !name.empty() && name[0] == '.')
             name.erase(0, 1);
     }
+    quillet::cv::FitNamesInRecord(12, {&name});
     size_t n = name.size();
     ByteWriter record(n + 12);
     record.U16(uint16_t(n + 10));
@@ -169,6 +171,7 @@ CError CDataLabelObject::WriteCodeView(CBinarySection &symbols, CBinarySection &
     uint32_t typeIndex = 0;
     if (!m_pType || m_pType->GetTypeIndex(types, typeIndex).Failed())
         return kFailed;
+    quillet::cv::FitNamesInRecord(15, {&name});
     size_t n = name.size();
     ByteWriter record(n + 15);
     record.U16(uint16_t(n + 13));

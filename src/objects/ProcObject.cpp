@@ -1,6 +1,7 @@
 #include "objects/ProcObject.h"
 
 #include "codeview/CodeViewFormat.h"
+#include "codeview/RecordNames.h"
 #include "dwarf/Abbreviations.h"
 #include "dwarf/DwarfConstants.h"
 #include "dwarf/Leb128.h"
@@ -124,6 +125,7 @@ CError CProcObject::WriteCodeView(CBinarySection &symbols, CBinarySection &types
     uint32_t typeIndex = 0;
     if (!m_pType || m_pType->GetTypeIndex(types, typeIndex).Failed())
         return kFailed;
+    quillet::cv::FitNamesInRecord(41, {&name});
     size_t n = name.size();
     ByteWriter record(n + 41);
     record.U16(uint16_t(n + 39));

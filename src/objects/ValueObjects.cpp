@@ -1,6 +1,7 @@
 #include "objects/ValueObjects.h"
 
 #include "codeview/CodeViewFormat.h"
+#include "codeview/RecordNames.h"
 #include "dwarf/Abbreviations.h"
 #include "dwarf/DwarfConstants.h"
 #include "dwarf/Leb128.h"
@@ -183,14 +184,16 @@ CError CConstantObject::WriteCodeView(CBinarySection &symbols, CBinarySection &t
     uint32_t typeIndex = 0;
     if (m_Type->GetTypeIndex(types, typeIndex).Failed())
         return kFailed;
-    size_t n = m_Name.size();
+    std::string name = m_Name;
+    cv::FitNamesInRecord(leaf.count + 11, {&name});
+    size_t n = name.size();
     ByteWriter record(leaf.count + n + 11);
     record.U16(uint16_t(leaf.count + n + 9));
     record.U16(cv::S_CONSTANT);
     record.U32(typeIndex);
     record.U16(leaf.leaf);
     record.Bytes(leaf.bytes, leaf.count);
-    record.CString(m_Name);
+    record.CString(name);
     return symbols.AppendRecord(record);
 }
 
@@ -243,13 +246,15 @@ CError CEnregSymObject::WriteCodeView(CBinarySection &symbols, CBinarySection &t
     uint32_t typeIndex = 0;
     if (m_pType->GetTypeIndex(types, typeIndex).Failed())
         return kFailed;
-    size_t n = m_Name.size();
+    std::string name = m_Name;
+    cv::FitNamesInRecord(11, {&name});
+    size_t n = name.size();
     ByteWriter record(n + 11);
     record.U16(uint16_t(n + 9));
     record.U16(cv::S_REGISTER);
     record.U32(typeIndex);
     record.U16(ToCodeViewRegister(m_nRegister));
-    record.CString(m_Name);
+    record.CString(name);
     return symbols.AppendRecord(record);
 }
 

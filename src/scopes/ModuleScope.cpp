@@ -1,6 +1,7 @@
 #include "scopes/ModuleScope.h"
 
 #include "codeview/CodeViewFormat.h"
+#include "codeview/RecordNames.h"
 #include "frame/BinarySection.h"
 #include "frame/LibraryState.h"
 #include "frame/ObjectFile.h"
@@ -98,6 +99,7 @@ uint32_t CModuleScope::BeginCodeViewScope(CBinarySection *&symbols, CBinarySecti
     if (!quillet::IsAbsolutePath(path))
         path = quillet::JoinPath(quillet::WorkingDirectory(), path);
     std::string name = quillet::ToUtf8(path);
+    quillet::cv::FitNamesInRecord(9, {&name});
     quillet::ByteWriter record(name.size() + 9);
     record.U16(uint16_t(name.size() + 7));
     record.U16(quillet::cv::S_OBJNAME);

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 
 namespace {
 
@@ -400,6 +401,52 @@ TEST_F(CodeViewDriver, ComdatSectionWithOnlyLinesOpensItsSymbolsSubsectionFirst)
     EXPECT_TRUE(own[0].content.empty());
     EXPECT_EQ(own[1].content, ChecksumRecord(1, "a"));
     EXPECT_EQ(own[2].content, Concat({LineHeader(8), Block(0, {{4, 5}})}));
+}
+
+// Names too long for a record's 16-bit length are cut at a character boundary, and each cut is
+// reported: a record takes at most 65,536 bytes, so that its length still fits once a linker pads
+// it to a multiple of 4 (lld-link otherwise writes a wrapped length into the program database).
+// The object name, however long, is written whole.
+TEST_F(CodeViewDriver, LongNamesAreCutToFitTheirRecords) {
+    const std::string objectPath = m_Dir.File(std::string(300, 'o') + ".obj");
+    CoffModule m(objectPath);
+    const std::u16string producer(70000, u'p'), tool(70000, u't');
+    const uint16_t version[3] = {1, 2, 3};
+    DbgScope module = nullptr;
+    ASSERT_EQ(Dbg_open_module_scope(m.File(), 1, 0, 0, 1, version, version, producer.c_str(),
+                                    u"/src", u"main.asm", tool.c_str(), &module),
+              DBG_ERR_NONE);
+    // A label record has 12 bytes besides its name, so 65,524 bytes of name fit: the cut falls
+    // inside the four bytes of U+1F600 and goes back to its first.
+    const std::string labelName = std::string(65523, 'l') + "\xF0\x9F\x98\x80" + "tail";
+    const std::string constantName(70000, 'k');
+    const BrxHandle text = m.Section(".text", 4);
+    DbgScope section = m.OpenSection(text);
+    ASSERT_EQ(m.Builder().CodeLabel(m.Symbol(labelName, text, 0, false, BRX_SYMBOL_PLAIN), nullptr,
+                                    section),
+              DBG_ERR_NONE);
+    const int8_t value = 1;
+    ASSERT_EQ(m.Builder().Constant(constantName, 2, &value), DBG_ERR_NONE);
+    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+    m_nExpectedChecks = 4; // producer, environment block, label, constant
+
+    const auto subsections = Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]));
+    ASSERT_EQ(Kinds(subsections), std::vector<uint32_t>{F1});
+    std::map<uint16_t, Bytes> byKind;
+    for (const Record &r : Records(subsections[0].content))
+        byKind[r.kind] = r.bytes;
+    ASSERT_EQ(byKind.size(), 5u);
+    auto textOf = [](const Bytes &record, size_t from) {
+        return std::string(record.begin() + from, record.end());
+    };
+    EXPECT_EQ(textOf(byKind[0x1101], 8), objectPath + '\0');
+    EXPECT_EQ(textOf(byKind[0x113C], 26), std::string(65508, 'p') + '\0' + '\0');
+    EXPECT_EQ(textOf(byKind[0x1105], 11), labelName.substr(0, 65523) + '\0');
+    EXPECT_EQ(byKind[0x1107].size(), 0x10000u) << "the constant fills its record";
+    // The environment block cuts the long tool path and keeps the other strings.
+    const std::string env = textOf(byKind[0x113D], 5);
+    EXPECT_EQ(env.size(), 0x10000u - 5);
+    EXPECT_NE(env.find(std::string("src") + '\0' + "/src/main.asm" + '\0'), std::string::npos);
 }
 
 TEST_F(CodeViewDriver, LinesHeldByTheModuleAreIgnored) {
