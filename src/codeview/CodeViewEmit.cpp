@@ -1,11 +1,12 @@
 // The CodeView driver and the scope steps that frame symbol sections and write line blocks.
 //
-// Main .debug$S: signature, symbols (0xF1), string table (0xF3), checksums (0xF4), then one lines
-// subsection (0xF2) per section that has line entries and is not COMDAT. A COMDAT code section
-// has its own .debug$S, associated with it: signature, symbols, its own checksum table and its
-// lines. Every lines subsection holds exactly one section header followed by that section's
-// blocks, because readers take the first 12 bytes of a lines subsection as its header and all
-// that follows as blocks. Every symbol section ends on a 4-byte boundary.
+// Main .debug$S: signature, symbols (0xF1), the string table (0xF3) and the object's one
+// checksum table (0xF4) of every file that line entries name, then the lines subsections (0xF2)
+// of the sections that are not COMDAT. A COMDAT code section has its own .debug$S, associated
+// with it: signature, symbols, and its lines subsections, whose blocks name files in the main
+// checksum table (linkers keep one table per object). Every lines subsection holds one header
+// and the blocks of the code it covers; the ranges of one section never overlap. Every symbol
+// section ends on a 4-byte boundary.
 #include "codeview/CodeViewEmit.h"
 
 #include "codeview/CodeViewFormat.h"
@@ -26,6 +27,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace {
@@ -84,37 +86,82 @@ uint32_t PadSymbolSections() {
     return DBG_ERR_NONE;
 }
 
-// The file blocks of one scope's own entries, sorted by address, for the table of `symbols`.
-uint32_t AppendScopeBlocks(const CScopeNode &scope, CBinarySection &symbols,
-                           std::vector<uint8_t> &bytes) {
-    CCodeViewTables *tables = ActiveCodeViewTables();
-    if (!QCHECK(tables != nullptr))
-        return DBG_ERR_WRITE_FAILED;
+// The entries of a section scope and of its procedures, each with its file's checksum offset.
+std::vector<quillet::CvLinePoint> GatherLinePoints(const CSectionScope &scope,
+                                                   const CCodeViewTables &tables) {
+    size_t total = scope.Lines().size();
+    for (const auto &child : scope.Children())
+        total += child->Lines().size();
     std::vector<quillet::CvLinePoint> points;
-    points.reserve(scope.Lines().size());
-    // An entry without a source file names no file: the tables have nothing for it.
-    for (const CLineEntry &entry : scope.Lines())
-        if (SourceOf(entry.source))
-            points.push_back({entry.Address(), entry.line, entry.source});
-    std::stable_sort(points.begin(), points.end(),
-                     [](const quillet::CvLinePoint &a, const quillet::CvLinePoint &b) {
-                         return a.address < b.address;
-                     });
-
-    const auto &indices = tables->checksumIndex[&symbols];
-    auto lookup = [&](const void *source) {
-        quillet::CvFileInfo info{};
-        info.name = SourceOf(source)->Name();
-        const auto offset = tables->stringOffsets.find(source);
-        if (!QCHECK(offset != tables->stringOffsets.end()))
-            return info;
-        const auto index = indices.find(offset->second);
-        if (QCHECK(index != indices.end()))
-            info.checksumOffset = index->second * quillet::cv::kChecksumRecordSize;
-        return info;
+    points.reserve(total);
+    auto add = [&](const CScopeNode &holder) {
+        // Runs of entries name one file: look it up when the record changes.
+        const void *previous = nullptr;
+        uint32_t checksumOffset = 0;
+        for (const CLineEntry &entry : holder.Lines()) {
+            if (entry.source != previous || !previous) {
+                // An entry without a source file names no file: the tables have nothing for it.
+                if (!SourceOf(entry.source))
+                    continue;
+                const auto file = tables.bySource.find(entry.source);
+                if (!QCHECK(file != tables.bySource.end()))
+                    continue;
+                previous = entry.source;
+                checksumOffset = file->second * quillet::cv::kChecksumRecordSize;
+            }
+            points.push_back({entry.Address(), entry.line, checksumOffset});
+        }
     };
-    quillet::EncodeFileBlocks(points, lookup, bytes);
-    return DBG_ERR_NONE;
+    add(scope);
+    for (const auto &child : scope.Children())
+        add(*child);
+    return points;
+}
+
+// The procedures of a section scope, numbered by their position in `procedures`.
+std::vector<quillet::CvCodeRange> ProcedureRanges(const CSectionScope &scope,
+                                                  std::vector<CProcObject *> &procedures) {
+    std::vector<quillet::CvCodeRange> ranges;
+    for (const auto &child : scope.Children())
+        if (child->GetKind() == SCOPE_PROCEDURE) {
+            CProcObject *procedure = static_cast<const CProcScope &>(*child).Procedure();
+            ranges.push_back({procedure->m_nStart, procedure->m_nEnd, procedures.size()});
+            procedures.push_back(procedure);
+        }
+    return ranges;
+}
+
+// What a lines subsection's header is relocated against, and the value of its offset field.
+// Dumpers key line tables by the name of that symbol, so no two subsections share one: the
+// subsection that begins a procedure names the procedure's main symbol (as compilers do), the
+// first other one of a section names the section, and any further one a symbol of its own,
+// made at its start.
+struct CLinesAnchor {
+    BrxHandle target = 0;
+    uint64_t offsetField = 0;
+};
+
+CError ChooseAnchor(const quillet::CvLineSubsection &subsection, BrxHandle section,
+                    const std::vector<CProcObject *> &procedures, bool &sectionTaken,
+                    CCodeViewTables &tables, CLinesAnchor &anchor) {
+    if (subsection.opensProcedure != quillet::kNoProcedure) {
+        BrxHandle main = 0;
+        uint64_t address = 0;
+        if (procedures[subsection.opensProcedure]->GetMainSymbol(main, address).Failed())
+            return kFailed;
+        if (address <= subsection.start) {
+            anchor = {main, subsection.start - address};
+            return kOk;
+        }
+    }
+    if (!sectionTaken) {
+        sectionTaken = true;
+        anchor = {section, subsection.start};
+        return kOk;
+    }
+    const std::string name = "$$$L" + std::to_string(tables.nextLineSymbol++);
+    anchor.offsetField = 0;
+    return objfile::CreateSymbol(name, BRX_SYMBOL_PLAIN, section, subsection.start, anchor.target);
 }
 
 uint32_t AppendBytes(CBinarySection &section, const std::vector<uint8_t> &bytes) {
@@ -166,13 +213,14 @@ uint32_t RunCodeViewDriver() {
         return DBG_ERR_OBJECT_FILE;
 
     mainSymbols.SetPendingSubsectionType(DEBUG_S_FILECHKSMS);
-    state.symbolSectionCursor = 0;
-    if (uint32_t status = WriteChecksumTables(module, mainSymbols, tables))
+    if (uint32_t status = WriteChecksumTable(mainSymbols, tables))
         return status;
-    if (CloseAllSubsections())
+    if (CloseSubsection(mainSymbols))
         return DBG_ERR_OBJECT_FILE;
+    // The lines subsections start themselves: no table header may wait in front of them.
+    mainSymbols.SetPendingSubsectionType(0);
 
-    mainSymbols.SetPendingSubsectionType(DEBUG_S_LINES);
+    // Lines: each section scope starts its own subsections, in the main section or its own.
     state.symbolSectionCursor = 0;
     if (uint32_t status = module.EmitCodeViewLineWalk(&mainSymbols))
         return status;
@@ -211,44 +259,47 @@ uint32_t SectionEmitCodeViewLines(CSectionScope &scope, CBinarySection *&symSect
         symSection = nullptr;
         return DBG_ERR_NONE;
     }
-    if (!QCHECK(symSection != nullptr))
+    CCodeViewTables *tables = ActiveCodeViewTables();
+    if (!QCHECK(symSection != nullptr) || !QCHECK(tables != nullptr))
         return DBG_ERR_WRITE_FAILED;
     if (comdat) {
         if (!QCHECK(state.symbolSectionCursor < state.symbolSections.size()))
             return DBG_ERR_WRITE_FAILED;
         symSection = state.symbolSections[state.symbolSectionCursor];
-        QCHECK(symSection->StartSubsection(DEBUG_S_LINES).Ok());
-    } else if (symSection->PendingSubsectionType() != DEBUG_S_LINES) {
-        // An earlier section's lines subsection is complete: close it and open the next one
-        // in front of this header.
-        if (uint32_t status = CloseSubsection(*symSection))
-            return status;
-        symSection->SetPendingSubsectionType(DEBUG_S_LINES);
     }
 
-    uint64_t codeSize = 0;
-    if (objfile::SectionSize(scope.Section(), codeSize).Failed())
+    uint64_t sectionSize = 0;
+    if (objfile::SectionSize(scope.Section(), sectionSize).Failed())
         return DBG_ERR_OBJECT_FILE;
-    std::vector<uint8_t> bytes = quillet::EncodeLineHeader(uint32_t(codeSize));
-    if (uint32_t status = AppendScopeBlocks(scope, *symSection, bytes))
-        return status;
-    if (uint32_t status = AppendBytes(*symSection, bytes))
-        return status;
-    // The header's segment and offset fields are filled in by the linker.
-    const uint64_t header = symSection->Size() - bytes.size();
-    if (symSection->AddSectionRelocation(header + 4, scope.Section()).Failed() ||
-        symSection->AddAddressRelocation(header, scope.Section()).Failed())
-        return DBG_ERR_WRITE_FAILED;
+    std::vector<quillet::CvLinePoint> points = GatherLinePoints(scope, *tables);
+    std::vector<CProcObject *> procedures;
+    const auto ranges = ProcedureRanges(scope, procedures);
+    bool sectionTaken = false;
+    for (const quillet::CvLineSubsection &subsection :
+         quillet::PlanLineSubsections(points, ranges, sectionSize)) {
+        CLinesAnchor anchor;
+        if (ChooseAnchor(subsection, scope.Section(), procedures, sectionTaken, *tables, anchor)
+                .Failed())
+            return DBG_ERR_OBJECT_FILE;
+        // The subsection before this one is complete.
+        if (uint32_t status = CloseSubsection(*symSection))
+            return status;
+        QCHECK(symSection->StartSubsection(DEBUG_S_LINES).Ok());
+        const uint64_t header = symSection->Size();
+        if (uint32_t status = AppendBytes(
+                *symSection,
+                quillet::EncodeLineSubsection(points, subsection, uint32_t(anchor.offsetField))))
+            return status;
+        // The linker fills in the header's segment and adds the anchor's address to its offset.
+        if (symSection->AddSectionRelocation(header + 4, anchor.target).Failed() ||
+            symSection->AddAddressRelocation(header, anchor.target).Failed())
+            return DBG_ERR_WRITE_FAILED;
+    }
     return DBG_ERR_NONE;
 }
 
-uint32_t ProcEmitCodeViewLines(CProcScope &scope, CBinarySection *&symSection) {
-    if (scope.Lines().empty())
-        return DBG_ERR_NONE;
-    if (!QCHECK(symSection != nullptr))
-        return DBG_ERR_WRITE_FAILED;
-    std::vector<uint8_t> bytes;
-    if (uint32_t status = AppendScopeBlocks(scope, *symSection, bytes))
-        return status;
-    return AppendBytes(*symSection, bytes);
+uint32_t ProcEmitCodeViewLines(CProcScope &, CBinarySection *&) {
+    // The section scope writes the procedure's entries: its subsection also takes the section's
+    // own entries that fall inside the procedure.
+    return DBG_ERR_NONE;
 }

@@ -1,29 +1,28 @@
-// What one CodeView emission learns about source files as its passes run: the string-table
-// offset of each source-file record, and the checksum index of each file in each checksum table.
-// The driver owns it for the duration of the emission; the scope steps reach it through the
-// library state.
+// The source files of one CodeView emission. Every file that a section's or procedure's line
+// entries name is listed once, in the order the string-table pass first meets it, and keeps that
+// position in the object's one checksum table: line blocks in every symbol section, COMDAT
+// sections' own included, name a file by the offset of its record there. The driver owns the
+// tables for the duration of the emission; the scope steps reach them through the library state.
 #pragma once
 
-#include "codeview/Md5.h"
-
 #include <cstdint>
+#include <string>
 #include <unordered_map>
-
-class CBinarySection;
+#include <vector>
 
 struct CCodeViewTables {
-    // The string table: source-file record (its handle cell) -> offset of its composed path.
-    std::unordered_map<const void *, uint32_t> stringOffsets;
+    struct File {
+        std::string path;      // as written in the string table (UTF-8)
+        uint32_t stringOffset; // of the path in the string table
+        const void *source;    // the first source-file record (handle cell) that names it
+    };
+    std::vector<File> files;
+    // The position of a file by its path, and by every source-file record that names it.
+    std::unordered_map<std::string, uint32_t> byPath;
+    std::unordered_map<const void *, uint32_t> bySource;
     uint32_t nextStringOffset = 0; // 0 until the empty string at offset 0 is written
-
-    // One checksum table per symbol section that holds one: string offset -> checksum index.
-    // A file has at most one record per table.
-    std::unordered_map<const CBinarySection *, std::unordered_map<uint32_t, uint32_t>>
-        checksumIndex;
-
-    // Digests already computed, by source-file record, so a file named in several tables is read
-    // once.
-    std::unordered_map<const void *, quillet::Md5Digest> digests;
+    // Numbers the symbols made where a lines subsection begins with no symbol of its own.
+    uint32_t nextLineSymbol = 1;
 };
 
 // The tables of the emission that is running, or null outside the CodeView driver.

@@ -9,9 +9,7 @@
 namespace quillet {
 
 std::u16string ComposeSourcePath(std::u16string_view directory, std::u16string_view fileName) {
-    const size_t slash = fileName.find_last_of(u"/\\");
-    return JoinPath(directory,
-                    slash == std::u16string_view::npos ? fileName : fileName.substr(slash + 1));
+    return IsAbsolutePath(fileName) ? std::u16string(fileName) : JoinPath(directory, fileName);
 }
 
 std::array<uint8_t, 24> EncodeChecksumRecord(uint32_t stringOffset, const Md5Digest &digest) {

@@ -12,10 +12,10 @@
 
 namespace quillet {
 
-// The path under which a source file is named in the string table: the working directory, a
-// separator and the file's base name (the part after its last '/' or '\'). The separator is '/'
-// for a directory that starts with '/', '\' otherwise, and none when the directory already ends
-// with either.
+// The path under which a source file is named in the string table: the path it is read from for
+// its checksum. An absolute name stays as given; a relative one is joined to the working
+// directory ('/' after a directory that starts with '/', '\' otherwise, none after a directory
+// that already ends with either).
 std::u16string ComposeSourcePath(std::u16string_view directory, std::u16string_view fileName);
 
 // One 24-byte checksum record: string-table offset of the name, digest size 16, kind MD5, the

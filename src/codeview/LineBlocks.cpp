@@ -3,19 +3,15 @@
 #include "codeview/CodeViewFormat.h"
 #include "platform/ByteWriter.h"
 
+#include <algorithm>
+
 namespace quillet {
 
-std::vector<uint8_t> EncodeLineHeader(uint32_t codeSize) {
-    ByteWriter w(cv::kLineHeaderSize);
-    w.U32(0); // code offset, relocated against the section
-    w.U16(0); // segment, relocated against the section
-    w.U16(0); // flags: no columns
-    w.U32(codeSize);
-    w.Finish();
-    return std::vector<uint8_t>(w.Data(), w.Data() + w.Size());
-}
-
 namespace {
+
+constexpr uint32_t LineWord(uint32_t line) {
+    return (line & cv::kLineNumberMask) | cv::kLineIsStatement;
+}
 
 // Collects the pairs of one run and writes them as one block when the run ends.
 class CRunWriter {
@@ -27,12 +23,12 @@ public:
         m_nChecksumOffset = checksumOffset;
         m_bHasLine = false;
     }
-    void Add(uint64_t address, uint32_t line) {
+    void Add(uint32_t offset, uint32_t line) {
         if (m_bHasLine && line == m_nPreviousLine)
             return;
         m_bHasLine = true;
         m_nPreviousLine = line;
-        m_Pairs.push_back(uint32_t(address));
+        m_Pairs.push_back(offset);
         m_Pairs.push_back(LineWord(line));
     }
     // A run without pairs writes nothing.
@@ -47,8 +43,8 @@ public:
         w.U32(length);
         for (uint32_t word : m_Pairs)
             w.U32(word);
-        w.Finish();
-        m_Out.insert(m_Out.end(), w.Data(), w.Data() + w.Size());
+        if (w.Finish())
+            m_Out.insert(m_Out.end(), w.Data(), w.Data() + w.Size());
         m_Pairs.clear();
     }
 
@@ -62,26 +58,88 @@ private:
 
 } // namespace
 
-void EncodeFileBlocks(const std::vector<CvLinePoint> &sorted,
-                      const std::function<CvFileInfo(const void *file)> &lookup,
-                      std::vector<uint8_t> &out) {
-    CRunWriter run(out);
-    const void *currentFile = nullptr;
-    std::u16string_view currentName;
-    bool inRun = false;
-    for (const CvLinePoint &point : sorted) {
-        if (!inRun || point.file != currentFile) {
-            const CvFileInfo info = lookup(point.file);
-            if (!inRun || info.name != currentName) {
-                run.Start(info.checksumOffset);
-                currentName = info.name;
-                inRun = true;
-            }
-            currentFile = point.file;
+std::vector<CvLineSubsection> PlanLineSubsections(std::vector<CvLinePoint> &points,
+                                                  std::vector<CvCodeRange> procedures,
+                                                  uint64_t sectionSize) {
+    std::stable_sort(points.begin(), points.end(), [](const CvLinePoint &a, const CvLinePoint &b) {
+        return a.address < b.address;
+    });
+    procedures.erase(std::remove_if(procedures.begin(), procedures.end(),
+                                    [](const CvCodeRange &r) { return r.end <= r.start; }),
+                     procedures.end());
+    std::sort(procedures.begin(), procedures.end(),
+              [](const CvCodeRange &a, const CvCodeRange &b) { return a.start < b.start; });
+    for (size_t i = 0; i + 1 < procedures.size(); ++i)
+        procedures[i].end = std::min(procedures[i].end, procedures[i + 1].start);
+
+    std::vector<CvLineSubsection> out;
+    size_t procedure = 0; // the first procedure that does not end at or before the current point
+    size_t i = 0;
+    while (i < points.size()) {
+        const uint64_t address = points[i].address;
+        while (procedure < procedures.size() && procedures[procedure].end <= address)
+            ++procedure;
+        uint64_t start = address, end = 0;
+        size_t last = i, opens = kNoProcedure;
+        if (procedure < procedures.size()) {
+            // Inside the procedure, or in the stretch that ends where it begins.
+            const bool inside = procedures[procedure].start <= address;
+            if (inside)
+                opens = procedures[procedure].procedure;
+            start = inside ? procedures[procedure].start : address;
+            end = inside ? procedures[procedure].end : procedures[procedure].start;
+            while (last < points.size() && points[last].address < end)
+                ++last;
+        } else {
+            // The last stretch runs to the section's end and takes every remaining point, those
+            // past the end included.
+            const uint64_t highest = points.back().address;
+            end = std::max(sectionSize, highest < UINT64_MAX ? highest + 1 : highest);
+            last = points.size();
         }
-        run.Add(point.address, point.line);
+        // One subsection per run of one file, each up to where the next begins.
+        for (size_t run = i; run < last;) {
+            size_t next = run + 1;
+            while (next < last && points[next].checksumOffset == points[run].checksumOffset)
+                ++next;
+            const uint64_t runStart = run == i ? start : points[run].address;
+            const uint64_t runEnd = next == last ? end : points[next].address;
+            out.push_back({runStart, uint32_t(runEnd - runStart), run, next - run,
+                           run == i ? opens : kNoProcedure});
+            run = next;
+        }
+        i = last;
+    }
+    return out;
+}
+
+std::vector<uint8_t> EncodeLineSubsection(const std::vector<CvLinePoint> &points,
+                                          const CvLineSubsection &subsection,
+                                          uint32_t offsetField) {
+    std::vector<uint8_t> out;
+    ByteWriter header(cv::kLineHeaderSize);
+    header.U32(offsetField); // relocated
+    header.U16(0);           // segment, relocated
+    header.U16(0);           // flags: no columns
+    header.U32(subsection.codeSize);
+    if (!header.Finish())
+        return out;
+    out.assign(header.Data(), header.Data() + header.Size());
+
+    CRunWriter run(out);
+    bool inRun = false;
+    uint32_t file = 0;
+    for (size_t k = subsection.first; k < subsection.first + subsection.count; ++k) {
+        const CvLinePoint &point = points[k];
+        if (!inRun || point.checksumOffset != file) {
+            run.Start(point.checksumOffset);
+            file = point.checksumOffset;
+            inRun = true;
+        }
+        run.Add(uint32_t(point.address - subsection.start), point.line);
     }
     run.Close();
+    return out;
 }
 
 } // namespace quillet

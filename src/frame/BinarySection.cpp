@@ -225,17 +225,14 @@ CError CBinarySection::AddAddressRelocation(uint64_t offset, BrxHandle target) {
 }
 
 CError CBinarySection::StartSubsection(uint32_t kind) {
-    // A header still pending goes in first, so that this subsection starts after it (a COMDAT
-    // section's own symbol section whose first bytes are a checksum or lines subsection).
+    // A header still pending goes in first, so that this subsection starts after it. A pending
+    // signature comes alone: a COMDAT section's own symbol section whose first bytes open
+    // another subsection has no symbols, and an empty symbols subsection is not written.
     if (m_nPendingSubsection != 0) {
         const uint32_t pending = m_nPendingSubsection;
         m_nPendingSubsection = 0;
-        if (pending == CV_SIGNATURE) {
-            if (StartSubsection(CV_SIGNATURE).Failed() || StartSubsection(DEBUG_S_SYMBOLS).Failed())
-                return kFailed;
-        } else if (StartSubsection(pending).Failed()) {
+        if (StartSubsection(pending).Failed())
             return kFailed;
-        }
     }
     WideUInt128 remainder;
     CError divided =

@@ -28,8 +28,12 @@ Bytes ChecksumRecord(uint32_t stringOffset, const std::string &content) {
     return out;
 }
 
-Bytes LineHeader(uint32_t codeSize) {
-    Bytes out(8, 0);
+// A lines subsection's header: the start of its code (relocated against the section), segment
+// and flags 0, the code size.
+Bytes LineHeader(uint32_t start, uint32_t codeSize) {
+    Bytes out;
+    PutU32(out, start);
+    PutU32(out, 0);
     PutU32(out, codeSize);
     return out;
 }
@@ -65,11 +69,35 @@ protected:
         return path;
     }
     std::string ObjectPath() const { return m_Dir.Path() + "/module.obj"; }
-    // The path that the string table gives a file: working directory, '/', base name.
-    static std::string TablePath(const std::string &baseName) {
-        return WorkingDirectory() + "/" + baseName;
-    }
 };
+
+// The relocations of the lines subsections' headers, from the first lines subsection on: the
+// section index of the segment field, then the section-relative offset of the offset field,
+// both against the header's anchor. Each lines subsection has an anchor of its own: the
+// procedure it begins, else the section for the first one, else a symbol made at its start.
+void ExpectAnchors(const CoffModule &m, BrxHandle symbols, const std::vector<Subsection> &lines,
+                   const std::vector<std::string> &anchors) {
+    std::vector<qtest::ModuleBuilder::Relocation> relocations;
+    for (const auto &r : m.Relocations(symbols))
+        if (r.offset >= lines.front().offset)
+            relocations.push_back(r);
+    ASSERT_EQ(lines.size(), anchors.size());
+    ASSERT_EQ(relocations.size(), 2 * anchors.size());
+    for (size_t i = 0; i < anchors.size(); ++i) {
+        const auto &index = relocations[2 * i], &offset = relocations[2 * i + 1];
+        const size_t header = lines[i].offset + 8;
+        EXPECT_EQ(index.offset, header + 4) << "header " << i;
+        EXPECT_EQ(index.type, kSectionIndex) << "header " << i;
+        EXPECT_EQ(TargetName(index.target), anchors[i]) << "header " << i;
+        EXPECT_EQ(offset.offset, header) << "header " << i;
+        EXPECT_EQ(offset.type, kSectionRelative) << "header " << i;
+        EXPECT_EQ(offset.target, index.target) << "header " << i;
+    }
+}
+
+std::vector<Subsection> From(const std::vector<Subsection> &subsections, size_t first) {
+    return std::vector<Subsection>(subsections.begin() + first, subsections.end());
+}
 
 TEST_F(CodeViewDriver, EmptyModuleHoldsOnlyTheModuleRecords) {
     CoffModule m(ObjectPath());
@@ -101,46 +129,6 @@ TEST_F(CodeViewDriver, WithoutDebugInfoTheEnvironmentBlockIsLeftOut) {
     for (const Record &r : Records(subsections[0].content))
         kinds.push_back(r.kind);
     EXPECT_EQ(kinds, (std::vector<uint16_t>{0x1101, 0x113C}));
-}
-
-TEST_F(CodeViewDriver, TwoFilesGiveStringTableChecksumsAndBlocks) {
-    const std::string a = "first file\n", b = "second\nfile\n";
-    const std::string aPath = Write("a.asm", a), bPath = Write("b.asm", b);
-    CoffModule m(ObjectPath());
-    m.OpenModule();
-    const BrxHandle text = m.Section(".text", 0x40);
-    DbgSource fa = m.Source(aPath), fb = m.Source(bPath);
-    DbgScope section = m.OpenSection(text);
-    // Recorded out of order: the blocks come out by address.
-    m.Line(section, fb, 7, 8);
-    m.Line(section, fa, 6, 4);
-    m.Line(section, fa, 5, 0);
-    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
-
-    const BrxHandle symbols = m.SectionsNamed(".debug$S").at(0);
-    const Bytes bytes = CoffModule::Contents(symbols);
-    const auto subsections = Subsections(bytes);
-    ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2}));
-
-    // Offsets follow the recording order of the section's entries: b first, then a.
-    Bytes strings = {0};
-    PutString(strings, TablePath("b.asm"));
-    const uint32_t aOffset = uint32_t(strings.size());
-    PutString(strings, TablePath("a.asm"));
-    EXPECT_EQ(subsections[1].content, strings);
-    EXPECT_EQ(subsections[2].content, Concat({ChecksumRecord(1, b), ChecksumRecord(aOffset, a)}));
-    EXPECT_EQ(subsections[3].content,
-              Concat({LineHeader(0x40), Block(24, {{0, 5}, {4, 6}}), Block(0, {{8, 7}})}));
-
-    const uint64_t header = subsections[3].offset + 8;
-    const auto relocations = m.Relocations(symbols);
-    ASSERT_EQ(relocations.size(), 2u);
-    EXPECT_EQ(relocations[0].offset, header + 4);
-    EXPECT_EQ(relocations[0].type, kSectionIndex);
-    EXPECT_EQ(relocations[0].target, text);
-    EXPECT_EQ(relocations[1].offset, header);
-    EXPECT_EQ(relocations[1].type, kSectionRelative);
-    EXPECT_EQ(relocations[1].target, text);
 }
 
 TEST_F(CodeViewDriver, SubsectionsStartOnFourByteBoundaries) {
@@ -188,46 +176,58 @@ TEST_F(CodeViewDriver, SubsectionsStartOnFourByteBoundaries) {
     }
 }
 
-TEST_F(CodeViewDriver, EverySourceRecordIsItsOwnTableEntry) {
-    // x.asm and sub/x.asm share a base name; x.asm is registered twice.
-    const std::string one = Write("x.asm", "one");
-    ASSERT_EQ(qtest::RunCommand("mkdir -p '" + m_Dir.File("sub") + "'").exitCode, 0);
-    const std::string two = Write("sub/x.asm", "two");
-    CoffModule m(ObjectPath());
-    m.OpenModule();
-    DbgSource first = m.Source(one), other = m.Source(two), again = m.Source(one);
-    DbgScope section = m.OpenSection(m.Section(".text", 16));
-    m.Line(section, first, 1, 0);
-    m.Line(section, again, 2, 4);
-    m.Line(section, other, 3, 8);
-    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+TEST_F(CodeViewDriver, EachFileIsInTheTablesOnceUnderThePathItIsReadFrom) {
+    // x.asm is registered twice; sub/src/x.asm shares its base name; both are named relative to
+    // the working directory.
+    ASSERT_EQ(qtest::RunCommand("mkdir -p '" + m_Dir.File("sub/src") + "'").exitCode, 0);
+    Write("x.asm", "one");
+    Write("sub/src/x.asm", "second\nfile\n");
+    char previous[4096];
+    ASSERT_NE(getcwd(previous, sizeof previous), nullptr);
+    ASSERT_EQ(chdir(m_Dir.Path().c_str()), 0);
+    {
+        CoffModule m(ObjectPath());
+        m.OpenModule();
+        DbgSource first = m.Source("x.asm"), other = m.Source("sub/src/x.asm");
+        DbgSource again = m.Source("x.asm");
+        DbgScope section = m.OpenSection(m.Section(".text", 0x40));
+        // Recorded out of order: the tables follow the recording order, the blocks the
+        // addresses.
+        m.Line(section, other, 7, 8);
+        m.Line(section, again, 6, 4);
+        m.Line(section, first, 5, 0);
+        EXPECT_EQ(Dbg_emit(), DBG_ERR_NONE);
 
-    const auto subsections = Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]));
-    ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2}));
-    Bytes strings = {0};
-    std::vector<uint32_t> offsets;
-    for (int i = 0; i < 3; ++i) {
-        offsets.push_back(uint32_t(strings.size()));
-        PutString(strings, TablePath("x.asm"));
+        const BrxHandle symbols = m.SectionsNamed(".debug$S").at(0);
+        const auto subsections = Subsections(CoffModule::Contents(symbols));
+        EXPECT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2, F2}));
+        if (subsections.size() == 5) {
+            Bytes strings = {0};
+            PutString(strings, m_Dir.File("sub/src/x.asm"));
+            const uint32_t xOffset = uint32_t(strings.size());
+            PutString(strings, m_Dir.File("x.asm"));
+            EXPECT_EQ(subsections[1].content, strings);
+            EXPECT_EQ(subsections[2].content, Concat({ChecksumRecord(1, "second\nfile\n"),
+                                                      ChecksumRecord(xOffset, "one")}));
+            // Both records of x.asm name one file and make one run; a lines subsection per run,
+            // the last one to the end of the section.
+            EXPECT_EQ(subsections[3].content,
+                      Concat({LineHeader(0, 8), Block(24, {{0, 5}, {4, 6}})}));
+            EXPECT_EQ(subsections[4].content, Concat({LineHeader(0, 0x38), Block(0, {{0, 7}})}));
+            ExpectAnchors(m, symbols, From(subsections, 3), {".text", "$$$L1@0x8"});
+        }
     }
-    EXPECT_EQ(subsections[1].content, strings);
-    EXPECT_EQ(subsections[2].content,
-              Concat({ChecksumRecord(offsets[0], "one"), ChecksumRecord(offsets[1], "one"),
-                      ChecksumRecord(offsets[2], "two")}));
-    // Records with equal names make one run, named by the first record's checksum; a different
-    // name with the same base name starts another.
-    EXPECT_EQ(subsections[3].content,
-              Concat({LineHeader(16), Block(0, {{0, 1}, {4, 2}}), Block(48, {{8, 3}})}));
+    EXPECT_EQ(chdir(previous), 0);
 }
 
 TEST_F(CodeViewDriver, NonAsciiNamesAreWrittenInUtf8) {
-    // U+00E9 and U+20AC: two and three bytes in the string table; the file is found by the
-    // same conversion of its name.
-    const std::string base = "caf\xC3\xA9\xE2\x82\xAC.asm";
+    // U+00E9, U+20AC and U+1F600: two, three and four bytes in the string table; the file is
+    // found by the same conversion of its name.
+    const std::string base = "caf\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80.asm";
     const std::string path = Write(base, "accented");
     CoffModule m(ObjectPath());
     m.OpenModule();
-    const std::u16string wide = Wide(m_Dir.Path()) + u"/caf\u00E9\u20AC.asm";
+    const std::u16string wide = Wide(m_Dir.Path()) + u"/caf\u00E9\u20AC\U0001F600.asm";
     DbgSource source = m.Builder().Source(wide);
     DbgScope section = m.OpenSection(m.Section(".text", 4));
     m.Line(section, source, 3, 0);
@@ -235,68 +235,70 @@ TEST_F(CodeViewDriver, NonAsciiNamesAreWrittenInUtf8) {
     const auto subsections = Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]));
     ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2}));
     Bytes strings = {0};
-    PutString(strings, TablePath(base));
+    PutString(strings, path);
     EXPECT_EQ(subsections[1].content, strings);
     EXPECT_EQ(subsections[2].content, ChecksumRecord(1, "accented"));
 }
 
-TEST_F(CodeViewDriver, EachSectionWritesItsOwnLinesSubsection) {
+TEST_F(CodeViewDriver, EachProcedureAndEachStretchBetweenThemHasItsOwnLinesSubsection) {
     const std::string a = Write("a.asm", "a"), b = Write("b.asm", "b");
     CoffModule m(ObjectPath());
     DbgScope module = m.OpenModule();
-    const BrxHandle text = m.Section(".text", 0x20), more = m.Section(".text2", 0x30);
+    const BrxHandle text = m.Section(".text", 0x30), more = m.Section(".text2", 0x30);
     const BrxHandle quiet = m.Section(".text3", 0x10);
     DbgSource fa = m.Source(a), fb = m.Source(b);
-    // First section: lines only in its procedure, after one of its own.
+    // First section: entries of its own before and after its procedure.
     DbgScope s1 = m.OpenSection(text);
     m.Line(s1, fa, 1, 0);
+    m.Line(s1, fa, 2, 0x24);
     DbgScope p1 = m.OpenProcedure(m.Symbol("p1", text, 8), 8, 0x20);
     m.Line(p1, fb, 10, 8);
     m.Line(p1, fb, 11, 12);
     m.Close();
     m.Reenter(module);
-    // Second section: no entries of its own, a procedure with entries.
+    // Second section: no entries of its own, two procedures with entries.
     m.OpenSection(more);
-    DbgScope p2 = m.OpenProcedure(m.Symbol("p2", more, 0), 0, 0x30);
-    m.Line(p2, fa, 20, 0x10);
+    DbgScope p2 = m.OpenProcedure(m.Symbol("p2", more, 0), 0, 0x10);
+    m.Line(p2, fa, 20, 4);
+    m.Close();
+    DbgScope p3 = m.OpenProcedure(m.Symbol("p3", more, 0x10), 0x10, 0x30);
+    m.Line(p3, fb, 30, 0x10);
+    m.Line(p3, fa, 31, 0x18);
     m.Close();
     m.Reenter(module);
     // Third: no entries anywhere below it.
     m.OpenSection(quiet);
-    m.OpenProcedure(m.Symbol("p3", quiet, 0), 0, 0x10);
+    m.OpenProcedure(m.Symbol("p4", quiet, 0), 0, 0x10);
     m.Close();
     ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
 
     const BrxHandle symbols = m.SectionsNamed(".debug$S").at(0);
     const auto subsections = Subsections(CoffModule::Contents(symbols));
-    ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2, F2}));
-    // One checksum table for both sections: a at 0, b at 24.
-    EXPECT_EQ(subsections[3].content,
-              Concat({LineHeader(0x20), Block(0, {{0, 1}}), Block(24, {{8, 10}, {12, 11}})}));
-    EXPECT_EQ(subsections[4].content, Concat({LineHeader(0x30), Block(0, {{0x10, 20}})}));
-
-    const auto relocations = m.Relocations(symbols);
-    std::vector<qtest::ModuleBuilder::Relocation> lineRelocations;
-    for (const auto &r : relocations)
-        if (r.offset >= subsections[3].offset)
-            lineRelocations.push_back(r);
-    ASSERT_EQ(lineRelocations.size(), 4u);
-    EXPECT_EQ(lineRelocations[0].offset, subsections[3].offset + 12);
-    EXPECT_EQ(lineRelocations[0].target, text);
-    EXPECT_EQ(lineRelocations[1].offset, subsections[3].offset + 8);
-    EXPECT_EQ(lineRelocations[2].offset, subsections[4].offset + 12);
-    EXPECT_EQ(lineRelocations[2].target, more);
-    EXPECT_EQ(lineRelocations[3].offset, subsections[4].offset + 8);
-    EXPECT_EQ(lineRelocations[3].type, kSectionRelative);
+    ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2, F2, F2, F2, F2, F2}));
+    // One checksum table for every section: a at 0, b at 24. Offsets count from each start; p3's
+    // code is cut where its second file begins.
+    const Bytes expected[] = {
+        Concat({LineHeader(0, 8), Block(0, {{0, 1}})}),
+        Concat({LineHeader(0, 0x18), Block(24, {{0, 10}, {4, 11}})}),
+        Concat({LineHeader(0, 0x0C), Block(0, {{0, 2}})}),
+        Concat({LineHeader(0, 0x10), Block(0, {{4, 20}})}),
+        Concat({LineHeader(0, 0x08), Block(24, {{0, 30}})}),
+        Concat({LineHeader(0x18, 0x18), Block(0, {{0, 31}})}),
+    };
+    for (size_t i = 0; i < 6; ++i)
+        EXPECT_EQ(subsections[3 + i].content, expected[i]) << "lines subsection " << i;
+    ExpectAnchors(m, symbols, From(subsections, 3),
+                  {".text", "p1@0x8", "$$$L1@0x24", "p2@0x0", "p3@0x10", ".text2"});
 }
 
-TEST_F(CodeViewDriver, ComdatSectionHasItsOwnSymbolSectionAndTables) {
+TEST_F(CodeViewDriver, ComdatSectionsNameTheirFilesInTheMainTable) {
     const std::string a = Write("a.asm", "aaa"), b = Write("b.asm", "bbb");
+    const std::string c = Write("c.asm", "ccc");
     CoffModule m(ObjectPath());
     DbgScope module = m.OpenModule();
     const BrxHandle text = m.Section(".text", 0x10);
     const BrxHandle inlined = m.Section(".text$inl", 0x18, true, /*comdat=*/true);
-    DbgSource fa = m.Source(a), fb = m.Source(b);
+    DbgSource fa = m.Source(a), fb = m.Source(b), fc = m.Source(c);
     DbgScope plain = m.OpenSection(text);
     m.Line(plain, fb, 1, 0);
     m.Line(plain, fa, 2, 4);
@@ -309,7 +311,7 @@ TEST_F(CodeViewDriver, ComdatSectionHasItsOwnSymbolSectionAndTables) {
     ASSERT_EQ(m.Builder().CodeLabel(entry, nullptr, comdat), DBG_ERR_NONE);
     DbgScope proc = m.OpenProcedure(inl, 0, 0x18);
     m.Line(proc, fa, 30, 0);
-    m.Line(proc, fa, 31, 6);
+    m.Line(proc, fc, 31, 6);
     m.Close();
     ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
 
@@ -320,34 +322,38 @@ TEST_F(CodeViewDriver, ComdatSectionHasItsOwnSymbolSectionAndTables) {
     EXPECT_EQ(association.section, inlined);
     EXPECT_EQ(CoffModule::Comdat(symbols[0]).selection, 0u);
 
+    // The main table holds every file once, c (named only in the COMDAT section) included.
     const auto main = Subsections(CoffModule::Contents(symbols[0]));
-    ASSERT_EQ(Kinds(main), (std::vector<uint32_t>{F1, F3, F4, F2}));
-    const uint32_t aOffset = uint32_t(1 + TablePath("b.asm").size() + 1);
-    EXPECT_EQ(main[2].content, Concat({ChecksumRecord(1, "bbb"), ChecksumRecord(aOffset, "aaa")}));
-    EXPECT_EQ(main[3].content, Concat({LineHeader(0x10), Block(0, {{0, 1}}), Block(24, {{4, 2}})}));
+    ASSERT_EQ(Kinds(main), (std::vector<uint32_t>{F1, F3, F4, F2, F2}));
+    const uint32_t aOffset = uint32_t(1 + b.size() + 1);
+    const uint32_t cOffset = uint32_t(aOffset + a.size() + 1);
+    EXPECT_EQ(main[2].content, Concat({ChecksumRecord(1, "bbb"), ChecksumRecord(aOffset, "aaa"),
+                                       ChecksumRecord(cOffset, "ccc")}));
+    EXPECT_EQ(main[3].content, Concat({LineHeader(0, 4), Block(0, {{0, 1}})}));
+    EXPECT_EQ(main[4].content, Concat({LineHeader(0, 0x0C), Block(24, {{0, 2}})}));
+    ExpectAnchors(m, symbols[0], From(main, 3), {".text", "$$$L1@0x4"});
 
-    // The COMDAT section's own table starts again at index 0, for a file the main one has too.
-    const Bytes ownBytes = CoffModule::Contents(symbols[1]);
-    const auto own = Subsections(ownBytes);
-    ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F4, F2}));
+    // The COMDAT section's own symbol section has no table: its blocks name the main one's.
+    const auto own = Subsections(CoffModule::Contents(symbols[1]));
+    ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F2, F2}));
     EXPECT_EQ(RecordKinds(own[0].content), (std::vector<uint16_t>{0x1105, 0x1110, 0x0006}));
     const auto records = Records(own[0].content);
     ASSERT_EQ(records.size(), 3u);
-    EXPECT_EQ(own[1].content, ChecksumRecord(aOffset, "aaa"));
-    EXPECT_EQ(own[2].content, Concat({LineHeader(0x18), Block(0, {{0, 30}, {6, 31}})}));
+    EXPECT_EQ(own[1].content, Concat({LineHeader(0, 6), Block(24, {{0, 30}})}));
+    EXPECT_EQ(own[2].content, Concat({LineHeader(6, 0x12), Block(48, {{0, 31}})}));
 
-    // Segment and offset fields of the label, of the procedure, then of the line header.
+    ExpectAnchors(m, symbols[1], From(own, 1), {"inl@0x0", ".text$inl"});
+
+    // Segment and offset fields of the label and of the procedure.
     const size_t symbolsAt = own[0].offset + 8;
     const std::vector<qtest::ModuleBuilder::Relocation> expected = {
         {symbolsAt + records[0].offset + 8, kSectionIndex, entry},
         {symbolsAt + records[0].offset + 4, kSectionRelative, entry},
         {symbolsAt + records[1].offset + 36, kSectionIndex, inl},
         {symbolsAt + records[1].offset + 32, kSectionRelative, inl},
-        {own[2].offset + 12, kSectionIndex, inlined},
-        {own[2].offset + 8, kSectionRelative, inlined},
     };
     const auto relocations = m.Relocations(symbols[1]);
-    ASSERT_EQ(relocations.size(), expected.size());
+    ASSERT_EQ(relocations.size(), expected.size() + 4);
     for (size_t i = 0; i < expected.size(); ++i) {
         EXPECT_EQ(relocations[i].offset, expected[i].offset) << "relocation " << i;
         EXPECT_EQ(relocations[i].type, expected[i].type) << "relocation " << i;
@@ -355,52 +361,43 @@ TEST_F(CodeViewDriver, ComdatSectionHasItsOwnSymbolSectionAndTables) {
     }
 }
 
-TEST_F(CodeViewDriver, ComdatSectionWithoutLinesStillMovesTheCursor) {
+TEST_F(CodeViewDriver, EachComdatSectionFindsItsOwnSymbolSection) {
+    // The first has no lines but still moves the cursor; the third has lines but no records, and
+    // its symbol section no empty symbols subsection.
     const std::string a = Write("a.asm", "a");
     CoffModule m(ObjectPath());
     DbgScope module = m.OpenModule();
     const BrxHandle first = m.Section(".text$1", 8, true, true);
     const BrxHandle second = m.Section(".text$2", 8, true, true);
+    const BrxHandle only = m.Section(".text$only", 8, true, true);
+    DbgSource source = m.Source(a);
     m.OpenSection(first);
     m.OpenProcedure(m.Symbol("f1", first, 0), 0, 8);
     m.Close();
     m.Reenter(module);
     m.OpenSection(second);
     DbgScope proc = m.OpenProcedure(m.Symbol("f2", second, 0), 0, 8);
-    m.Line(proc, m.Source(a), 3, 2);
+    m.Line(proc, source, 3, 2);
     m.Close();
+    m.Reenter(module);
+    m.Line(m.OpenSection(only), source, 5, 4);
     ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
 
     const auto symbols = m.SectionsNamed(".debug$S");
-    ASSERT_EQ(symbols.size(), 3u);
+    ASSERT_EQ(symbols.size(), 4u);
     EXPECT_EQ(CoffModule::Comdat(symbols[1]).section, first);
     EXPECT_EQ(CoffModule::Comdat(symbols[2]).section, second);
+    EXPECT_EQ(CoffModule::Comdat(symbols[3]).section, only);
     EXPECT_EQ(Kinds(Subsections(CoffModule::Contents(symbols[0]))),
-              (std::vector<uint32_t>{F1, F3}));
+              (std::vector<uint32_t>{F1, F3, F4}));
     EXPECT_EQ(Kinds(Subsections(CoffModule::Contents(symbols[1]))), (std::vector<uint32_t>{F1}));
     const auto own = Subsections(CoffModule::Contents(symbols[2]));
-    ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F4, F2}));
-    EXPECT_EQ(own[2].content, Concat({LineHeader(8), Block(0, {{2, 3}})}));
-}
-
-TEST_F(CodeViewDriver, ComdatSectionWithOnlyLinesOpensItsSymbolsSubsectionFirst) {
-    // No record reaches the section's own symbol section in the symbols pass: its signature and
-    // an empty symbols subsection come in front of the checksum subsection.
-    const std::string a = Write("a.asm", "a");
-    CoffModule m(ObjectPath());
-    m.OpenModule();
-    const BrxHandle only = m.Section(".text$only", 8, true, true);
-    DbgScope section = m.OpenSection(only);
-    m.Line(section, m.Source(a), 5, 4);
-    ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
-
-    const auto symbols = m.SectionsNamed(".debug$S");
-    ASSERT_EQ(symbols.size(), 2u);
-    const auto own = Subsections(CoffModule::Contents(symbols[1]));
-    ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F4, F2}));
-    EXPECT_TRUE(own[0].content.empty());
-    EXPECT_EQ(own[1].content, ChecksumRecord(1, "a"));
-    EXPECT_EQ(own[2].content, Concat({LineHeader(8), Block(0, {{4, 5}})}));
+    ASSERT_EQ(Kinds(own), (std::vector<uint32_t>{F1, F2}));
+    EXPECT_EQ(own[1].content, Concat({LineHeader(0, 8), Block(0, {{2, 3}})}));
+    const auto linesOnly = Subsections(CoffModule::Contents(symbols[3]));
+    ASSERT_EQ(Kinds(linesOnly), (std::vector<uint32_t>{F2}));
+    EXPECT_EQ(linesOnly[0].content, Concat({LineHeader(4, 4), Block(0, {{0, 5}})}));
+    ExpectAnchors(m, symbols[3], linesOnly, {".text$only"});
 }
 
 // Names too long for a record's 16-bit length are cut at a character boundary, and each cut is
@@ -484,7 +481,7 @@ TEST_F(CodeViewDriver, EntryWithoutASourceFileIsLeftOut) {
     ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
     const auto subsections = Subsections(CoffModule::Contents(m.SectionsNamed(".debug$S")[0]));
     ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2}));
-    EXPECT_EQ(subsections[3].content, Concat({LineHeader(8), Block(0, {{0, 1}})}));
+    EXPECT_EQ(subsections[3].content, Concat({LineHeader(0, 8), Block(0, {{0, 1}})}));
 }
 
 TEST_F(CodeViewDriver, ProcedureTypesAreNumberedInTheTypeSection) {

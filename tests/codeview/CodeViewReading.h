@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -147,6 +148,19 @@ inline Bytes Contents(BrxHandle section) {
         EXPECT_EQ(_brx_get_keyed(section, BRX_KEY_SECTION_DATA, nullptr, &record, 0), BRX_OK);
     }
     return bytes;
+}
+
+// What a relocation names: a section by its name, a symbol by its name and offset ("p1@0x8").
+inline std::string TargetName(BrxHandle target) {
+    char name[256] = {};
+    uint32_t capacity = sizeof name;
+    EXPECT_EQ(_brx_get_keyed(target, BRX_KEY_SYMBOL_NAME, &capacity, name, 0), BRX_OK);
+    uint64_t offset = 0;
+    if (_brx_get_keyed(target, BRX_KEY_SYMBOL_OFFSET, nullptr, &offset, 0) != BRX_OK)
+        return name; // a section
+    char at[32];
+    std::snprintf(at, sizeof at, "@0x%llx", static_cast<unsigned long long>(offset));
+    return name + std::string(at);
 }
 
 inline BrxComdat Comdat(BrxHandle section) {

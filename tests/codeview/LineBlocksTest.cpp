@@ -1,22 +1,31 @@
-// Line entries become file blocks: runs cut where the file changes, repeated lines dropped,
-// 24-bit line words with the statement bit, 32-bit offsets.
+// Line entries become lines subsections: the code of each procedure and each stretch of code
+// between procedures, cut where the file changes, never overlapping; inside each, file blocks
+// with repeated lines dropped, 24-bit line words with the statement bit, offsets from the start.
 #include "codeview/LineBlocks.h"
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
 namespace {
 
-using quillet::CvFileInfo;
+using quillet::CvCodeRange;
 using quillet::CvLinePoint;
+using quillet::CvLineSubsection;
 using Bytes = std::vector<uint8_t>;
 
 void PutU32(Bytes &out, uint32_t v) {
     for (int i = 0; i < 4; ++i)
         out.push_back(uint8_t(v >> (8 * i)));
+}
+
+Bytes Header(uint32_t start, uint32_t codeSize) {
+    Bytes out;
+    PutU32(out, start);
+    PutU32(out, 0); // segment and flags
+    PutU32(out, codeSize);
+    return out;
 }
 
 // The expected block, written out field by field.
@@ -39,75 +48,151 @@ Bytes Concat(std::initializer_list<Bytes> parts) {
     return out;
 }
 
-// Three source-file records: a and a2 carry the same name, b another.
-const char A = 0, A2 = 0, B = 0;
-const std::map<const void *, CvFileInfo> kFiles = {
-    {&A, {u"src/a.asm", 0}}, {&A2, {u"src/a.asm", 48}}, {&B, {u"b.asm", 24}}};
+constexpr uint32_t A = 0, B = 24; // checksum offsets of two files
 
-struct BlockCase {
-    const char *what;
-    std::vector<CvLinePoint> points;
-    Bytes expected;
-};
-
-TEST(LineBlocks, EntriesBecomeBlocksPerRun) {
-    const BlockCase cases[] = {
-        {"nothing gives no block", {}, {}},
+TEST(LineBlocks, PointsBecomeBlocksPerRun) {
+    const struct {
+        const char *what;
+        uint64_t start;
+        std::vector<CvLinePoint> points;
+        Bytes blocks;
+    } cases[] = {
         {"runs cut on file change, repeated line dropped",
-         {{0x10, 5, &A}, {0x12, 5, &A}, {0x14, 6, &A}, {0x18, 7, &B}, {0x20, 8, &A}},
-         Concat({Block(0, {{0x10, 0x80000005}, {0x14, 0x80000006}}),
-                 Block(24, {{0x18, 0x80000007}}), Block(0, {{0x20, 0x80000008}})})},
+         0,
+         {{0x10, 5, A}, {0x12, 5, A}, {0x14, 6, A}, {0x18, 7, B}, {0x20, 8, A}},
+         Concat({Block(A, {{0x10, 0x80000005}, {0x14, 0x80000006}}), Block(B, {{0x18, 0x80000007}}),
+                 Block(A, {{0x20, 0x80000008}})})},
         {"a line number is cut to 24 bits",
-         {{0, 0x1234567, &B}, {4, 0xFFFFFFFF, &B}, {8, 0, &B}},
-         Block(24, {{0, 0x80234567}, {4, 0x80FFFFFF}, {8, 0x80000000}})},
-        {"an offset keeps the low 32 bits of base + offset",
-         {{0x100000012ull, 1, &A}},
-         Block(0, {{0x12, 0x80000001}})},
+         0,
+         {{0, 0x1234567, B}, {4, 0xFFFFFFFF, B}, {8, 0, B}},
+         Block(B, {{0, 0x80234567}, {4, 0x80FFFFFF}, {8, 0x80000000}})},
+        {"offsets count from the start of the range",
+         0x100000010ull,
+         {{0x100000012ull, 1, A}, {0x100000020ull, 2, A}},
+         Block(A, {{2, 0x80000001}, {0x10, 0x80000002}})},
         {"a file change forgets the previous line",
-         {{0, 9, &A}, {2, 9, &B}, {4, 9, &B}},
-         Concat({Block(0, {{0, 0x80000009}}), Block(24, {{2, 0x80000009}})})},
+         0,
+         {{0, 9, A}, {2, 9, B}, {4, 9, B}},
+         Concat({Block(A, {{0, 0x80000009}}), Block(B, {{2, 0x80000009}})})},
         {"a line that comes back later is written again",
-         {{0, 1, &A}, {2, 2, &A}, {4, 1, &A}},
-         Block(0, {{0, 0x80000001}, {2, 0x80000002}, {4, 0x80000001}})},
-        {"records with equal names share a run and its first record's table offset",
-         {{0, 1, &A}, {2, 2, &A2}, {4, 3, &A}},
-         Block(0, {{0, 0x80000001}, {2, 0x80000002}, {4, 0x80000003}})},
+         0,
+         {{0, 1, A}, {2, 2, A}, {4, 1, A}},
+         Block(A, {{0, 0x80000001}, {2, 0x80000002}, {4, 0x80000001}})},
     };
-    for (const BlockCase &c : cases) {
-        Bytes out;
-        quillet::EncodeFileBlocks(
-            c.points, [](const void *file) { return kFiles.at(file); }, out);
-        EXPECT_EQ(out, c.expected) << c.what;
+    for (const auto &c : cases) {
+        const CvLineSubsection subsection{c.start, 0x40, 0, c.points.size()};
+        EXPECT_EQ(quillet::EncodeLineSubsection(c.points, subsection, 0x1234),
+                  Concat({Header(0x1234, 0x40), c.blocks}))
+            << c.what;
     }
 }
 
-TEST(LineBlocks, AppendsAfterWhatIsThere) {
-    Bytes out = {0xAA};
-    quillet::EncodeFileBlocks(
-        {{4, 3, &B}}, [](const void *file) { return kFiles.at(file); }, out);
-    EXPECT_EQ(out, Concat({{0xAA}, Block(24, {{4, 0x80000003}})}));
+TEST(LineBlocks, EncodesOnlyItsSliceOfThePoints) {
+    const std::vector<CvLinePoint> points = {{0, 1, A}, {4, 2, A}, {8, 3, B}, {12, 4, B}};
+    EXPECT_EQ(quillet::EncodeLineSubsection(points, {4, 8, 1, 2}, 4),
+              Concat({Header(4, 8), Block(A, {{0, 0x80000002}}), Block(B, {{4, 0x80000003}})}));
 }
 
-TEST(LineBlocks, LooksUpAFileOnlyWhenTheRecordChanges) {
-    std::vector<CvLinePoint> points;
-    for (uint32_t i = 0; i < 1000; ++i)
-        points.push_back({i * 4, i, i < 500 ? &A : &B});
-    int lookups = 0;
-    Bytes out;
-    quillet::EncodeFileBlocks(
-        points,
-        [&](const void *file) {
-            ++lookups;
-            return kFiles.at(file);
-        },
-        out);
-    EXPECT_EQ(lookups, 2);
-    EXPECT_EQ(out.size(), 2 * 12 + 1000 * 8u);
+constexpr size_t None = quillet::kNoProcedure;
+
+// A subsection as the plan gives it: its range, the addresses of its points and the procedure
+// whose code it begins.
+struct Planned {
+    uint64_t start;
+    uint32_t codeSize;
+    std::vector<uint64_t> addresses;
+    size_t opens;
+};
+
+std::string Describe(const std::vector<Planned> &plan) {
+    std::string out;
+    for (const Planned &p : plan) {
+        out += "[" + std::to_string(p.start) + "+" + std::to_string(p.codeSize) + ":";
+        for (uint64_t a : p.addresses)
+            out += " " + std::to_string(a);
+        out += p.opens == None ? "] " : " opens " + std::to_string(p.opens) + "] ";
+    }
+    return out;
 }
 
-TEST(LineBlocks, HeaderCarriesTheCodeSize) {
-    EXPECT_EQ(quillet::EncodeLineHeader(0x12345678),
-              (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0x78, 0x56, 0x34, 0x12}));
+TEST(LineSubsections, RangesFollowProceduresAndFilesAndNeverOverlap) {
+    // Points of file A unless a case says otherwise; each point's line is its address.
+    const struct {
+        const char *what;
+        std::vector<std::pair<uint64_t, uint32_t>> points; // address, file, in recording order
+        std::vector<CvCodeRange> procedures;
+        uint64_t sectionSize;
+        std::vector<Planned> expected;
+    } cases[] = {
+        {"without procedures: from the lowest entry to the section's end",
+         {{0x10, A}, {8, A}},
+         {},
+         0x40,
+         {{8, 0x38, {8, 0x10}, None}}},
+        {"one subsection per procedure",
+         {{0x14, A}, {0, A}, {4, A}, {0x10, A}},
+         {{0, 0x10, 0}, {0x10, 0x30, 1}},
+         0x30,
+         {{0, 0x10, {0, 4}, 0}, {0x10, 0x20, {0x10, 0x14}, 1}}},
+        {"entries outside procedures: each stretch up to the next procedure or the end",
+         {{0, A}, {4, A}, {0x14, A}, {0x24, A}, {0x2C, A}, {0x44, A}},
+         {{0x10, 0x20, 0}, {0x30, 0x40, 1}},
+         0x50,
+         {{0, 0x10, {0, 4}, None},
+          {0x10, 0x10, {0x14}, 0},
+          {0x24, 0x0C, {0x24, 0x2C}, None},
+          {0x44, 0x0C, {0x44}, None}}},
+        {"a file change cuts a procedure's code where the next file's entries begin",
+         {{0x14, A}, {0x18, B}, {0x1C, B}, {0x24, A}},
+         {{0x10, 0x30, 7}},
+         0x30,
+         {{0x10, 0x08, {0x14}, 7}, {0x18, 0x0C, {0x18, 0x1C}, None}, {0x24, 0x0C, {0x24}, None}}},
+        {"a file change cuts a stretch too",
+         {{4, B}, {8, A}},
+         {{0x10, 0x20, 0}},
+         0x20,
+         {{4, 4, {4}, None}, {8, 8, {8}, None}}},
+        {"a procedure without entries gets no subsection",
+         {{0x24, A}},
+         {{0, 0x10, 0}, {0x10, 0x20, 1}, {0x20, 0x30, 2}},
+         0x30,
+         {{0x20, 0x10, {0x24}, 2}}},
+        {"procedures given out of order",
+         {{0x18, A}, {2, A}},
+         {{0x10, 0x20, 0}, {0, 0x10, 1}},
+         0x20,
+         {{0, 0x10, {2}, 1}, {0x10, 0x10, {0x18}, 0}}},
+        {"overlapping procedures: the earlier one ends where the later begins",
+         {{4, A}, {0x14, A}, {0x24, A}},
+         {{0, 0x20, 0}, {0x10, 0x30, 1}},
+         0x30,
+         {{0, 0x10, {4}, 0}, {0x10, 0x20, {0x14, 0x24}, 1}}},
+        {"a procedure of no length claims nothing",
+         {{0x10, A}},
+         {{0x10, 0x10, 0}, {0x20, 0x18, 1}},
+         0x30,
+         {{0x10, 0x20, {0x10}, None}}},
+        {"an entry past the section's end still lies inside its range",
+         {{4, A}, {0x18, A}},
+         {{0, 8, 0}},
+         0x10,
+         {{0, 8, {4}, 0}, {0x18, 1, {0x18}, None}}},
+        {"nothing to write", {}, {{0, 0x10, 0}}, 0x10, {}},
+    };
+    for (const auto &c : cases) {
+        std::vector<CvLinePoint> points;
+        for (auto [address, file] : c.points)
+            points.push_back({address, uint32_t(address), file});
+        std::vector<Planned> plan;
+        for (const CvLineSubsection &s :
+             quillet::PlanLineSubsections(points, c.procedures, c.sectionSize)) {
+            Planned p{s.start, s.codeSize, {}, s.opensProcedure};
+            for (size_t i = s.first; i < s.first + s.count; ++i)
+                p.addresses.push_back(points[i].address);
+            plan.push_back(p);
+        }
+        EXPECT_EQ(Describe(plan), Describe(c.expected)) << c.what;
+    }
 }
 
 } // namespace

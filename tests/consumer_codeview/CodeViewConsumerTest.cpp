@@ -41,9 +41,8 @@ protected:
         EXPECT_TRUE(qtest::WriteTextFile(path, content));
         return path;
     }
-    static std::string TablePath(const std::string &baseName) {
-        return WorkingDirectory() + "/" + baseName;
-    }
+    // The string table names a file by the path it was described with.
+    std::string TablePath(const std::string &baseName) const { return m_Dir.File(baseName); }
     // The digest as md5sum computes it, independently of the library.
     std::string Md5Sum(const std::string &baseName) const {
         const auto result = qtest::RunCommand("md5sum '" + m_Dir.File(baseName) + "'");
@@ -101,19 +100,22 @@ void ExpectSymbols(const cvdump::SymbolSection &section, const std::vector<Symbo
     EXPECT_EQ(seen, wanted) << what;
 }
 
-// The segments of a line table, with each file named through the checksum table of the
-// section the table stands in (the block's file field is an offset into that table).
-std::vector<Segment> Resolve(const cvdump::LineTable &table, const cvdump::SymbolSection &section,
+// The segments of a line table, each file named through the object's one checksum table (the
+// block's file field is an offset into it), relative to `directory`. The dump's own reading of
+// the name must agree.
+std::vector<Segment> Resolve(const cvdump::LineTable &table, const cvdump::SymbolSection &main,
                              const std::string &directory) {
     std::vector<Segment> out;
     for (const cvdump::LineSegment &segment : table.segments) {
         Segment s;
         const uint32_t index = segment.checksumOffset / 24;
-        if (segment.checksumOffset % 24 == 0 && index < section.checksums.size()) {
-            const std::string &path = section.checksums[index].filename;
+        if (segment.checksumOffset % 24 == 0 && index < main.checksums.size()) {
+            const std::string &path = main.checksums[index].filename;
             s.file = path.compare(0, directory.size() + 1, directory + "/") == 0
                          ? path.substr(directory.size() + 1)
                          : "<" + path + ">";
+            if (segment.filename != path)
+                s.file += " <dumped as " + segment.filename + ">";
         } else {
             s.file = "<bad checksum offset " + std::to_string(segment.checksumOffset) + ">";
         }
@@ -134,27 +136,42 @@ std::string Describe(const std::vector<Segment> &segments) {
     return out.str();
 }
 
-const cvdump::LineTable *FindTable(const cvdump::SymbolSection &section,
-                                   const std::string &linkageName) {
+// One lines subsection as the dump shows it: the symbol it is relocated against, its code size
+// and its segments.
+struct TableSpec {
+    std::string linkage;
+    uint32_t codeSize;
+    std::vector<Segment> segments;
+};
+
+void ExpectLineTables(const cvdump::SymbolSection &section, const cvdump::SymbolSection &main,
+                      const std::string &directory, const std::vector<TableSpec> &expected,
+                      const std::string &what) {
+    std::vector<std::string> seen, wanted;
     for (const cvdump::LineTable &t : section.lineTables)
-        if (t.linkageName == linkageName)
-            return &t;
-    return nullptr;
+        seen.push_back(t.linkageName + " " + std::to_string(t.codeSize) + " " +
+                       Describe(Resolve(t, main, directory)));
+    for (const TableSpec &t : expected)
+        wanted.push_back(t.linkage + " " + std::to_string(t.codeSize) + " " + Describe(t.segments));
+    EXPECT_EQ(seen, wanted) << what;
 }
 
-// Relocations of a symbol section come in pairs against one symbol: a section index (11) at the
-// segment field, then a section-relative offset (14) four bytes before it.
+// Relocations of a symbol section come in pairs against one symbol, sorted by offset: a
+// section-relative offset (14), then the section index (11) of the segment field after it.
 void ExpectRelocationPairs(const cvdump::Section &section,
                            const std::vector<std::string> &symbols) {
     std::vector<std::string> targets;
     ASSERT_EQ(section.relocations.size() % 2, 0u) << section.name;
     for (size_t i = 0; i + 1 < section.relocations.size(); i += 2) {
-        const cvdump::Relocation &index = section.relocations[i],
-                                 &offset = section.relocations[i + 1];
-        EXPECT_EQ(index.type, 11u) << section.name << " relocation " << i;
-        EXPECT_EQ(offset.type, 14u) << section.name << " relocation " << i + 1;
+        const cvdump::Relocation &offset = section.relocations[i],
+                                 &index = section.relocations[i + 1];
+        EXPECT_EQ(offset.type, 14u) << section.name << " relocation " << i;
+        EXPECT_EQ(index.type, 11u) << section.name << " relocation " << i + 1;
         EXPECT_EQ(index.offset, offset.offset + 4) << section.name << " relocation " << i;
         EXPECT_EQ(index.symbol, offset.symbol) << section.name << " relocation " << i;
+        if (i > 0) {
+            EXPECT_GT(offset.offset, section.relocations[i - 1].offset) << section.name;
+        }
         targets.push_back(index.symbol);
     }
     EXPECT_EQ(targets, symbols) << section.name;
@@ -280,8 +297,9 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
     ASSERT_EQ(dump.symbolSections.size(), 3u);
     const cvdump::SymbolSection &main = dump.symbolSections[0], &own = dump.symbolSections[1],
                                 &quiet = dump.symbolSections[2];
-    EXPECT_EQ(main.subsections, (std::vector<uint32_t>{0xF1, 0xF3, 0xF4, 0xF2, 0xF2}));
-    EXPECT_EQ(own.subsections, (std::vector<uint32_t>{0xF1, 0xF4, 0xF2}));
+    EXPECT_EQ(main.subsections,
+              (std::vector<uint32_t>{0xF1, 0xF3, 0xF4, 0xF2, 0xF2, 0xF2, 0xF2, 0xF2, 0xF2}));
+    EXPECT_EQ(own.subsections, (std::vector<uint32_t>{0xF1, 0xF2, 0xF2}));
     EXPECT_EQ(quiet.subsections, (std::vector<uint32_t>{0xF1}));
 
     ExpectSymbols(main,
@@ -366,42 +384,25 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
             EXPECT_EQ(section.checksums[i].bytes, Md5Sum(names[i])) << what << " " << names[i];
         }
     };
+    // One table for the object, in the main section.
     expectChecksums(main, {"alpha.asm", "beta.asm", "gamma.asm"}, "main table");
-    expectChecksums(own, {"gamma.asm", "alpha.asm"}, "COMDAT table");
-    // Both tables name the files through the one string table.
-    EXPECT_EQ(own.checksums[1].stringOffset, main.checksums[0].stringOffset);
-    EXPECT_EQ(own.checksums[0].stringOffset, main.checksums[2].stringOffset);
+    expectChecksums(own, {}, "COMDAT section");
 
-    // Lines per section, per file: blocks of the section, then of its procedures.
-    const struct {
-        const cvdump::SymbolSection *section;
-        const char *linkage;
-        uint32_t codeSize;
-        std::vector<Segment> segments;
-    } tables[] = {
-        {&main,
-         ".text",
-         0x60,
-         {{"alpha.asm", {{0, 1}, {4, 2}}},
-          {"alpha.asm", {{0x10, 10}, {0x14, 11}}},
-          {"beta.asm", {{0x20, 3}}},
-          {"alpha.asm", {{0x24, 12}}},
-          {"gamma.asm", {{0x40, 5}, {0x48, 6}}}}},
-        {&main, ".text2", 0x20, {{"beta.asm", {{0, 20}, {8, 21}}}}},
-        {&own, ".text$inl", 0x18, {{"gamma.asm", {{0, 30}}}, {"alpha.asm", {{6, 31}}}}},
-    };
-    EXPECT_EQ(main.lineTables.size(), 2u);
-    EXPECT_EQ(own.lineTables.size(), 1u);
-    for (const auto &t : tables) {
-        const cvdump::LineTable *table = FindTable(*t.section, t.linkage);
-        ASSERT_NE(table, nullptr) << t.linkage;
-        EXPECT_EQ(table->codeSize, t.codeSize) << t.linkage;
-        EXPECT_EQ(Describe(Resolve(*table, *t.section, cwd)), Describe(t.segments)) << t.linkage;
-    }
-    // In the main section the dump names the files itself, from the first table it read.
-    for (const cvdump::LineTable &table : main.lineTables)
-        for (const cvdump::LineSegment &segment : table.segments)
-            EXPECT_EQ(segment.filename, main.checksums.at(segment.checksumOffset / 24).filename);
+    // Lines: a subsection per procedure and per stretch of code between procedures, cut where
+    // the file changes; offsets count from each subsection's start.
+    const std::string directory = m_Dir.Path();
+    ExpectLineTables(main, main, directory,
+                     {{".text", 0x10, {{"alpha.asm", {{0, 1}, {4, 2}}}}},
+                      {"main", 0x10, {{"alpha.asm", {{0, 10}, {4, 11}}}}},
+                      {"$$$L1", 0x04, {{"beta.asm", {{0, 3}}}}},
+                      {"$$$L2", 0x1C, {{"alpha.asm", {{0, 12}}}}},
+                      {"helper", 0x20, {{"gamma.asm", {{0, 5}, {8, 6}}}}},
+                      {"second", 0x20, {{"beta.asm", {{0, 20}, {8, 21}}}}}},
+                     "main lines");
+    ExpectLineTables(own, main, directory,
+                     {{"inl", 0x06, {{"gamma.asm", {{0, 30}}}}},
+                      {".text$inl", 0x12, {{"alpha.asm", {{0, 31}}}}}},
+                     "COMDAT lines");
 
     // Sections, relocations and the COMDAT association of the symbol sections.
     const auto sections =
@@ -424,9 +425,10 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         EXPECT_EQ(s.selection, "Associative (0x5)") << i;
         EXPECT_EQ(s.associatedSection, associated[i]) << i;
     }
-    ExpectRelocationPairs(*symbolSections[0], {"start", "main", "loop", "helper", "counter_var",
-                                               "table", "second", ".text", ".text2"});
-    ExpectRelocationPairs(*symbolSections[1], {"inl_entry", "inl", ".text$inl"});
+    ExpectRelocationPairs(*symbolSections[0],
+                          {"start", "main", "loop", "helper", "counter_var", "table", "second",
+                           ".text", "main", "$$$L1", "$$$L2", "helper", "second"});
+    ExpectRelocationPairs(*symbolSections[1], {"inl_entry", "inl", "inl", ".text$inl"});
     ExpectRelocationPairs(*symbolSections[2], {"nol"});
     for (const cvdump::Section &s : sections) {
         if (s.name == ".debug$T") {
@@ -450,61 +452,6 @@ TEST_F(CodeViewConsumer, EmptyModuleIsDumpedWithItsThreeRecords) {
     EXPECT_EQ(dump.symbolSections[0].subsections, std::vector<uint32_t>{0xF1});
     ExpectSymbols(dump.symbolSections[0],
                   {{"S_OBJNAME", ""}, {"S_COMPILE3", ""}, {"S_ENVBLOCK", ""}}, "empty module");
-}
-
-// Each COMDAT section's blocks name files through its own checksum table. llvm-readobj reads
-// only the first checksum table of an object and names every block through it, so the names it
-// prints for later tables are its own reading; the offsets it prints are checked against the
-// table of the section they stand in. (With a later table longer than the first, llvm-readobj
-// stops with "Invalid data": its limit, not a malformed object.)
-TEST_F(CodeViewConsumer, LinesOnlyInComdatSectionsUseTheirOwnTables) {
-    const std::string a = Source("a.asm", "a\n"), b = Source("b.asm", "bb\n");
-    const std::string object = m_Dir.File("comdat.obj");
-    {
-        CoffModule m(object);
-        DbgScope module = m.OpenModule();
-        const BrxHandle one = m.Section(".text$one", 0x10, true, true);
-        const BrxHandle two = m.Section(".text$two", 0x10, true, true);
-        DbgSource fa = m.Source(a), fb = m.Source(b);
-        DbgScope s1 = m.OpenSection(one);
-        ASSERT_EQ(
-            m.Builder().CodeLabel(m.Symbol("one", one, 0, false, BRX_SYMBOL_PLAIN), nullptr, s1),
-            DBG_ERR_NONE);
-        m.Line(s1, fb, 7, 0); // lines of the section itself, no procedure
-        m.Line(s1, fa, 8, 4);
-        m.Reenter(module);
-        m.OpenSection(two);
-        DbgScope p = m.OpenProcedure(m.Symbol("two", two, 0), 0, 0x10);
-        m.Line(p, fa, 9, 2);
-        m.Close();
-        ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
-        ASSERT_TRUE(m.Builder().Write());
-    }
-    const cvdump::CodeViewDump dump =
-        cvdump::ParseCodeView(Readobj("--codeview", MachineZeroCopy(object)));
-    ASSERT_EQ(dump.symbolSections.size(), 3u);
-    // The main section has the string table only.
-    EXPECT_EQ(dump.symbolSections[0].subsections, (std::vector<uint32_t>{0xF1, 0xF3}));
-    const cvdump::SymbolSection *first = nullptr, *second = nullptr;
-    for (const cvdump::SymbolSection &s : dump.symbolSections) {
-        if (FindTable(s, ".text$one"))
-            first = &s;
-        if (FindTable(s, ".text$two"))
-            second = &s;
-    }
-    ASSERT_TRUE(first && second);
-    EXPECT_EQ(first->subsections, (std::vector<uint32_t>{0xF1, 0xF4, 0xF2}));
-    EXPECT_EQ(second->subsections, (std::vector<uint32_t>{0xF1, 0xF4, 0xF2}));
-    const std::string cwd = WorkingDirectory();
-    EXPECT_EQ(Describe(Resolve(*FindTable(*first, ".text$one"), *first, cwd)),
-              Describe({{"b.asm", {{0, 7}}}, {"a.asm", {{4, 8}}}}));
-    EXPECT_EQ(Describe(Resolve(*FindTable(*second, ".text$two"), *second, cwd)),
-              Describe({{"a.asm", {{2, 9}}}}));
-    ASSERT_EQ(first->checksums.size(), 2u);
-    ASSERT_EQ(second->checksums.size(), 1u);
-    EXPECT_EQ(first->checksums[0].bytes, Md5Sum("b.asm"));
-    EXPECT_EQ(first->checksums[1].bytes, Md5Sum("a.asm"));
-    EXPECT_EQ(second->checksums[0].bytes, Md5Sum("a.asm"));
 }
 
 } // namespace
