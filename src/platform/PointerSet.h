@@ -11,8 +11,10 @@ namespace quillet {
 
 class PointerSet {
 public:
+    // The tombstone value is never an element: it is refused by every operation, or a handle of
+    // that value would be found in any slot that an erase left behind.
     bool Contains(const void *p) const {
-        if (!p || m_Slots.empty())
+        if (!p || p == Tombstone() || m_Slots.empty())
             return false;
         for (size_t i = Hash(p) & m_Mask;; i = (i + 1) & m_Mask) {
             const void *slot = m_Slots[i];
@@ -24,7 +26,7 @@ public:
     }
 
     void Insert(const void *p) {
-        if (!p)
+        if (!p || p == Tombstone())
             return;
         if ((m_Used + 1) * 4 > m_Slots.size() * 3)
             Grow();
@@ -49,7 +51,7 @@ public:
     }
 
     void Erase(const void *p) {
-        if (!p || m_Slots.empty())
+        if (!p || p == Tombstone() || m_Slots.empty())
             return;
         for (size_t i = Hash(p) & m_Mask;; i = (i + 1) & m_Mask) {
             const void *slot = m_Slots[i];

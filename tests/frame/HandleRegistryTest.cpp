@@ -37,6 +37,26 @@ TEST(PointerSet, AgreesWithAnOrderedSetUnderInsertAndErase) {
     EXPECT_FALSE(set.Contains(*model.begin()));
 }
 
+// The set marks erased slots with the value 1; that value is never an element, whatever the
+// probe sequence of 1 meets.
+TEST(PointerSet, ErasedSlotsNeverMakeOneALiveElement) {
+    quillet::PointerSet set;
+    const void *one = reinterpret_cast<const void *>(uintptr_t(1));
+    std::vector<const void *> elements;
+    for (uintptr_t i = 0; i < 40; ++i)
+        elements.push_back(reinterpret_cast<const void *>(0x10000 + 16 * i));
+    for (const void *p : elements)
+        set.Insert(p);
+    for (const void *p : elements) {
+        set.Erase(p);
+        ASSERT_FALSE(set.Contains(one));
+    }
+    set.Insert(one);
+    set.Erase(one);
+    EXPECT_FALSE(set.Contains(one));
+    EXPECT_EQ(set.Size(), 0u);
+}
+
 TEST(ObjectArena, KnowsExactlyTheLiveObjectStarts) {
     quillet::ObjectArena arena;
     std::vector<std::pair<char *, size_t>> objects;
