@@ -207,10 +207,10 @@ QUILLET_API DbgStatus Dbg_create_line(DbgScope scope, const DbgLineDesc *desc);
 /* ---- Retrieval (after Dbg_init(1)); every function answers 37 in any other mode ----------- */
 QUILLET_API DbgStatus DbgLine_open_line_section(BrxHandle section,
                                                 DbgLineSectionHandle **out_handle);
-/* Opens an object file and finds a source file of its line information (case-insensitively;
- * source_name is lowercased in place). */
+/* Opens an object file and finds a source file of its line information (ASCII case does not
+ * matter; source_name is not written). */
 QUILLET_API DbgStatus DbgLine_open_object_and_source_file(const char *object_name,
-                                                          char *source_name,
+                                                          const char *source_name,
                                                           DbgSourceHandle **out_handle);
 /* flag 1: the row at the offset; flag 0: the row before it. 26, 28, 29. */
 QUILLET_API DbgStatus DbgLine_get_inst_info_by_offset(uint32_t flag, DbgOffsetQuery *query,

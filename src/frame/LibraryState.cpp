@@ -8,6 +8,9 @@
 LibraryState::LibraryState() = default;
 
 LibraryState::~LibraryState() {
+    // Only at process exit: brix's own state may be gone already, and it releases its files.
+    if (reader)
+        reader->LeaveObjectToBrix();
     Reset();
 }
 

@@ -595,11 +595,12 @@ DbgLineSectionHandle *CBaseRetrieve::NumberedHandle(CSectionRows &rows) {
         m_SectionHandles.push_back(
             DbgLineSectionHandle{rows.m_Section, static_cast<uint32_t>(rows.m_nNumber)});
         rows.m_pHandle = &m_SectionHandles.back();
+        m_LiveSectionHandles.Insert(rows.m_pHandle);
     }
     return rows.m_pHandle;
 }
 
-uint32_t CBaseRetrieve::OpenObjectAndSourceFile(const char *objectName, char *sourceName,
+uint32_t CBaseRetrieve::OpenObjectAndSourceFile(const char *objectName, const char *sourceName,
                                                 DbgSourceHandle **outHandle) {
     if (m_hObject != 0)
         return DBG_ERR_ALREADY_OPEN;
@@ -620,13 +621,14 @@ uint32_t CBaseRetrieve::OpenObjectAndSourceFile(const char *objectName, char *so
     return FindSource(sourceName, outHandle);
 }
 
-uint32_t CBaseRetrieve::FindSource(char *sourceName, DbgSourceHandle **outHandle) {
+uint32_t CBaseRetrieve::FindSource(const char *sourceName, DbgSourceHandle **outHandle) {
     if (!sourceName)
         return DBG_ERR_SOURCE_NOT_FOUND;
-    // The caller's name is lowercased in place, then compared with each path lowercased.
-    for (char *c = sourceName; *c; ++c)
-        *c = LowerAscii(*c);
-    std::string_view wanted(sourceName);
+    // Compared lowercased on both sides; the caller's buffer is not written (it may be a
+    // string literal).
+    std::string wanted(sourceName);
+    for (char &c : wanted)
+        c = LowerAscii(c);
     for (uint32_t index = 0; index < m_Files.FileCount(); ++index) {
         const FileRecord *record = m_Files.GetFile(index);
         const std::string &path = record->m_Path;
@@ -638,6 +640,7 @@ uint32_t CBaseRetrieve::FindSource(char *sourceName, DbgSourceHandle **outHandle
         if (!equal)
             continue;
         m_SourceHandles.push_back(DbgSourceHandle{record->m_WidePath.c_str(), index, index});
+        m_LiveSourceHandles.Insert(&m_SourceHandles.back());
         BuildSourceIndex();
         if (outHandle)
             *outHandle = &m_SourceHandles.back();
@@ -669,7 +672,7 @@ DbgLineSectionHandle *CBaseRetrieve::SectionHandle(BrxHandle section) {
 }
 
 uint32_t CBaseRetrieve::InstInfoByOffset(uint32_t flag, DbgOffsetQuery *query, DbgInstInfo *info) {
-    if (!query || !query->handle || !info)
+    if (!query || !info || !m_LiveSectionHandles.Contains(query->handle))
         return DBG_ERR_OBJECT_FILE;
     // Queries come in runs against one section: remember the last one.
     BrxHandle section = query->handle->section;
@@ -770,8 +773,10 @@ const CSectionRows *CBaseRetrieve::SectionOfRow(uint32_t row) const {
 
 uint32_t CBaseRetrieve::InstInfoBySource(uint32_t flag, const DbgSourceQuery *query,
                                          DbgSourceResult *result) {
-    if (!query || !query->handle || !result)
+    if (!query || !result)
         return DBG_ERR_NO_LINE_AT_POSITION;
+    if (!m_LiveSourceHandles.Contains(query->handle))
+        return DBG_ERR_SOURCE_NOT_FOUND;
     BuildSourceIndex();
     const int32_t file = static_cast<int32_t>(query->handle->file_index);
     const uint32_t line = query->line;

@@ -10,6 +10,7 @@
 
 #include "lines/FileTable.h"
 #include "lines/LineSection.h"
+#include "platform/PointerSet.h"
 
 #include <brix/brix.h>
 #include <quillet/quillet.h>
@@ -72,7 +73,7 @@ public:
 
     // The six retrieval operations; each returns a DBG_ERR_* status. The caller has checked the
     // mode already.
-    uint32_t OpenObjectAndSourceFile(const char *objectName, char *sourceName,
+    uint32_t OpenObjectAndSourceFile(const char *objectName, const char *sourceName,
                                      DbgSourceHandle **outHandle);
     uint32_t OpenLineSection(BrxHandle section, DbgLineSectionHandle **outHandle);
     uint32_t InstInfoByOffset(uint32_t flag, DbgOffsetQuery *query, DbgInstInfo *info);
@@ -88,8 +89,11 @@ public:
     // The handle of a section of the loaded object, numbered on first use (a section without rows
     // gets one too; its queries answer 29).
     DbgLineSectionHandle *SectionHandle(BrxHandle section);
-    // Finds a source file of the loaded object by name, lowercasing `sourceName` in place; 0 or 33.
-    uint32_t FindSource(char *sourceName, DbgSourceHandle **outHandle);
+    // Finds a source file of the loaded object by name, without regard to ASCII case; 0 or 33.
+    uint32_t FindSource(const char *sourceName, DbgSourceHandle **outHandle);
+
+    // At process exit brix may already have released everything: the object is left to it.
+    void LeaveObjectToBrix() { m_bOwnsObject = false; }
 
     // Read access for tests and tools.
     BrxHandle Object() const { return m_hObject; }
@@ -150,8 +154,12 @@ private:
     BrxHandle m_LastQueriedSection = 0;
     size_t m_nLastQueriedSlot = SIZE_MAX;
 
+    // The handles given out, and the registries that tell them from any other address: a
+    // caller's handle is looked up before it is read.
     std::deque<DbgLineSectionHandle> m_SectionHandles;
     std::deque<DbgSourceHandle> m_SourceHandles;
+    quillet::PointerSet m_LiveSectionHandles;
+    quillet::PointerSet m_LiveSourceHandles;
     CModuleScope *m_pModule = nullptr;
 };
 

@@ -142,7 +142,7 @@ TEST_F(RetrievalApi, SequencesArePlacedByRelocationAddendAndSymbolOffset) {
     char source[] = "/PROJ/inc/defs.INC";
     DbgSourceHandle *defs = nullptr;
     ASSERT_EQ(DbgLine_open_object_and_source_file(path.c_str(), source, &defs), 0u);
-    EXPECT_STREQ(source, "/proj/inc/defs.inc");
+    EXPECT_STREQ(source, "/PROJ/inc/defs.INC");
     EXPECT_EQ(defs->file_index, 1u);
     EXPECT_EQ(std::u16string(defs->name), u"/proj/Inc/Defs.inc");
 
@@ -222,6 +222,77 @@ TEST_F(RetrievalApi, LineSectionOfAnOpenObject) {
         Dbg_finish();
         _brx_close_file(file);
     }
+}
+
+// Line-section and source handles are looked up among those the reader handed out, never read
+// first: a handle released by Dbg_finish, a copy of a live one, 1 (the registry's mark for an
+// erased slot), an unmapped address.
+TEST_F(RetrievalApi, HandlesTheReaderDidNotHandOutAreRefused) {
+    std::string path = WriteObject(dir, "good.o", GoodObject());
+    char name[] = "/proj/main.s";
+    DbgSourceHandle *releasedSource = nullptr;
+    Dbg_init(1);
+    ASSERT_EQ(DbgLine_open_object_and_source_file(path.c_str(), name, &releasedSource), 0u);
+    DbgSourceQuery bySource{releasedSource, 10, 1};
+    DbgSourceResult found{};
+    ASSERT_EQ(DbgLine_get_inst_info_by_source(0, &bySource, &found), 0u);
+    DbgLineSectionHandle *releasedSection = found.handle;
+    Dbg_finish();
+
+    Dbg_init(1);
+    DbgInstInfo info{};
+    DbgOffsetQuery byOffset{releasedSection, 0x10};
+    EXPECT_EQ(DbgLine_get_inst_info_by_offset(1, &byOffset, &info), 26u);
+    bySource.handle = releasedSource;
+    EXPECT_EQ(DbgLine_get_inst_info_by_source(0, &bySource, &found), 33u);
+
+    DbgSourceHandle *source = nullptr;
+    ASSERT_EQ(DbgLine_open_object_and_source_file(path.c_str(), name, &source), 0u);
+    bySource.handle = source;
+    ASSERT_EQ(DbgLine_get_inst_info_by_source(0, &bySource, &found), 0u);
+    DbgLineSectionHandle *section = found.handle;
+    DbgLineSectionHandle sectionCopy = *section;
+    DbgSourceHandle sourceCopy = *source;
+    const struct {
+        const char *name;
+        DbgLineSectionHandle *section;
+        DbgSourceHandle *source;
+    } cases[] = {
+        {"CopyOfALiveHandle", &sectionCopy, &sourceCopy},
+        {"One", reinterpret_cast<DbgLineSectionHandle *>(uintptr_t(1)),
+         reinterpret_cast<DbgSourceHandle *>(uintptr_t(1))},
+        {"UnmappedAddress", reinterpret_cast<DbgLineSectionHandle *>(uintptr_t(0x40)),
+         reinterpret_cast<DbgSourceHandle *>(uintptr_t(0x40))},
+        {"Null", nullptr, nullptr},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        byOffset = DbgOffsetQuery{c.section, 0x10};
+        EXPECT_EQ(DbgLine_get_inst_info_by_offset(1, &byOffset, &info), 26u);
+        bySource.handle = c.source;
+        EXPECT_EQ(DbgLine_get_inst_info_by_source(0, &bySource, &found), 33u);
+    }
+    byOffset = DbgOffsetQuery{section, 0x10};
+    EXPECT_EQ(DbgLine_get_inst_info_by_offset(1, &byOffset, &info), 0u);
+    bySource.handle = source;
+    EXPECT_EQ(DbgLine_get_inst_info_by_source(0, &bySource, &found), 0u);
+}
+
+// A process that ends with a retrieval run still open: the library's state outlives brix's, so
+// its teardown must not ask brix to close a file that brix has already released.
+TEST_F(RetrievalApi, RunLeftOpenAtExitEndsCleanly) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Dbg_init(1); // the library's state is made before brix's, so it is destroyed after it
+    std::string path = WriteObject(dir, "good.o", GoodObject());
+    EXPECT_EXIT(
+        {
+            char name[] = "/proj/main.s";
+            DbgSourceHandle *source = nullptr;
+            if (DbgLine_open_object_and_source_file(path.c_str(), name, &source) != 0)
+                std::exit(2);
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(RetrievalApi, BadObjectsGiveTheirStatus) {

@@ -133,30 +133,31 @@ TEST_P(RoundTrip, EveryEntryReadsBackAtItsSectionAndOffset) {
     Dbg_finish();
     _brx_close_file(file);
 
-    // By name: the files, and each entry found again from its source position.
-    Dbg_init(1);
-    char mainName[4200];
-    std::strcpy(mainName, files.names[0].c_str());
-    DbgSourceHandle *main = nullptr;
-    ASSERT_EQ(DbgLine_open_object_and_source_file(path.c_str(), mainName, &main), 0u);
-    uint32_t count = 0;
-    ASSERT_EQ(DbgLine_get_source_files_number(&count), 0u);
-    ASSERT_EQ(count, 2u);
-    DbgSourceHandle byFile[2];
-    for (uint32_t i = 0; i < count; ++i) {
+    // By name: the files, and each entry found again from its source position. A run opens one
+    // source file, so each file has a run of its own.
+    for (int which : {0, 1}) {
+        SCOPED_TRACE(which);
+        Dbg_init(1);
+        std::string wanted = files.names[which];
+        DbgSourceHandle *source = nullptr;
+        ASSERT_EQ(DbgLine_open_object_and_source_file(path.c_str(), wanted.c_str(), &source), 0u);
+        uint32_t count = 0;
+        ASSERT_EQ(DbgLine_get_source_files_number(&count), 0u);
+        ASSERT_EQ(count, 2u);
         char name[4200];
         uint32_t size = sizeof(name);
-        ASSERT_EQ(DbgLine_get_source_file_name(int32_t(i), name, &size), 0u);
-        int which = std::string(name) == files.names[0] ? 0 : 1;
-        EXPECT_EQ(name, files.names[which]);
-        byFile[which] = DbgSourceHandle{main->name, i, i};
-    }
-    for (const Entry &e : kEntries) {
-        SCOPED_TRACE(std::string(e.section) + " " + std::to_string(e.offset));
-        DbgSourceQuery query{&byFile[e.file], e.line, 1};
-        DbgSourceResult result{};
-        ASSERT_EQ(DbgLine_get_inst_info_by_source(0, &query, &result), 0u);
-        EXPECT_EQ(result.address, e.offset);
+        ASSERT_EQ(DbgLine_get_source_file_name(int32_t(source->file_index), name, &size), 0u);
+        EXPECT_EQ(name, wanted);
+        for (const Entry &e : kEntries) {
+            if (e.file != which)
+                continue;
+            SCOPED_TRACE(std::string(e.section) + " " + std::to_string(e.offset));
+            DbgSourceQuery query{source, e.line, 1};
+            DbgSourceResult result{};
+            ASSERT_EQ(DbgLine_get_inst_info_by_source(0, &query, &result), 0u);
+            EXPECT_EQ(result.address, e.offset);
+        }
+        Dbg_finish();
     }
 }
 
