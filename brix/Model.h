@@ -48,8 +48,11 @@ public:
     T &back() { return (*this)[m_nSize - 1]; }
     const T &back() const { return (*this)[m_nSize - 1]; }
     T &emplace_back() {
-        if (m_nSize == m_Blocks.size() * kBlock)
-            m_Blocks.emplace_back(new T[kBlock]);
+        if (m_nSize == m_Blocks.size() * kBlock) {
+            // Owned before the list grows, so a failed growth does not lose the block.
+            std::unique_ptr<T[]> block(new T[kBlock]);
+            m_Blocks.push_back(std::move(block));
+        }
         T &slot = (*this)[m_nSize++];
         slot = T();
         return slot;

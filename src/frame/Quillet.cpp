@@ -2,12 +2,13 @@
 #include "codeview/CodeViewEmit.h"
 #include "frame/LibraryState.h"
 #include "frame/Write.h"
+#include "platform/ApiGuard.h"
 #include "platform/Check.h"
 #include "types/DebugTypes.h"
 
 #include "quillet/quillet.h"
 
-extern "C" QUILLET_API DbgStatus Dbg_init(uint32_t mode) {
+extern "C" QUILLET_API DbgStatus Dbg_init(uint32_t mode) try {
     LibraryState &state = State();
     if (mode == 0) {
         DbgType voidHandle = nullptr;
@@ -24,18 +25,24 @@ extern "C" QUILLET_API DbgStatus Dbg_init(uint32_t mode) {
     }
     state.mode = mode;
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
-extern "C" QUILLET_API DbgStatus Dbg_finish(void) {
+extern "C" QUILLET_API DbgStatus Dbg_finish(void) try {
     State().Reset();
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
-extern "C" QUILLET_API DbgStatus Dbg_emit(void) {
+extern "C" QUILLET_API DbgStatus Dbg_emit(void) try {
     int32_t format = State().binding.format;
     if (format < FORMAT_ELF32 || format > FORMAT_COFF)
         return DBG_ERR_NO_OBJECT_FORMAT;
     if (format == FORMAT_COFF)
         return RunCodeViewDriver();
     return RunDwarfDriver();
+} catch (...) {
+    return StatusOfFailedAllocation();
 }

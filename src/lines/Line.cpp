@@ -1,5 +1,6 @@
 // Registering source files and recording line entries.
 #include "frame/LibraryState.h"
+#include "platform/ApiGuard.h"
 #include "platform/Check.h"
 #include "platform/Text.h"
 #include "scopes/ScopeNode.h"
@@ -7,7 +8,7 @@
 #include "quillet/quillet.h"
 
 extern "C" QUILLET_API DbgStatus DbgLine_create_source(const char16_t *source_file_name,
-                                                       DbgSource *out_source) {
+                                                       DbgSource *out_source) try {
     QCHECK(source_file_name != NULL);
     LibraryState &state = State();
     CSourceCell *cell = state.sourceFiles.Create(quillet::WideCopy(source_file_name));
@@ -15,9 +16,11 @@ extern "C" QUILLET_API DbgStatus DbgLine_create_source(const char16_t *source_fi
     if (out_source)
         *out_source = reinterpret_cast<DbgSource>(cell);
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
-extern "C" QUILLET_API DbgStatus Dbg_create_line(DbgScope scope, const DbgLineDesc *desc) {
+extern "C" QUILLET_API DbgStatus Dbg_create_line(DbgScope scope, const DbgLineDesc *desc) try {
     LibraryState &state = State();
     CScopeNode *target = scope ? reinterpret_cast<CScopeNode *>(scope) : state.currentScope;
     if (!target || !state.IsLiveScope(target))
@@ -34,4 +37,6 @@ extern "C" QUILLET_API DbgStatus Dbg_create_line(DbgScope scope, const DbgLineDe
             .Failed())
         return DBG_ERR_LINE_REJECTED;
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }

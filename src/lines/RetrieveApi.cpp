@@ -2,6 +2,7 @@
 // with a reader, then hands the call to the reader.
 #include "frame/LibraryState.h"
 #include "lines/Retrieve.h"
+#include "platform/ApiGuard.h"
 
 #include <quillet/quillet.h>
 
@@ -19,39 +20,52 @@ CBaseRetrieve *Reader() {
 extern "C" {
 
 QUILLET_API DbgStatus DbgLine_open_line_section(BrxHandle section,
-                                                DbgLineSectionHandle **out_handle) {
+                                                DbgLineSectionHandle **out_handle) try {
     CBaseRetrieve *reader = Reader();
     return reader ? reader->OpenLineSection(section, out_handle) : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
 QUILLET_API DbgStatus DbgLine_open_object_and_source_file(const char *object_name,
-                                                          char *source_name,
-                                                          DbgSourceHandle **out_handle) {
+                                                          const char *source_name,
+                                                          DbgSourceHandle **out_handle) try {
     CBaseRetrieve *reader = Reader();
     return reader ? reader->OpenObjectAndSourceFile(object_name, source_name, out_handle)
                   : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
 QUILLET_API DbgStatus DbgLine_get_inst_info_by_offset(uint32_t flag, DbgOffsetQuery *query,
-                                                      DbgInstInfo *info) {
+                                                      DbgInstInfo *info) try {
     CBaseRetrieve *reader = Reader();
     return reader ? reader->InstInfoByOffset(flag, query, info) : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
 QUILLET_API DbgStatus DbgLine_get_inst_info_by_source(uint32_t flag, const DbgSourceQuery *query,
-                                                      DbgSourceResult *result) {
+                                                      DbgSourceResult *result) try {
     CBaseRetrieve *reader = Reader();
     return reader ? reader->InstInfoBySource(flag, query, result) : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
-QUILLET_API DbgStatus DbgLine_get_source_files_number(uint32_t *count) {
+QUILLET_API DbgStatus DbgLine_get_source_files_number(uint32_t *count) try {
     CBaseRetrieve *reader = Reader();
     return reader ? reader->SourceFileCount(count) : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
-QUILLET_API DbgStatus DbgLine_get_source_file_name(int32_t index, char *buffer, uint32_t *size) {
+QUILLET_API DbgStatus DbgLine_get_source_file_name(int32_t index, char *buffer,
+                                                   uint32_t *size) try {
     CBaseRetrieve *reader = Reader();
     return reader ? reader->SourceFileName(index, buffer, size) : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
 } // extern "C"

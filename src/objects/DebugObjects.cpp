@@ -1,4 +1,5 @@
 #include "objects/DebugObjects.h"
+#include "platform/ApiGuard.h"
 
 #include "dwarf/Abbrev.h"
 #include "frame/LibraryState.h"
@@ -308,7 +309,7 @@ uint32_t ApplyObjectProperties(CBaseLangObject &object, const DbgObjectProp *pro
 
 extern "C" QUILLET_API DbgStatus Dbg_create_object(int32_t kind, const DbgObjectProp *props,
                                                    uint32_t count, DbgScope scope,
-                                                   DbgObject *out_object) {
+                                                   DbgObject *out_object) try {
     LibraryState &state = State();
     CScopeNode *target = scope ? reinterpret_cast<CScopeNode *>(scope) : state.currentScope;
     if (!target && kind != DBG_OBJ_PROCEDURE)
@@ -340,11 +341,15 @@ extern "C" QUILLET_API DbgStatus Dbg_create_object(int32_t kind, const DbgObject
         state.unattachedProcedures.emplace(key, std::move(object));
     }
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
 extern "C" QUILLET_API DbgStatus Dbg_add_object_prop(DbgObject object, const DbgObjectProp *props,
-                                                     uint32_t count) {
+                                                     uint32_t count) try {
     if (!object || !State().objectArena.Contains(object))
         return DBG_ERR_NOT_AN_OBJECT;
     return ApplyObjectProperties(*reinterpret_cast<CBaseLangObject *>(object), props, count);
+} catch (...) {
+    return StatusOfFailedAllocation();
 }

@@ -2,6 +2,7 @@
 #include "frame/LibraryState.h"
 #include "objects/CompInfo.h"
 #include "objects/ProcObject.h"
+#include "platform/ApiGuard.h"
 #include "platform/Check.h"
 #include "scopes/ModuleScope.h"
 #include "scopes/ProcScope.h"
@@ -42,7 +43,7 @@ extern "C" QUILLET_API DbgStatus Dbg_open_module_scope(
     BrxHandle object_file, uint32_t language, uint32_t edit_and_continue, uint32_t no_debug_info,
     uint32_t machine, const uint16_t front_end_version[3], const uint16_t back_end_version[3],
     const char16_t *producer, const char16_t *directory, const char16_t *source_name,
-    const char16_t *tool_path, DbgScope *out_scope) {
+    const char16_t *tool_path, DbgScope *out_scope) try {
     LibraryState &state = State();
     if (!QCHECK(object_file != 0))
         return DBG_ERR_FAILED; // nothing is bound to a null handle
@@ -62,16 +63,21 @@ extern "C" QUILLET_API DbgStatus Dbg_open_module_scope(
     if (out_scope)
         *out_scope = ToHandle(module);
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
-extern "C" QUILLET_API DbgStatus Dbg_open_section_scope(BrxHandle section, DbgScope *out_scope) {
+extern "C" QUILLET_API DbgStatus Dbg_open_section_scope(BrxHandle section,
+                                                        DbgScope *out_scope) try {
     if (!LiveCurrentScope())
         return DBG_ERR_SCOPE_NOT_OPENED;
     return OpenUnderCurrent(std::make_unique<CSectionScope>(section), out_scope);
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
 extern "C" QUILLET_API DbgStatus Dbg_open_procedure_scope(DbgObject procedure,
-                                                          DbgScope *out_scope) {
+                                                          DbgScope *out_scope) try {
     LibraryState &state = State();
     // Only a procedure that no scope holds yet can open a scope.
     auto found = state.unattachedProcedures.find(procedure);
@@ -84,9 +90,11 @@ extern "C" QUILLET_API DbgStatus Dbg_open_procedure_scope(DbgObject procedure,
     found->second.release();
     state.unattachedProcedures.erase(found);
     return OpenUnderCurrent(std::move(scope), out_scope);
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
-extern "C" QUILLET_API DbgStatus Dbg_close_current_scope(void) {
+extern "C" QUILLET_API DbgStatus Dbg_close_current_scope(void) try {
     CScopeNode *current = LiveCurrentScope();
     if (!current)
         return DBG_ERR_NO_CURRENT_SCOPE;
@@ -98,17 +106,23 @@ extern "C" QUILLET_API DbgStatus Dbg_close_current_scope(void) {
     current->Lines().shrink_to_fit();
     State().currentScope = current->Parent();
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
-extern "C" QUILLET_API DbgStatus Dbg_get_current_scope(DbgScope *out_scope) {
+extern "C" QUILLET_API DbgStatus Dbg_get_current_scope(DbgScope *out_scope) try {
     if (out_scope)
         *out_scope = ToHandle(State().currentScope);
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
 // Any value is accepted; functions that use the current scope refuse one the library does not
 // know.
-extern "C" QUILLET_API DbgStatus Dbg_set_current_scope(DbgScope scope) {
+extern "C" QUILLET_API DbgStatus Dbg_set_current_scope(DbgScope scope) try {
     State().currentScope = reinterpret_cast<CScopeNode *>(scope);
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }

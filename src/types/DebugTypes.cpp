@@ -1,4 +1,5 @@
 #include "types/DebugTypes.h"
+#include "platform/ApiGuard.h"
 
 #include "dwarf/Abbreviations.h"
 #include "dwarf/Leb128.h"
@@ -172,17 +173,19 @@ CError CDebugProcType::GetTypeIndex(CBinarySection &types, uint32_t &index) {
 
 // ---- Exported functions ------------------------------------------------------------------------
 
-extern "C" QUILLET_API DbgStatus Dbg_base_type(int32_t code, DbgType *out_type) {
+extern "C" QUILLET_API DbgStatus Dbg_base_type(int32_t code, DbgType *out_type) try {
     CDebugBasicType *type = BasicType(code);
     if (!type)
         return DBG_ERR_BAD_TYPE;
     if (out_type)
         *out_type = ToHandle(type);
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
 
 extern "C" QUILLET_API DbgStatus Dbg_procedure_type(DbgType return_type, uint32_t procedure_kind,
-                                                    DbgType *out_type) {
+                                                    DbgType *out_type) try {
     auto type = std::make_unique<CDebugProcType>();
     if (type->SetProcedureKind(procedure_kind).Failed())
         return DBG_ERR_BAD_PROCEDURE_KIND;
@@ -192,4 +195,6 @@ extern "C" QUILLET_API DbgStatus Dbg_procedure_type(DbgType return_type, uint32_
         *out_type = ToHandle(type.get());
     State().typeTable.push_back(std::move(type));
     return DBG_ERR_NONE;
+} catch (...) {
+    return StatusOfFailedAllocation();
 }
