@@ -28,13 +28,14 @@ CModuleScope::~CModuleScope() {
 CError CModuleScope::AddChildScope(CScopeNode *scope) {
     if (scope->GetKind() != SCOPE_SECTION)
         return kFailed;
-    AttachChild(scope);
     auto *section = static_cast<CSectionScope *>(scope);
     if (section->IsCodeSection()) {
+        // Before the scope is attached: an allocation that fails here leaves it with its caller.
         m_CodeSections.insert(section->Section());
         // The unit's address range is known only when there is exactly one code section.
         m_CompInfo.m_hCodeSection = m_CodeSections.size() == 1 ? section->Section() : 0;
     }
+    AttachChild(scope);
     return kOk;
 }
 
