@@ -1,5 +1,5 @@
 # Two entry points: `make demo` (the main job) and `make check` (every test, twice: a normal
-# build and an AddressSanitizer + UndefinedBehaviorSanitizer build; the readers' fuzzer runs first
+# build and an AddressSanitizer + UndefinedBehaviorSanitizer build; the fuzzers run first
 # for a bounded time).
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
@@ -27,7 +27,8 @@ test-asan:
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest --output-on-failure -j $(JOBS)
 
-# The fuzzer over the object readers and the line decoder, built with clang from the sources.
+# The fuzzers, built with clang from the sources: one over the object readers and the line
+# decoder, one over programs of production calls; each runs for half of FUZZ_SECONDS.
 FUZZ_BUILD   ?= build-fuzz
 FUZZ_SECONDS ?= 60
 fuzz:

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds the retrieval fuzzer with clang (libFuzzer, AddressSanitizer, UndefinedBehaviorSanitizer)
-# from the sources, makes a seed corpus of valid objects, and fuzzes for a bounded time.
+# Builds the two fuzzers with clang (libFuzzer, AddressSanitizer, UndefinedBehaviorSanitizer) from
+# the sources: the retrieval fuzzer (object files and line sections read back) and the API fuzzer
+# (programs of production calls). Makes their seed corpora and fuzzes each for half the time.
 #   fuzz/run.sh SECONDS      build, seed, fuzz; exits non-zero when an input crashes
 #   fuzz/run.sh --build-only build the fuzzer and the seeds, do not run
 # FUZZ_BUILD_DIR overrides where everything goes (default: build-fuzz in the source tree).
@@ -31,9 +32,12 @@ export -f compile
 export OUT CXX ROOT
 export FLAGS_STR="${FLAGS[*]}"
 SOURCES=$(find "$ROOT/src" "$ROOT/brix" -name '*.cpp' | sort)
-OBJECTS=$(printf '%s\n' $SOURCES "$ROOT/fuzz/FuzzRetrieve.cpp" |
-          xargs -P 2 -I{} bash -c 'FLAGS=($FLAGS_STR); compile "$@"' _ {})
-"$CXX" -fsanitize=fuzzer,address,undefined $OBJECTS -o "$OUT/fuzz_retrieve"
+OBJECTS=$(printf '%s\n' $SOURCES | xargs -P 2 -I{} bash -c 'FLAGS=($FLAGS_STR); compile "$@"' _ {})
+for target in Retrieve Api; do
+    harness=$(compile "$ROOT/fuzz/Fuzz$target.cpp")
+    "$CXX" -fsanitize=fuzzer,address,undefined $OBJECTS "$harness" \
+        -o "$OUT/fuzz_$(echo "$target" | tr '[:upper:]' '[:lower:]')"
+done
 
 # Seeds: valid objects made now by other tools, each behind the byte that selects "object";
 # and raw line sections behind the byte that selects "line section".
@@ -75,10 +79,31 @@ done
 llvm-objcopy-14 --dump-section .debug_line="$WORK/line.bin" "$WORK/elf64.o"
 { printf '\x01'; cat "$WORK/line.bin"; } > "$SEEDS/line-elf64"
 
+# API seeds: one module each in ELF32, ELF64 and COFF (a format byte, section sizes, symbol
+# bindings; then: open the module, two sources, .text, a procedure with its scope, two lines, a
+# constant, emit). The byte layout is the one FuzzApi.cpp reads.
+mkdir -p "$OUT/seeds-api" "$OUT/corpus-api"
+PROGRAM='\x00\x01\x00\x00\x00\x01\x00\x09\x00\x09\x01\x01\x00'
+PROGRAM+='\x02\x02\x07\x00\x01\x02\x03\x01\x01\x00\x0a\x01\x20\x00\x01\x01'
+PROGRAM+='\x0a\x00\x02\x00\x00\x04\x01\x0a\x01\x05\x00\x00\x08\x01'
+PROGRAM+='\x05\x03\x03\x05\x00\x00\x03\x06\x00\x04\x2a\x00\x00\x00\x00\x00\x00\x00'
+PROGRAM+='\x00\x00\x00\x00\x00\x00\x00\x00\x00\x01\x0c'
+printf "\x00\x00\x10\x01\x01\x00\x00\x01$PROGRAM" > "$OUT/seeds-api/elf32"
+printf "\x01\x00\x10\x01\x01\x00\x00\x01$PROGRAM" > "$OUT/seeds-api/elf64"
+printf "\x02\x00\x10\x01\x01\x01\x00\x00\x01$PROGRAM" > "$OUT/seeds-api/coff"
+# A typed data label refused at its next property, then a typed register symbol, then emit.
+printf '\x01\x00\x10\x01\x01\x00\x00\x01\x00\x01\x00\x00\x00\x01\x00\x01\x00\x05\x02\x02\x03\x06\x00\x04' \
+    > "$OUT/seeds-api/failed-create"
+printf '\x00%.0s' $(seq 17) >> "$OUT/seeds-api/failed-create"
+printf '\x01\x05\x04\x03\x05\x00\x00\x03\x08\x00\x06\x05\x00\x00\x01\x0c' >> "$OUT/seeds-api/failed-create"
+
 if [[ "${1:-}" == "--build-only" ]]; then
     exit 0
 fi
 # libFuzzer exits non-zero (and keeps the crashing input in $OUT) when an input fails.
 cd "$OUT"
-./fuzz_retrieve -max_total_time="$SECONDS_TO_RUN" -timeout=10 -rss_limit_mb=2048 \
+HALF=$(( (SECONDS_TO_RUN + 1) / 2 ))
+./fuzz_retrieve -max_total_time="$HALF" -timeout=10 -rss_limit_mb=2048 \
     -print_final_stats=1 -print_funcs=0 "$OUT/corpus" "$SEEDS"
+./fuzz_api -max_total_time="$(( SECONDS_TO_RUN - HALF ))" -timeout=10 -rss_limit_mb=2048 \
+    -print_final_stats=1 -print_funcs=0 "$OUT/corpus-api" "$OUT/seeds-api"
