@@ -202,14 +202,15 @@ CError CProcObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev) {
     m_bNamePrepared = false;
     if (info.AddAddressRelocation(start + lowField, m_hMainSymbol).Failed())
         return kFailed;
-    // The procedure's end gets a symbol of its own, "$$$00001" and on, for high_pc.
+    // The procedure's end gets a symbol of its own, "$$$00001" and on, for high_pc. It marks a
+    // place, not a function: typed as one, symbolizers would name the code after it by it.
     BrxHandle section = 0;
     if (objfile::SymbolSection(m_hMainSymbol, section).Failed())
         return kFailed;
     char endName[32];
     std::snprintf(endName, sizeof(endName), "$$$%05u", State().endSymbolCounter++);
     BrxHandle endSymbol = 0;
-    if (objfile::CreateSymbol(endName, BRX_SYMBOL_FUNCTION, section, m_nEnd, endSymbol).Failed())
+    if (objfile::CreateSymbol(endName, BRX_SYMBOL_PLAIN, section, m_nEnd, endSymbol).Failed())
         return kFailed;
     return info.AddAddressRelocation(start + highField, endSymbol);
 }

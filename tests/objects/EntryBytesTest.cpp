@@ -141,6 +141,9 @@ TEST_P(EntryBytes, ProcedureEntryAndItsEndSymbol) {
     uint64_t offset = 0;
     ASSERT_EQ(_brx_get_keyed(end, BRX_KEY_SYMBOL_OFFSET, nullptr, &offset, 0), 0);
     EXPECT_EQ(offset, 0x30u);
+    uint32_t type = BRX_SYMBOL_FUNCTION;
+    ASSERT_EQ(_brx_get_keyed(end, BRX_KEY_SYMBOL_TYPE, nullptr, &type, 0), 0);
+    EXPECT_EQ(type, uint32_t(BRX_SYMBOL_PLAIN)); // a place, not a function
 }
 
 INSTANTIATE_TEST_SUITE_P(Elf, EntryBytes, ::testing::Values(BRX_FORMAT_ELF32, BRX_FORMAT_ELF64),
