@@ -37,10 +37,11 @@ void CBaseLangObject::operator delete(void *p) {
         state.objectArena.Release(p);
 }
 
+// The list grows first: a reference never names a target whose list does not hold it.
 void CBaseLangObject::AddReferrer(CEntryReference *reference) {
-    reference->m_pTarget = this;
-    reference->m_nSlot = m_RefList.size();
     m_RefList.push_back(reference);
+    reference->m_pTarget = this;
+    reference->m_nSlot = m_RefList.size() - 1;
 }
 
 // Every referrer receives the same offset, so the list's order does not matter: the last
