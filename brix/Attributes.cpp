@@ -36,6 +36,7 @@ unsigned NumericWidth(uint32_t key) {
     case BRX_KEY_SYMBOL_STORAGE:
     case BRX_KEY_OBJECT_KIND:
     case BRX_KEY_MACHINE:
+    case BRX_KEY_MACHINE_FLAGS:
     case BRX_KEY_SECTION_KIND:
     case BRX_KEY_SECTION_ALIGNMENT:
     case BRX_KEY_SYMBOL_BINDING:
@@ -81,6 +82,9 @@ bool NumericAttribute(const CHandleEntry &e, uint32_t key, uint64_t &out) {
         case BRX_KEY_MACHINE:
             out = f.m_nMachine;
             return true;
+        case BRX_KEY_MACHINE_FLAGS:
+            out = f.m_nMachineFlags;
+            return f.m_nFormat != BRX_FORMAT_COFF;
         }
         return false;
     case Kind::Section: {
@@ -240,8 +244,12 @@ bool SetAttribute(const CHandleEntry &e, uint32_t key, const void *value) {
     uint32_t u32 = 0;
     switch (e.m_Kind) {
     case Kind::File:
+        // A file read back is what it is; only a file being made takes a machine.
         if (key == BRX_KEY_MACHINE)
-            return Load(value, f.m_nMachine);
+            return f.m_bWritable && Load(value, f.m_nMachine);
+        if (key == BRX_KEY_MACHINE_FLAGS)
+            return f.m_bWritable && f.m_nFormat != BRX_FORMAT_COFF &&
+                   Load(value, f.m_nMachineFlags);
         if (key == BRX_KEY_OBJECT_KIND)
             return Load(value, f.m_nObjectKind);
         return false;

@@ -16,7 +16,8 @@ constexpr unsigned kFunctionDefinitionSizeOffset = 4;
 
 constexpr uint16_t IMAGE_FILE_MACHINE_UNKNOWN = 0;
 constexpr uint16_t IMAGE_FILE_MACHINE_I386 = 0x014c;
-constexpr uint16_t IMAGE_FILE_MACHINE_IA64 = 0x0200;
+// The default target's machine number, which only this library's own tools know.
+constexpr uint16_t MACHINE_DEFAULT_TARGET = 0x0200;
 constexpr uint16_t IMAGE_FILE_MACHINE_AMD64 = 0x8664;
 constexpr uint16_t IMAGE_FILE_MACHINE_ARM = 0x01c0;
 constexpr uint16_t IMAGE_FILE_MACHINE_ARMNT = 0x01c4;
@@ -46,11 +47,33 @@ constexpr uint8_t IMAGE_SYM_CLASS_FILE = 103;
 
 constexpr uint8_t IMAGE_COMDAT_SELECT_ASSOCIATIVE = 5;
 
-// Relocation types that name a section and a section-relative offset.
-constexpr uint16_t IA64_SECTION = 11;
-constexpr uint16_t IA64_SECREL32 = 14;
+// Relocation types that name a section and a section-relative offset, per machine.
+constexpr uint16_t DEFAULT_TARGET_SECTION = 11;
+constexpr uint16_t DEFAULT_TARGET_SECREL = 14;
 constexpr uint16_t AMD64_SECTION = 0x000a;
 constexpr uint16_t AMD64_SECREL = 0x000b;
+constexpr uint16_t I386_SECTION = 0x000a;
+constexpr uint16_t I386_SECREL = 0x000b;
+constexpr uint16_t ARM64_SECREL = 0x0008;
+constexpr uint16_t ARM64_SECTION = 0x000d;
+
+// Whether a relocation of `type` in an object of `machine` holds a section-relative offset. The
+// numbers mean different things on different machines (14 is a PC-relative type on x86-64).
+constexpr bool IsSectionRelative(uint16_t machine, uint32_t type) {
+    switch (machine) {
+    case MACHINE_DEFAULT_TARGET:
+        return type == DEFAULT_TARGET_SECREL;
+    case IMAGE_FILE_MACHINE_AMD64:
+        return type == AMD64_SECREL;
+    case IMAGE_FILE_MACHINE_I386:
+        return type == I386_SECREL;
+    case IMAGE_FILE_MACHINE_ARM64:
+        return type == ARM64_SECREL;
+    default:
+        // Objects whose machine field was cleared: either common meaning.
+        return type == DEFAULT_TARGET_SECREL || type == AMD64_SECREL;
+    }
+}
 
 } // namespace brix::coff
 

@@ -348,7 +348,7 @@ bool CCoffReader::ReadLines(const CSymbolSection &owner, uint64_t at, uint64_t l
     for (; it != m_RelocationsByOffset.end() && it->first == at; ++it) {
         const CRelocation &candidate = m_File.m_Relocations[it->second];
         uint32_t type = candidate.m_nType;
-        if (type == IA64_SECREL32 || type == AMD64_SECREL)
+        if (IsSectionRelative(uint16_t(m_File.m_nMachine), type))
             reloc = &candidate;
     }
     if (!reloc || reloc->m_Target == 0)
@@ -443,7 +443,7 @@ bool LooksLikeCoff(const std::vector<uint8_t> &image) {
             return false;
         break;
     case IMAGE_FILE_MACHINE_I386:
-    case IMAGE_FILE_MACHINE_IA64:
+    case MACHINE_DEFAULT_TARGET:
     case IMAGE_FILE_MACHINE_AMD64:
     case IMAGE_FILE_MACHINE_ARM:
     case IMAGE_FILE_MACHINE_ARMNT:

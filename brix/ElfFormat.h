@@ -17,6 +17,11 @@ constexpr uint16_t ET_REL = 1;
 constexpr uint16_t ET_EXEC = 2;
 constexpr uint16_t ET_DYN = 3;
 
+constexpr uint16_t EM_386 = 3;
+constexpr uint16_t EM_X86_64 = 62;
+constexpr uint16_t EM_AARCH64 = 183;
+constexpr uint16_t EM_RISCV = 243;
+
 constexpr uint32_t SHT_NULL = 0;
 constexpr uint32_t SHT_PROGBITS = 1;
 constexpr uint32_t SHT_SYMTAB = 2;
@@ -51,6 +56,39 @@ constexpr uint8_t STT_OBJECT = 1;
 constexpr uint8_t STT_FUNC = 2;
 constexpr uint8_t STT_SECTION = 3;
 constexpr uint8_t STT_FILE = 4;
+
+// Relocation types of EM_386 whose field holds the addend in place.
+constexpr uint32_t R_386_32 = 1;
+constexpr uint32_t R_386_PC32 = 2;
+constexpr uint32_t R_386_16 = 20;
+constexpr uint32_t R_386_PC16 = 21;
+constexpr uint32_t R_386_8 = 22;
+constexpr uint32_t R_386_PC8 = 23;
+
+// Machines whose ABI uses REL relocations: the addend lives in the relocated field.
+constexpr bool UsesRel(uint32_t machine) {
+    return machine == EM_386;
+}
+
+// The width in bytes of the field that a REL relocation of `type` patches; 0 for a type whose
+// field this library does not know.
+constexpr unsigned RelFieldWidth(uint32_t machine, uint32_t type) {
+    if (machine != EM_386)
+        return 0;
+    switch (type) {
+    case R_386_32:
+    case R_386_PC32:
+        return 4;
+    case R_386_16:
+    case R_386_PC16:
+        return 2;
+    case R_386_8:
+    case R_386_PC8:
+        return 1;
+    default:
+        return 0;
+    }
+}
 
 // Record sizes per class.
 constexpr unsigned kEhdrSize32 = 52, kEhdrSize64 = 64;

@@ -79,6 +79,7 @@ bool CElfReader::ReadHeader() {
     m_File.m_nMachine = m_Image.U16(18);
     uint64_t at = 24 + 2 * uint64_t(m_nWord); // past e_version, e_entry and e_phoff
     m_nSectionTable = m_Image.Word(at, m_nWord);
+    m_File.m_nMachineFlags = m_Image.U32(at + m_nWord);
     at += m_nWord + 4 + 2 + 2 + 2; // e_shoff, e_flags, e_ehsize, e_phentsize, e_phnum
     m_nSectionEntrySize = m_Image.U16(at);
     m_nSectionCount = m_Image.U16(at + 2);

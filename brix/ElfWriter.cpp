@@ -1,7 +1,8 @@
 // Writes a file of the object model as a relocatable little-endian ELF32 or ELF64 object.
 //
 // Section header order: the null section; for every section of the model, in creation order, its
-// COMDAT group (when it leads one), the section itself and its RELA section; then .symtab,
+// COMDAT group (when it leads one), the section itself and its relocation section (REL on machines
+// whose ABI keeps the addend in the relocated field, RELA elsewhere); then .symtab,
 // .symtab_shndx (only with 0xff00 sections or more), .strtab and .shstrtab. Symbol order: the null
 // symbol, source files, section symbols, the other local symbols, then the global ones (sh_info of
 // .symtab is the first global).
@@ -39,7 +40,7 @@ class CElfWriter {
 public:
     CElfWriter(const CBrxFile &file, CByteBuffer &out)
         : m_File(file), m_Out(out), m_b64(file.m_nFormat == BRX_FORMAT_ELF64),
-          m_nWord(m_b64 ? 8 : 4) {}
+          m_bRel(UsesRel(file.m_nMachine)), m_nWord(m_b64 ? 8 : 4) {}
 
     bool Write();
 
@@ -60,6 +61,11 @@ private:
 
     bool PlanGroups();
     bool PlanSymbols();
+    bool PlanImplicitAddends() const;
+    void WriteImplicitAddends(const CSection &s, uint64_t at);
+    unsigned RelocationEntrySize() const {
+        return m_bRel ? (m_b64 ? kRelSize64 : kRelSize32) : (m_b64 ? kRelaSize64 : kRelaSize32);
+    }
     void PlanSections();
     void WriteContents();
     void WriteSymbolTable();
@@ -81,6 +87,7 @@ private:
     const CBrxFile &m_File;
     CByteBuffer &m_Out;
     bool m_b64;
+    bool m_bRel; // REL relocation sections, the addends written into the relocated fields
     unsigned m_nWord;
 
     // Per model section.
@@ -245,12 +252,12 @@ void CElfWriter::PlanSections() {
         if (!s.m_Relocations.empty()) {
             m_RelaIndex[i] = uint32_t(m_Headers.size());
             COutSection &r = m_Headers.emplace_back();
-            r.m_nName = AddName(m_ShStrTab, ".rela" + s.m_Name);
-            r.m_nType = SHT_RELA;
+            r.m_nName = AddName(m_ShStrTab, (m_bRel ? ".rel" : ".rela") + s.m_Name);
+            r.m_nType = m_bRel ? SHT_REL : SHT_RELA;
             r.m_nFlags = SHF_INFO_LINK | (inGroup ? SHF_GROUP : 0);
             r.m_nInfo = m_HeaderIndex[i];
             r.m_nAlignment = m_nWord;
-            r.m_nEntrySize = m_b64 ? kRelaSize64 : kRelaSize32;
+            r.m_nEntrySize = RelocationEntrySize();
             r.m_nSize = uint64_t(s.m_Relocations.size()) * r.m_nEntrySize;
             if (inGroup)
                 m_GroupMembers[m_GroupLeader[i]].push_back(m_RelaIndex[i]);
@@ -296,6 +303,47 @@ void CElfWriter::PlanSections() {
             g.m_nLink = m_nSymTab;
             g.m_nSize = 4 * (1 + uint64_t(m_GroupMembers[i].size()));
         }
+    }
+}
+
+// Every addend must fit the field that will hold it, and a non-zero one needs a relocation type
+// whose field this library knows.
+bool CElfWriter::PlanImplicitAddends() const {
+    for (const CRelocation &r : m_File.m_Relocations) {
+        unsigned width = RelFieldWidth(m_File.m_nMachine, r.m_nType);
+        if (width == 0) {
+            if (r.m_nAddend != 0)
+                return false;
+            continue;
+        }
+        if (r.m_nOffset > m_File.m_Sections[r.m_nSection].Size() ||
+            m_File.m_Sections[r.m_nSection].Size() - r.m_nOffset < width)
+            return false;
+        int64_t low = -(int64_t(1) << (8 * width - 1));
+        int64_t high = (int64_t(1) << (8 * width)) - 1;
+        if (r.m_nAddend < low || r.m_nAddend > high)
+            return false;
+    }
+    return true;
+}
+
+// The model keeps addends apart from the bytes (as RELA does): the field of each relocation gets
+// its addend, whatever the bytes there were. Fields that already hold it are left alone.
+void CElfWriter::WriteImplicitAddends(const CSection &s, uint64_t at) {
+    for (uint32_t index : s.m_Relocations) {
+        const CRelocation &r = m_File.m_Relocations[index];
+        unsigned width = RelFieldWidth(m_File.m_nMachine, r.m_nType);
+        if (width == 0)
+            continue;
+        uint8_t field[8] = {};
+        s.Read(r.m_nOffset, width, field);
+        uint64_t present = 0;
+        for (unsigned i = 0; i < width; ++i)
+            present |= uint64_t(field[i]) << (8 * i);
+        uint64_t mask = width == 8 ? ~uint64_t(0) : (uint64_t(1) << (8 * width)) - 1;
+        uint64_t wanted = uint64_t(r.m_nAddend) & mask;
+        if (present != wanted)
+            m_Out.PatchWord(at + r.m_nOffset, wanted, width);
     }
 }
 
@@ -374,11 +422,13 @@ void CElfWriter::WriteRelocations(const CSection &s) {
         if (m_b64) {
             b.U64(rel.m_nOffset);
             b.U64((symbol << 32) | rel.m_nType);
-            b.U64(uint64_t(rel.m_nAddend));
+            if (!m_bRel)
+                b.U64(uint64_t(rel.m_nAddend));
         } else {
             b.U32(uint32_t(rel.m_nOffset));
             b.U32(uint32_t((symbol << 8) | (rel.m_nType & 0xff)));
-            b.U32(uint32_t(rel.m_nAddend));
+            if (!m_bRel)
+                b.U32(uint32_t(rel.m_nAddend));
         }
     }
 }
@@ -412,6 +462,8 @@ void CElfWriter::WriteContents() {
                 b.Zeros(s.Size());
             else if (s.Size() > 0)
                 b.Bytes(s.m_bUsesView ? s.m_pView : s.m_Data.data(), s.Size());
+            if (m_bRel)
+                WriteImplicitAddends(s, out.m_nOffset);
             break;
         }
         case Role::Rela:
@@ -471,7 +523,7 @@ void CElfWriter::WriteHeaders(uint64_t sectionHeaders) {
     e.Word(0, m_nWord); // e_entry
     e.Word(0, m_nWord); // e_phoff
     e.Word(sectionHeaders, m_nWord);
-    e.U32(0); // e_flags
+    e.U32(m_File.m_nMachineFlags);
     e.U16(uint16_t(m_b64 ? kEhdrSize64 : kEhdrSize32));
     e.U16(0); // e_phentsize
     e.U16(0); // e_phnum
@@ -487,14 +539,14 @@ bool Fits32(uint64_t v) {
 }
 
 bool CElfWriter::Write() {
-    if (!PlanGroups() || !PlanSymbols())
+    if (!PlanGroups() || !PlanSymbols() || (m_bRel && !PlanImplicitAddends()))
         return false;
     PlanSections();
 
     uint64_t total = m_b64 ? kEhdrSize64 : kEhdrSize32;
     for (const CSection &s : m_File.m_Sections)
         total += s.Size() + s.m_nAlignment;
-    total += uint64_t(m_File.m_Relocations.size()) * (m_b64 ? kRelaSize64 : kRelaSize32);
+    total += uint64_t(m_File.m_Relocations.size()) * RelocationEntrySize();
     total += uint64_t(m_SymbolOrder.size()) * (m_b64 ? kSymSize64 : kSymSize32);
     total += m_File.m_Names.size() + m_SymbolOrder.size() + m_ShStrTab.size();
     total += 4 * m_ExtendedIndices.size();

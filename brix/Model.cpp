@@ -5,11 +5,6 @@
 
 namespace brix {
 
-namespace {
-constexpr uint32_t kMachineDefaultElf = 50;
-constexpr uint32_t kMachineDefaultCoff = 0x0200;
-} // namespace
-
 bool CSection::IsDebug() const {
     return (m_nFlags & BRX_SECTION_DEBUG) != 0 || m_Name.compare(0, 6, ".debug") == 0;
 }
@@ -43,7 +38,7 @@ uint64_t CSection::Read(uint64_t offset, uint64_t count, uint8_t *out) const {
 
 CBrxFile::CBrxFile(int32_t format, std::string path, bool writable)
     : m_nFormat(format), m_Path(std::move(path)), m_bWritable(writable),
-      m_nMachine(format == BRX_FORMAT_COFF ? kMachineDefaultCoff : kMachineDefaultElf) {}
+      m_nMachine(format == BRX_FORMAT_COFF ? BRX_MACHINE_COFF_DEFAULT : BRX_MACHINE_ELF_DEFAULT) {}
 
 void CBrxFile::SetSymbolName(CSymbol &symbol, std::string_view name) {
     symbol.m_nNameOffset = uint32_t(m_Names.size());

@@ -169,6 +169,7 @@ public:
     std::string m_Path;
     bool m_bWritable;             // made by _brx_new_file: _brx_write_file serialises it
     uint32_t m_nMachine;          // key 20
+    uint32_t m_nMachineFlags = 0; // key 21, ELF e_flags
     uint32_t m_nObjectKind = 0;   // key 19
     std::vector<uint8_t> m_Image; // the whole file, for files read back
 

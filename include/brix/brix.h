@@ -62,7 +62,10 @@ typedef uint32_t BrxHandle; /* 0 = none */
 #define BRX_KEY_SYMBOL_STORAGE 7       /* symbol: uint32_t, 0 = defined in this file */
 #define BRX_KEY_PATH 13                /* file (wide query): in uint32_t capacity in bytes; out char16_t[] */
 #define BRX_KEY_OBJECT_KIND 19         /* file: out uint32_t, 0 relocatable, 1 executable, 2 shared, 3 other linked */
-#define BRX_KEY_MACHINE 20             /* file: uint32_t machine number (e_machine / COFF machine) */
+#define BRX_KEY_MACHINE 20             /* file: uint32_t machine number (e_machine / COFF machine);
+                                          set it on a file made by _brx_new_file */
+#define BRX_KEY_MACHINE_FLAGS 21       /* file: uint32_t ELF e_flags (0 unless set on a new ELF
+                                          file, for example a RISC-V float ABI) */
 #define BRX_KEY_FIND 25                /* file: in BrxFind, out BrxHandle */
 #define BRX_KEY_NAME 36                /* section: the name (create: const char *; query: as key 66) */
 #define BRX_KEY_SECTION_SIZE 37        /* section: out uint64_t */
@@ -93,6 +96,18 @@ typedef uint32_t BrxHandle; /* 0 = none */
 #define BRX_KEY_LINE_BLOCK_FILE 131    /* line block: out BrxHandle file reference (answers key 125) */
 #define BRX_KEY_COMDAT 133             /* section: BrxComdat */
 #define BRX_KEY_RELOC_ADDEND 134       /* relocation: int64_t addend (ELF RELA; 0 otherwise) */
+
+/* Machine numbers (key 20) of the targets that Quillet writes debugging information for. A new
+   file has the default target's number of its format until another is set. */
+#define BRX_MACHINE_ELF_DEFAULT 50
+#define BRX_MACHINE_ELF_I386 3
+#define BRX_MACHINE_ELF_X86_64 62
+#define BRX_MACHINE_ELF_AARCH64 183
+#define BRX_MACHINE_ELF_RISCV 243
+#define BRX_MACHINE_COFF_DEFAULT 0x0200
+#define BRX_MACHINE_COFF_I386 0x014c
+#define BRX_MACHINE_COFF_X86_64 0x8664
+#define BRX_MACHINE_COFF_ARM64 0xaa64
 
 /* Section flag bits (key 43) */
 #define BRX_SECTION_CODE 2
