@@ -86,15 +86,20 @@ typedef struct DbgSource_ *DbgSource; /* source handle: stays valid until Dbg_fi
 #define DBG_PROP_BASE_TYPE 3        /* kinds 2, 3, 4: const int32_t * base-type code 1..12 */
 #define DBG_PROP_VALUE 4            /* kind 3: the value bytes, as wide as the type */
 #define DBG_PROP_NAME 5             /* kinds 3, 4: const char * NUL-terminated */
-#define DBG_PROP_REGISTER 6         /* kind 4: const uint32_t * register 0..524 */
+#define DBG_PROP_REGISTER 6         /* kind 4: const uint32_t * register (see Registers) */
 #define DBG_PROP_ENTRY_LIST 7       /* kind 5: const DbgEntryList * */
 #define DBG_PROP_PROC_TYPE 8        /* kind 5: const DbgType * procedure type */
 #define DBG_PROP_START 9            /* kind 5: const uint64_t * start offset in the section */
 #define DBG_PROP_END 10             /* kind 5: const uint64_t * end offset in the section */
 #define DBG_PROP_DEBUG_START 11     /* kind 5: const uint32_t * */
 #define DBG_PROP_DEBUG_END 12       /* kind 5: const uint32_t * */
-#define DBG_PROP_RETURN_REGISTER 13 /* kind 5: const uint32_t * register 0..524 */
+#define DBG_PROP_RETURN_REGISTER 13 /* kind 5: const uint32_t * register (see Registers) */
 #define DBG_PROP_PROC_FLAGS 14      /* kind 5: const uint16_t * */
+
+/* Registers. On the default target registers are numbered 0..524 (11 above). On another target
+ * (the machine set on the object file, see Dbg_open_module_scope) they are the target's DWARF
+ * register numbers, 0..65535: DWARF writes them unchanged, CodeView writes the machine's CodeView
+ * register, and a register symbol whose number has none is refused with 11 in a COFF module. */
 
 /* ---- Records ------------------------------------------------------------------------------ */
 typedef struct DbgObjectProp {
@@ -162,7 +167,13 @@ QUILLET_API DbgStatus Dbg_emit(void);
 /* ---- Scopes ------------------------------------------------------------------------------- */
 /* Opens the module (compilation unit) on an object file made through brix. language and
  * machine 1; version triples of three uint16 values; wide strings (UTF-16, NUL-terminated).
- * 1 when a module exists; 22 when this object file is already bound. */
+ * 1 when a module exists; 22 when this object file is already bound.
+ * The object file's machine (brix's BRX_KEY_MACHINE, set before this call) chooses the target,
+ * whose relocation types and register numbers the output uses: the default target (machine 50
+ * in ELF32 and ELF64, 0x0200 in COFF), x86-64 (62 in ELF64, 0x8664 in COFF), i386 (3 in ELF32,
+ * 0x014c in COFF), aarch64 (183 in ELF64, 0xaa64 in COFF) or riscv64 (243 in ELF64). Any other
+ * machine, or one in a format its target does not use, is refused with 15 (a check report
+ * names it) and nothing is bound. */
 QUILLET_API DbgStatus Dbg_open_module_scope(BrxHandle object_file, uint32_t language,
                                             uint32_t edit_and_continue, uint32_t no_debug_info,
                                             uint32_t machine, const uint16_t front_end_version[3],

@@ -2,7 +2,9 @@
 
 #include "platform/ByteWriter.h"
 
+#include "frame/LibraryState.h"
 #include "frame/ObjectFile.h"
+#include "frame/Target.h"
 #include "platform/Check.h"
 #include "wideint/WideInt.h"
 
@@ -186,6 +188,7 @@ CError CBinarySection::OpenExisting() {
     return kOk;
 }
 
+// ELF: a 32-bit absolute address of the section (an offset into it); COFF: its section index.
 CError CBinarySection::AddSectionRelocation(uint64_t offset, BrxHandle target) {
     if (EnsureCreated().Failed())
         return kFailed;
@@ -193,10 +196,10 @@ CError CBinarySection::AddSectionRelocation(uint64_t offset, BrxHandle target) {
     switch (m_nFormat) {
     case FORMAT_ELF32:
     case FORMAT_ELF64:
-        type = R_DIRECT32;
+        type = BoundTarget().elfAbsolute32;
         break;
     case FORMAT_COFF:
-        type = R_COFF_SECTION;
+        type = BoundTarget().coffSectionIndex;
         break;
     default:
         return kFailed;
@@ -204,19 +207,20 @@ CError CBinarySection::AddSectionRelocation(uint64_t offset, BrxHandle target) {
     return objfile::CreateRelocation(m_hSection, m_nFormat, type, offset, target);
 }
 
+// ELF: an absolute address as wide as the format's addresses; COFF: a section-relative offset.
 CError CBinarySection::AddAddressRelocation(uint64_t offset, BrxHandle target) {
     if (EnsureCreated().Failed())
         return kFailed;
     uint32_t type;
     switch (m_nFormat) {
     case FORMAT_ELF32:
-        type = R_DIRECT32;
+        type = BoundTarget().elfAbsolute32;
         break;
     case FORMAT_ELF64:
-        type = R_DIRECT64;
+        type = BoundTarget().elfAbsolute64;
         break;
     case FORMAT_COFF:
-        type = R_COFF_SECREL;
+        type = BoundTarget().coffSectionRelative;
         break;
     default:
         return kFailed;

@@ -1,6 +1,7 @@
 #include "frame/ObjectFile.h"
 
 #include "frame/LibraryState.h"
+#include "frame/Target.h"
 #include "platform/Check.h"
 
 #include <vector>
@@ -13,7 +14,7 @@ CError Result(int32_t status) {
 }
 } // namespace
 
-CError Bind(BrxHandle file, CObjectFile &binding) {
+CError Bind(BrxHandle file, CObjectFile &binding, bool &unsupported) {
     BrxFind find{BRX_FIRST, BRX_KIND_SYMBOL_TABLE, BRX_ANY, nullptr};
     BrxHandle table = 0;
     CError found = Result(_brx_get_keyed(file, BRX_KEY_FIND, &find, &table, 0));
@@ -21,10 +22,28 @@ CError Bind(BrxHandle file, CObjectFile &binding) {
     int32_t format = 0;
     CError queried = QueryFormat(file, format);
     QCHECK(queried == CError::BOOL_STATUS_OK);
+    unsupported = false;
+    const CTarget *target = &DefaultTarget();
+    uint32_t machine = 0;
+    // Writing another machine's relocation numbers would corrupt every program linked from the
+    // file, so a machine without a target is refused rather than written as the default.
+    if (queried.Ok() && QueryMachine(file, machine).Ok()) {
+        const CTarget *supportedTarget = FindTarget(format, machine);
+        if (!QCHECK(supportedTarget != nullptr)) {
+            unsupported = true;
+            return kFailed;
+        }
+        target = supportedTarget;
+    }
     binding.file = file;
     binding.symbolTable = found.Ok() ? table : 0;
     binding.format = queried.Ok() ? format : 0;
+    binding.target = target;
     return found.Ok() && queried.Ok() ? kOk : kFailed;
+}
+
+CError QueryMachine(BrxHandle file, uint32_t &machine) {
+    return Result(_brx_get_keyed(file, BRX_KEY_MACHINE, nullptr, &machine, 0));
 }
 
 CError QueryFormat(BrxHandle file, int32_t &format) {

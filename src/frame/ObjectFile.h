@@ -14,23 +14,22 @@ constexpr int32_t FORMAT_ELF32 = 1;
 constexpr int32_t FORMAT_ELF64 = 2;
 constexpr int32_t FORMAT_COFF = 3;
 
-// Relocation types: 32/64-bit direct addresses (ELF), section index and section-relative
-// offset (COFF).
-constexpr uint32_t R_DIRECT32 = 37;
-constexpr uint32_t R_DIRECT64 = 39;
-constexpr uint32_t R_COFF_SECTION = 11;
-constexpr uint32_t R_COFF_SECREL = 14;
+struct CTarget;
 
 struct CObjectFile {
     BrxHandle file = 0;
     int32_t format = 0;
     BrxHandle symbolTable = 0;
+    // The machine the file is for; null while nothing is bound.
+    const CTarget *target = nullptr;
 };
 
 namespace objfile {
 
-// Finds the symbol table of `file` and its format.
-CError Bind(BrxHandle file, CObjectFile &binding);
+// Finds the symbol table of `file`, its format and its target. A file whose machine the library
+// does not write for is not bound: `unsupported` is set and the binding is left empty.
+CError Bind(BrxHandle file, CObjectFile &binding, bool &unsupported);
+CError QueryMachine(BrxHandle file, uint32_t &machine);
 CError QueryFormat(BrxHandle file, int32_t &format);
 CError SymbolName(BrxHandle symbol, std::string &name);
 CError SymbolBinding(BrxHandle symbol, uint32_t &binding);

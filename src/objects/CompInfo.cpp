@@ -8,6 +8,7 @@
 #include "frame/BinarySection.h"
 #include "frame/LibraryState.h"
 #include "frame/ObjectFile.h"
+#include "frame/Target.h"
 #include "platform/ByteWriter.h"
 #include "platform/Text.h"
 
@@ -17,7 +18,6 @@ using quillet::ToUtf8;
 
 namespace {
 constexpr uint32_t kCodeViewLanguage = 3;
-constexpr uint16_t kCodeViewMachine = 0x80;
 } // namespace
 
 CCompInfo::CCompInfo(uint32_t language, uint32_t editAndContinue, uint32_t noDebugInfo,
@@ -60,7 +60,7 @@ CError CCompInfo::WriteCodeView(CBinarySection &symbols, CBinarySection &) {
     record.U16(uint16_t(n + 26));
     record.U16(quillet::cv::S_COMPILE3);
     record.U32(kCodeViewLanguage | (m_bEditAndContinue << 8) | (m_bNoDebugInfo << 9));
-    record.U16(kCodeViewMachine);
+    record.U16(BoundTarget().codeViewCpu);
     for (uint16_t v : m_FrontEndVersion)
         record.U16(v);
     record.U16(0);

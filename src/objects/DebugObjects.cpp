@@ -204,7 +204,7 @@ uint32_t ApplyEnregSym(CEnregSymObject &symbol, const DbgObjectProp &prop) {
         if (!prop.value)
             return DBG_ERR_BAD_PROPERTY_VALUE;
         uint32_t reg = *static_cast<const uint32_t *>(prop.value);
-        if (reg > kMaxRegister)
+        if (!AcceptsRegister(reg, RegisterUse::Symbol))
             return DBG_ERR_BAD_PROPERTY_VALUE;
         symbol.m_nRegister = reg;
         return DBG_ERR_NONE;
@@ -242,7 +242,7 @@ uint32_t ApplyProcedure(CProcObject &proc, const DbgObjectProp &prop) {
         return DBG_ERR_NONE;
     case DBG_PROP_RETURN_REGISTER: {
         uint32_t reg = *static_cast<const uint32_t *>(prop.value);
-        if (reg > kMaxRegister)
+        if (!AcceptsRegister(reg, RegisterUse::ReturnAddress))
             return DBG_ERR_BAD_PROPERTY_VALUE;
         proc.m_nReturnRegister = reg;
         return DBG_ERR_NONE;

@@ -161,7 +161,7 @@ CError CProcObject::ComputeDwarfSize() {
         m_Name.erase(0, 1);
     // The entry must agree with its declaration: a reset type drops the type reference.
     ChooseAbbrev(m_bWithChildren);
-    uint16_t reg = ToDwarfRegister(m_nReturnRegister);
+    uint16_t reg = DwarfRegisterOf(m_nReturnRegister);
     unsigned width = State().AddressWidth();
     m_nRecordLength = SizeULEB128(m_pAbbrev->Code()) + SizeULEB128(reg) + m_Name.size() + 12 +
                       2 * width + (HasDefaultType() ? 0 : 8);
@@ -179,7 +179,7 @@ CError CProcObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev) {
     if (m_pAbbrev->WriteDeclaration(abbrev, code).Failed())
         return kFailed;
     unsigned width = State().AddressWidth();
-    uint16_t reg = ToDwarfRegister(m_nReturnRegister);
+    uint16_t reg = DwarfRegisterOf(m_nReturnRegister);
     bool typed = static_cast<CProcAbbrev *>(m_pAbbrev)->HasType();
     ByteWriter entry(m_nRecordLength);
     entry.ULEB(code);

@@ -20,49 +20,6 @@ using quillet::ByteWriter;
 using quillet::SizeULEB128;
 namespace cv = quillet::cv;
 
-// ---- Register numbers ------------------------------------------------------------------------
-
-namespace {
-
-// One row per range of the assembler's register numbers: CodeView and DWARF numbers are the
-// register number plus a fixed offset within a range.
-struct RegisterRange {
-    uint32_t first, last;
-    int32_t toCodeView, toDwarf;
-};
-
-constexpr RegisterRange kRegisterRanges[] = {
-    {0, 0, 0, 0},
-    {1, 128, 1023, -1},
-    {129, 256, 1919, -1},
-    {257, 384, 2815, 71},
-    {385, 392, 127, -65},
-    {393, 393, 768 - 393, 768 - 393},
-    {394, 521, 3702, 62},
-    {522, 522, 1019 - 522, 1019 - 522},
-    {523, 523, 1017 - 523, 1017 - 523},
-    {524, 524, 1016 - 524, 584 - 524},
-};
-
-const RegisterRange *RangeOf(uint32_t reg) {
-    for (const RegisterRange &range : kRegisterRanges)
-        if (reg >= range.first && reg <= range.last)
-            return &range;
-    return nullptr;
-}
-
-} // namespace
-
-uint16_t ToCodeViewRegister(uint32_t reg) {
-    const RegisterRange *range = RangeOf(reg);
-    return range ? uint16_t(int32_t(reg) + range->toCodeView) : 0;
-}
-
-uint16_t ToDwarfRegister(uint32_t reg) {
-    const RegisterRange *range = RangeOf(reg);
-    return range ? uint16_t(int32_t(reg) + range->toDwarf) : 0;
-}
-
 // ---- Constants -------------------------------------------------------------------------------
 
 CConstantObject::CConstantObject(CScopeNode *owner) {
@@ -246,6 +203,9 @@ CError CEnregSymObject::WriteCodeView(CBinarySection &symbols, CBinarySection &t
     uint32_t typeIndex = 0;
     if (m_pType->GetTypeIndex(types, typeIndex).Failed())
         return kFailed;
+    uint16_t reg = 0;
+    if (CodeViewRegisterOf(m_nRegister, reg).Failed())
+        return kFailed;
     std::string name = m_Name;
     cv::FitNamesInRecord(11, {&name});
     size_t n = name.size();
@@ -253,7 +213,7 @@ CError CEnregSymObject::WriteCodeView(CBinarySection &symbols, CBinarySection &t
     record.U16(uint16_t(n + 9));
     record.U16(cv::S_REGISTER);
     record.U32(typeIndex);
-    record.U16(ToCodeViewRegister(m_nRegister));
+    record.U16(reg);
     record.CString(name);
     return symbols.AppendRecord(record);
 }
@@ -262,7 +222,7 @@ CError CEnregSymObject::ComputeDwarfSize() {
     if (!m_bHasName || !m_pType)
         return kFailed;
     m_nRecordLength = SizeULEB128(m_pAbbrev->Code()) + m_Name.size() +
-                      SizeULEB128(ToDwarfRegister(m_nRegister)) + 3;
+                      SizeULEB128(DwarfRegisterOf(m_nRegister)) + 3;
     return kOk;
 }
 
@@ -272,7 +232,7 @@ CError CEnregSymObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev)
     uint32_t code = 0;
     if (m_pAbbrev->WriteDeclaration(abbrev, code).Failed())
         return kFailed;
-    uint16_t reg = ToDwarfRegister(m_nRegister);
+    uint16_t reg = DwarfRegisterOf(m_nRegister);
     ByteWriter entry(m_nRecordLength);
     entry.ULEB(code);
     entry.CString(m_Name);

@@ -2,17 +2,13 @@
 #pragma once
 
 #include "objects/DebugObjects.h"
+#include "objects/Registers.h"
 
 #include <string>
 #include <vector>
 
 class CBaseDebugType;
 class CDebugBasicType;
-
-// Register translations from the assembler's numbering (0..524).
-uint16_t ToCodeViewRegister(uint32_t reg);
-uint16_t ToDwarfRegister(uint32_t reg);
-constexpr uint32_t kMaxRegister = 524;
 
 // A CodeView numeric leaf and the value bytes that follow it.
 struct NumericLeaf {

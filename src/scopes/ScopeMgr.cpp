@@ -48,7 +48,10 @@ extern "C" QUILLET_API DbgStatus Dbg_open_module_scope(
     if (!QCHECK(object_file != 0))
         return DBG_ERR_FAILED; // nothing is bound to a null handle
     if (state.binding.file == 0) {
-        CError bound = objfile::Bind(object_file, state.binding);
+        bool unsupported = false;
+        CError bound = objfile::Bind(object_file, state.binding, unsupported);
+        if (unsupported)
+            return DBG_ERR_UNSUPPORTED_FORMAT; // the check has named the refusal
         QCHECK(bound == CError::BOOL_STATUS_OK);
     } else if (state.binding.file == object_file) {
         return DBG_ERR_ALREADY_OPEN;

@@ -41,6 +41,10 @@ ModuleBuilder::ModuleBuilder(const std::string &path, int32_t format, bool initL
         m_SymbolTable = 0;
 }
 
+bool ModuleBuilder::SetMachine(uint32_t machine) {
+    return _brx_set_value(m_File, BRX_KEY_MACHINE, &machine, 0) == BRX_OK;
+}
+
 ModuleBuilder::~ModuleBuilder() {
     if (m_bInit)
         Dbg_finish();

@@ -31,6 +31,9 @@ public:
     ModuleBuilder(const ModuleBuilder &) = delete;
     ModuleBuilder &operator=(const ModuleBuilder &) = delete;
 
+    // Sets the object file's machine (brix key 20), which chooses the target at OpenModule.
+    bool SetMachine(uint32_t machine);
+
     BrxHandle File() const { return m_File; }
     BrxHandle SymbolTable() const { return m_SymbolTable; }
     int32_t Format() const { return m_Format; }

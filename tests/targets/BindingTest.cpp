@@ -1,0 +1,137 @@
+// The object file's machine chooses the target at binding: a machine the library does not write
+// for is refused, and register numbers are taken in the target's own DWARF numbering and shown by
+// the consumers as the machine's registers.
+#include "support/ModuleBuilder.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+namespace {
+
+using qtest::CheckCounter;
+using qtest::ModuleBuilder;
+using qtest::TempDir;
+
+struct Refused {
+    const char *name;
+    int32_t format;
+    uint32_t machine;
+};
+
+// Machines outside the table, and machines in a format their target does not use.
+const Refused kRefused[] = {
+    {"elf64_sparc", BRX_FORMAT_ELF64, 43},
+    {"elf32_i386_as_elf64", BRX_FORMAT_ELF64, BRX_MACHINE_ELF_I386},
+    {"elf32_x86_64", BRX_FORMAT_ELF32, BRX_MACHINE_ELF_X86_64},
+    {"coff_riscv", BRX_FORMAT_COFF, BRX_MACHINE_ELF_RISCV},
+    {"coff_elf_number", BRX_FORMAT_COFF, BRX_MACHINE_ELF_X86_64},
+};
+
+class UnsupportedMachine : public ::testing::TestWithParam<Refused> {};
+
+TEST_P(UnsupportedMachine, IsRefusedAtBindingWithACheckReport) {
+    TempDir dir;
+    ModuleBuilder m(dir.File("x.o"), GetParam().format);
+    ASSERT_TRUE(m.SetMachine(GetParam().machine));
+    CheckCounter checks;
+    EXPECT_EQ(m.OpenModule(), DBG_ERR_UNSUPPORTED_FORMAT);
+    EXPECT_EQ(checks.Count(), 1);
+    // Nothing was bound: there is no module to describe and nothing to emit.
+    EXPECT_EQ(m.OpenSection(m.AddSection(".text", true, 4)), DBG_ERR_SCOPE_NOT_OPENED);
+    EXPECT_EQ(m.Emit(), DBG_ERR_NO_OBJECT_FORMAT);
+}
+
+INSTANTIATE_TEST_SUITE_P(Machines, UnsupportedMachine, ::testing::ValuesIn(kRefused),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// A register symbol and a procedure's return-address register as the consumers show them.
+struct RegisterCase {
+    const char *name;
+    int32_t format;
+    uint32_t machine;
+    uint32_t reg;
+    const char *shown; // what the consumer's dump of the register symbol must match
+};
+
+const RegisterCase kRegisters[] = {
+    // DWARF keeps the target's numbers; llvm-dwarfdump names the machine's register.
+    {"elf_x86_64_rbx", BRX_FORMAT_ELF64, BRX_MACHINE_ELF_X86_64, 3, R"(DW_OP_regx RBX)"},
+    {"elf_x86_64_xmm9", BRX_FORMAT_ELF64, BRX_MACHINE_ELF_X86_64, 26, R"(DW_OP_regx XMM9)"},
+    {"elf_i386_esi", BRX_FORMAT_ELF32, BRX_MACHINE_ELF_I386, 6, R"(DW_OP_regx ESI)"},
+    {"elf_aarch64_x19", BRX_FORMAT_ELF64, BRX_MACHINE_ELF_AARCH64, 19, R"(DW_OP_regx W19)"},
+    {"elf_riscv_a0", BRX_FORMAT_ELF64, BRX_MACHINE_ELF_RISCV, 10, R"(DW_OP_regx X10)"},
+    // CodeView takes the machine's own register numbers.
+    {"coff_x86_64_rbx", BRX_FORMAT_COFF, BRX_MACHINE_COFF_X86_64, 3, R"(Seg: RBX \(0x149\))"},
+    {"coff_x86_64_r12", BRX_FORMAT_COFF, BRX_MACHINE_COFF_X86_64, 12, R"(Seg: R12 \(0x154\))"},
+    {"coff_i386_esi", BRX_FORMAT_COFF, BRX_MACHINE_COFF_I386, 6, R"(Seg: ESI \(0x17\))"},
+    {"coff_arm64_lr", BRX_FORMAT_COFF, BRX_MACHINE_COFF_ARM64, 30, R"(Seg: ARM64_LR \(0x50\))"},
+};
+
+class TargetRegisters : public ::testing::TestWithParam<RegisterCase> {};
+
+TEST_P(TargetRegisters, AreTheMachinesRegistersInEveryConsumer) {
+    const RegisterCase &c = GetParam();
+    TempDir dir;
+    std::string object = dir.File("regs.o");
+    ModuleBuilder m(object, c.format);
+    ASSERT_TRUE(m.SetMachine(c.machine));
+    ASSERT_EQ(m.OpenModule(), DBG_ERR_NONE);
+    BrxHandle text = m.AddSection(".text", true, 16);
+    BrxHandle entry = m.AddSymbol("entry", text, 0);
+    ASSERT_EQ(m.OpenSection(text), DBG_ERR_NONE);
+    ASSERT_EQ(m.OpenProcedure({entry}, 0, 16), DBG_ERR_NONE);
+    ASSERT_EQ(m.Register("counter", 5, c.reg), DBG_ERR_NONE);
+    ASSERT_EQ(m.Close(), DBG_ERR_NONE);
+    ASSERT_EQ(m.Emit(), DBG_ERR_NONE);
+    ASSERT_TRUE(m.Write());
+
+    qtest::CommandResult dump = c.format == BRX_FORMAT_COFF
+                                    ? qtest::RunConsumer("llvm-readobj-14 --codeview", object)
+                                    : qtest::RunConsumer("llvm-dwarfdump-14 --debug-info", object);
+    ASSERT_EQ(dump.exitCode, 0) << dump.output;
+    EXPECT_TRUE(std::regex_search(dump.output, std::regex(c.shown))) << dump.output;
+    EXPECT_TRUE(qtest::ConsumerComplaints(dump.output).empty()) << dump.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(Machines, TargetRegisters, ::testing::ValuesIn(kRegisters),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// Numbers that the target's numbering lacks are refused as property values.
+TEST(TargetRegisterLimits, NumbersWithoutARegisterAreRefused) {
+    struct Case {
+        int32_t format;
+        uint32_t machine; // 0: the default target
+        uint32_t reg;
+        DbgStatus symbol, returnAddress;
+    } cases[] = {
+        {BRX_FORMAT_ELF64, 0, 524, DBG_ERR_NONE, DBG_ERR_NONE},
+        {BRX_FORMAT_ELF64, 0, 525, DBG_ERR_BAD_PROPERTY_VALUE, DBG_ERR_BAD_PROPERTY_VALUE},
+        // DWARF takes any number of the target's numbering.
+        {BRX_FORMAT_ELF64, BRX_MACHINE_ELF_RISCV, 4096 + 0x300, DBG_ERR_NONE, DBG_ERR_NONE},
+        {BRX_FORMAT_ELF64, BRX_MACHINE_ELF_X86_64, 0x10000, DBG_ERR_BAD_PROPERTY_VALUE,
+         DBG_ERR_BAD_PROPERTY_VALUE},
+        // CodeView has no register for x86-64's fs.base (58): a register symbol cannot be
+        // written, a return address (not written in CodeView) can.
+        {BRX_FORMAT_COFF, BRX_MACHINE_COFF_X86_64, 58, DBG_ERR_BAD_PROPERTY_VALUE, DBG_ERR_NONE},
+        {BRX_FORMAT_COFF, BRX_MACHINE_COFF_ARM64, 40, DBG_ERR_BAD_PROPERTY_VALUE, DBG_ERR_NONE},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.reg);
+        TempDir dir;
+        ModuleBuilder m(dir.File("x.o"), c.format);
+        if (c.machine != 0) {
+            ASSERT_TRUE(m.SetMachine(c.machine));
+        }
+        ASSERT_EQ(m.OpenModule(), DBG_ERR_NONE);
+        EXPECT_EQ(m.Register("r", 5, c.reg), c.symbol);
+        BrxHandle text = m.AddSection(".text", true, 4);
+        ASSERT_EQ(m.OpenSection(text), DBG_ERR_NONE);
+        DbgObject proc = nullptr;
+        ASSERT_EQ(m.OpenProcedure({m.AddSymbol("p", text, 0)}, 0, 4, nullptr, &proc), DBG_ERR_NONE);
+        DbgObjectProp prop{DBG_PROP_RETURN_REGISTER, &c.reg};
+        EXPECT_EQ(Dbg_add_object_prop(proc, &prop, 1), c.returnAddress);
+    }
+}
+
+} // namespace
