@@ -208,7 +208,7 @@ CError CBinarySection::AddSectionRelocation(uint64_t offset, BrxHandle target) {
 }
 
 // ELF: an absolute address as wide as the format's addresses; COFF: a section-relative offset.
-CError CBinarySection::AddAddressRelocation(uint64_t offset, BrxHandle target) {
+CError CBinarySection::AddAddressRelocation(uint64_t offset, BrxHandle target, int64_t addend) {
     if (EnsureCreated().Failed())
         return kFailed;
     uint32_t type;
@@ -225,7 +225,7 @@ CError CBinarySection::AddAddressRelocation(uint64_t offset, BrxHandle target) {
     default:
         return kFailed;
     }
-    return objfile::CreateRelocation(m_hSection, m_nFormat, type, offset, target);
+    return objfile::CreateRelocation(m_hSection, m_nFormat, type, offset, target, addend);
 }
 
 CError CBinarySection::StartSubsection(uint32_t kind) {

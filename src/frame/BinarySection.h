@@ -65,7 +65,9 @@ public:
     CError AddSectionRelocation(uint64_t offset, BrxHandle target);
     // A direct address relocation at `offset` against `target`: 4 bytes under ELF32, 8 under
     // ELF64, section-relative under COFF.
-    CError AddAddressRelocation(uint64_t offset, BrxHandle target);
+    // `addend` is added to the target's address (RELA addend, or the relocated field on machines
+    // whose ABI keeps it there).
+    CError AddAddressRelocation(uint64_t offset, BrxHandle target, int64_t addend = 0);
     // Begins a CodeView subsection on a 4-byte boundary, or writes the signature for kind 4.
     CError StartSubsection(uint32_t kind);
     // Overwrites 4 bytes already written (a length patch), in the low buffer or the object file.

@@ -141,12 +141,16 @@ CError CreateSymbol(const std::string &name, uint32_t type, BrxHandle section, u
 }
 
 CError CreateRelocation(BrxHandle section, int32_t format, uint32_t type, uint64_t offset,
-                        BrxHandle target) {
+                        BrxHandle target, int64_t addend) {
     BrxAttr attrs[] = {{BRX_KEY_RELOC_TYPE, &type},
                        {BRX_KEY_RELOC_OFFSET, &offset},
-                       {BRX_KEY_RELOC_TARGET, &target}};
+                       {BRX_KEY_RELOC_TARGET, &target},
+                       {BRX_KEY_RELOC_ADDEND, &addend}};
+    // The addend is an attribute only when there is one.
+    uint32_t count = addend != 0 ? 4 : 3;
     BrxHandle created = 0;
-    return Result(_brx_create_object(section, format, BRX_KIND_RELOCATION, 3, attrs, &created, 0));
+    return Result(
+        _brx_create_object(section, format, BRX_KIND_RELOCATION, count, attrs, &created, 0));
 }
 
 CError WriteBytes(BrxHandle section, uint64_t offset, const void *data, uint64_t count,

@@ -46,7 +46,7 @@ CError CreateSection(BrxHandle file, int32_t format, const std::string &name, ui
 CError CreateSymbol(const std::string &name, uint32_t type, BrxHandle section, uint64_t offset,
                     BrxHandle &symbol);
 CError CreateRelocation(BrxHandle section, int32_t format, uint32_t type, uint64_t offset,
-                        BrxHandle target);
+                        BrxHandle target, int64_t addend = 0);
 // Writes `count` bytes at `offset`; `written` is the count the library reports.
 CError WriteBytes(BrxHandle section, uint64_t offset, const void *data, uint64_t count,
                   uint64_t &written);

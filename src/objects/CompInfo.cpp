@@ -127,15 +127,23 @@ CError CCompInfo::WriteDwarf(CBinarySection &info, CBinarySection &abbrev) {
     if (info.AppendRecord(entry, &start).Failed())
         return kFailed;
     if (m_hCodeSection) {
-        // The range runs from the start of the code section to a symbol at its end.
+        // The range runs from the start of the code section to a symbol at its end; on a real
+        // machine, whose symbolizers would name the code that follows after that symbol, to the
+        // section's address plus its size.
         uint64_t size = 0;
         BrxHandle etext = 0;
         if (info.AddAddressRelocation(start + lowField, m_hCodeSection).Failed() ||
-            objfile::SectionSize(m_hCodeSection, size).Failed() ||
-            objfile::CreateSymbol(".$etext", BRX_SYMBOL_PLAIN, m_hCodeSection, size, etext)
-                .Failed() ||
-            info.AddAddressRelocation(start + lowField + width, etext).Failed())
+            objfile::SectionSize(m_hCodeSection, size).Failed())
             return kFailed;
+        if (!BoundTarget().IsDefault()) {
+            if (info.AddAddressRelocation(start + lowField + width, m_hCodeSection, int64_t(size))
+                    .Failed())
+                return kFailed;
+        } else if (objfile::CreateSymbol(".$etext", BRX_SYMBOL_PLAIN, m_hCodeSection, size, etext)
+                       .Failed() ||
+                   info.AddAddressRelocation(start + lowField + width, etext).Failed()) {
+            return kFailed;
+        }
     }
     return info.AddSectionRelocation(start + stmtField, m_hLineSection);
 }

@@ -8,6 +8,7 @@
 #include "frame/BinarySection.h"
 #include "frame/LibraryState.h"
 #include "frame/ObjectFile.h"
+#include "frame/Target.h"
 #include "objects/ValueObjects.h"
 #include "platform/ByteWriter.h"
 #include "types/DebugTypes.h"
@@ -202,11 +203,15 @@ CError CProcObject::WriteDwarf(CBinarySection &info, CBinarySection &abbrev) {
     m_bNamePrepared = false;
     if (info.AddAddressRelocation(start + lowField, m_hMainSymbol).Failed())
         return kFailed;
-    // The procedure's end gets a symbol of its own, "$$$00001" and on, for high_pc. It marks a
-    // place, not a function: typed as one, symbolizers would name the code after it by it.
     BrxHandle section = 0;
     if (objfile::SymbolSection(m_hMainSymbol, section).Failed())
         return kFailed;
+    // On a real machine a symbol at the procedure's end would be taken by linkers and symbolizers
+    // for the procedure that follows it: high_pc is the section's address plus the end offset.
+    if (!BoundTarget().IsDefault())
+        return info.AddAddressRelocation(start + highField, section, int64_t(m_nEnd));
+    // The procedure's end gets a symbol of its own, "$$$00001" and on, for high_pc. It marks a
+    // place, not a function: typed as one, symbolizers would name the code after it by it.
     char endName[32];
     std::snprintf(endName, sizeof(endName), "$$$%05u", State().endSymbolCounter++);
     BrxHandle endSymbol = 0;
