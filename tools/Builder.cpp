@@ -55,11 +55,14 @@ std::string WorkingDirectory() {
 
 class Builder {
 public:
-    Builder(const Description &description, int format) : m_Desc(description), m_nFormat(format) {}
+    Builder(const Description &description, int format, uint32_t machine)
+        : m_Desc(description), m_nFormat(format), m_nMachine(machine) {}
 
     void Run(const std::string &output) {
         RequireBrix(_brx_new_file(output.c_str(), m_nFormat, &m_Session.m_hFile), 0,
                     "creating the object file");
+        RequireBrix(_brx_set_value(m_Session.m_hFile, BRX_KEY_MACHINE, &m_nMachine, 0), 0,
+                    "setting the object file's machine");
         CreateSections();
         CreateSymbols();
         m_Session.Initialise();
@@ -80,6 +83,7 @@ public:
 private:
     const Description &m_Desc;
     int m_nFormat;
+    uint32_t m_nMachine;
     Session m_Session;
     std::vector<BrxHandle> m_Sections, m_Symbols;
     std::vector<DbgSource> m_Sources;
@@ -267,8 +271,9 @@ private:
 
 } // namespace
 
-void BuildObject(const Description &description, const std::string &output, int format) {
-    Builder(description, format).Run(output);
+void BuildObject(const Description &description, const std::string &output, int format,
+                 uint32_t machine) {
+    Builder(description, format, machine).Run(output);
 }
 
 } // namespace qdbg

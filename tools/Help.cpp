@@ -9,7 +9,7 @@ const char kSynopsis[] = R"(NAME
            information; query the line information of object files
 
 SYNOPSIS
-    qdbg build DESCRIPTION -o OUTPUT [--format elf64|elf32|coff]
+    qdbg build DESCRIPTION -o OUTPUT [--format elf64|elf32|coff] [--target TARGET]
     qdbg lines OBJECT
     qdbg addr OBJECT SECTION OFFSET
     qdbg line OBJECT SOURCE LINE [COLUMN]
@@ -29,10 +29,24 @@ DESCRIPTION
 COMMANDS
 )";
 
-const char kBuild[] = R"(    build DESCRIPTION -o OUTPUT [--format elf64|elf32|coff]
+const char kBuild[] =
+    R"(    build DESCRIPTION -o OUTPUT [--format elf64|elf32|coff] [--target TARGET]
         Reads DESCRIPTION and writes the object file OUTPUT.
         -o, --output OUTPUT   the object file to write (required)
         -f, --format FORMAT   elf64 (the default), elf32 or coff
+        -t, --target TARGET   the machine the object is for, which the linkers, debuggers and
+                              symbolizers of that machine then read it as:
+                                default   elf64, elf32 or coff (the default)
+                                x86-64    elf64 or coff
+                                i386      elf32 or coff
+                                aarch64   elf64 or coff
+                                riscv64   elf64
+                              A target with a format it does not use is a command-line error
+                              (exit code 2). On a target other than default, register numbers
+                              are the target's DWARF register numbers.
+        For example, an x86-64 program that ld links and gdb debugs:
+            qdbg build prog.qd -o prog.o --target x86-64
+            ld prog.o -o prog && gdb -batch -ex 'break prog.s:12' -ex run -ex bt ./prog
         A fault in the description is reported as DESCRIPTION:LINE: what is wrong, for
         example "desc.txt:12: unknown type 'data3'"; a refusal by the library names the line
         whose call it refused and the status code. Nothing is written then.
@@ -113,7 +127,9 @@ DESCRIPTION FORMAT
         A named constant of a basic type; VALUE is an integer (negative only for the signed
         types) or, for real4, real8 and real10, a decimal number.
     register NAME TYPE NUMBER
-        A symbol that lives in register NUMBER (0 to 524, the assembler's numbering).
+        A symbol that lives in register NUMBER: 0 to 524, the assembler's numbering, on the
+        default target; the target's DWARF register number on the others (for example 3 for
+        rbx on x86-64), which COFF output turns into the machine's CodeView register.
 
     procedure ENTRY[,ENTRY...] end=OFFSET [start=OFFSET] [type=PROCTYPE]
               [return-register=N] [flags=N] [debug-start=N] [debug-end=N]

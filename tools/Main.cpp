@@ -3,6 +3,7 @@
 #include "Description.h"
 #include "Help.h"
 #include "Query.h"
+#include "Targets.h"
 #include "Text.h"
 
 #include <cstdio>
@@ -30,13 +31,17 @@ bool WantsHelp(const std::vector<std::string> &args) {
 }
 
 int Build(const std::vector<std::string> &args) {
-    std::string description, output, format = "elf64";
+    std::string description, output, format = "elf64", target = "default";
     for (size_t k = 0; k < args.size(); ++k) {
         const std::string &arg = args[k];
-        if (arg == "-o" || arg == "--output" || arg == "-f" || arg == "--format") {
+        if (arg == "-o" || arg == "--output" || arg == "-f" || arg == "--format" || arg == "-t" ||
+            arg == "--target") {
             if (k + 1 >= args.size())
                 return Usage(arg + " needs a value", "build");
-            (arg == "-o" || arg == "--output" ? output : format) = args[++k];
+            std::string &value = arg == "-o" || arg == "--output"   ? output
+                                 : arg == "-f" || arg == "--format" ? format
+                                                                    : target;
+            value = args[++k];
         } else if (arg.size() > 1 && arg[0] == '-') {
             return Usage("unknown option '" + arg + "'", "build");
         } else if (description.empty()) {
@@ -52,6 +57,10 @@ int Build(const std::vector<std::string> &args) {
     int formatNumber = format == "elf32" ? 1 : format == "elf64" ? 2 : format == "coff" ? 3 : 0;
     if (formatNumber == 0)
         return Usage("unknown format '" + format + "' (elf64, elf32 or coff)", "build");
+    uint32_t machine = 0;
+    std::string misfit;
+    if (!MachineFor(target, formatNumber, machine, misfit))
+        return Usage(misfit, "build");
 
     std::ifstream in(description, std::ios::binary);
     if (!in) {
@@ -61,7 +70,7 @@ int Build(const std::vector<std::string> &args) {
     std::ostringstream text;
     text << in.rdbuf();
     try {
-        BuildObject(ParseDescription(text.str()), output, formatNumber);
+        BuildObject(ParseDescription(text.str()), output, formatNumber, machine);
     } catch (const DescriptionError &error) {
         if (error.Line() > 0)
             std::fprintf(stderr, "%s:%d: %s\n", description.c_str(), error.Line(), error.what());
