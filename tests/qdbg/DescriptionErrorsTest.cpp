@@ -123,6 +123,12 @@ const UsageCase kUsageCases[] = {
     {"build d.qd", "qdbg: no output file (-o OUTPUT)"},
     {"build d.qd -o", "qdbg: -o needs a value"},
     {"build d.qd -o x.o --format pe", "qdbg: unknown format 'pe' (elf64, elf32 or coff)"},
+    {"build d.qd -o x.o --target riscv64 --format coff",
+     "qdbg: target 'riscv64' has no coff objects (use --format elf64)"},
+    {"build d.qd -o x.o --target i386", // elf64 by default
+     "qdbg: target 'i386' has no elf64 objects (use --format elf32 or coff)"},
+    {"build d.qd -o x.o -t arm",
+     "qdbg: unknown target 'arm' (default, x86-64, i386, aarch64 or riscv64)"},
     {"build d.qd e.qd -o x.o", "qdbg: more than one description file"},
     {"build d.qd -o x.o -v", "qdbg: unknown option '-v'"},
     {"lines", "qdbg: lines takes one object file"},
