@@ -58,6 +58,7 @@ unsigned NumericWidth(uint32_t key) {
     case BRX_KEY_RELOC_OFFSET:
     case BRX_KEY_RELOC_ADDEND:
     case BRX_KEY_LINE_ITEM_ADDRESS:
+    case BRX_KEY_LINE_BLOCK_END:
         return 8;
     default:
         return 0;
@@ -159,6 +160,9 @@ bool NumericAttribute(const CHandleEntry &e, uint32_t key, uint64_t &out) {
         case BRX_KEY_LINE_BLOCK_FILE:
             out = b.m_FileReference;
             return b.m_FileReference != 0;
+        case BRX_KEY_LINE_BLOCK_END:
+            out = b.m_nCodeEnd;
+            return true;
         }
         return false;
     }

@@ -339,6 +339,7 @@ bool CCoffReader::ReadLines(const CSymbolSection &owner, uint64_t at, uint64_t l
     uint64_t end = at + length;
     uint32_t storedOffset = r.U32(at);
     uint16_t flags = r.U16(at + 6);
+    uint32_t codeSize = r.U32(at + 8);
 
     // The header's offset field is relocated against a symbol of the code section (section-
     // relative relocation); without one the block cannot be placed and is not offered.
@@ -379,6 +380,7 @@ bool CCoffReader::ReadLines(const CSymbolSection &owner, uint64_t at, uint64_t l
         BrxHandle file = FileReference(name);
         uint32_t index = m_File.AddLineBlock(codeSection);
         m_File.m_LineBlocks[index].m_FileReference = file;
+        m_File.m_LineBlocks[index].m_nCodeEnd = base + codeSize;
         uint64_t pair = block + kFileBlockHeaderSize;
         uint64_t column = pair + pairs * kLinePairSize;
         for (uint64_t k = 0; k < pairs; ++k) {

@@ -143,6 +143,7 @@ struct CLineBlock {
     uint32_t m_nFirstItem = 0;
     uint32_t m_nItemCount = 0;
     BrxHandle m_FileReference = 0;
+    uint64_t m_nCodeEnd = 0; // section offset where the code of its lines subsection ends
 };
 
 struct CLineItem {

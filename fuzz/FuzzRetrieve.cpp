@@ -11,6 +11,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -55,11 +56,31 @@ void QueryEverything(CBaseRetrieve &engine, const uint8_t *data, size_t size) {
             DbgInstInfo info;
             (void)engine.InstInfoByOffset(1, &query, &info);
         }
+        // Every row with its range, and each found again from both ends of its range.
+        uint64_t total = 0;
+        (void)engine.RowCount(handle, &total);
+        std::vector<DbgLineRow> all(static_cast<size_t>(std::min<uint64_t>(total, 4096)));
+        uint64_t copied = all.size();
+        (void)engine.GetRows(handle, 0, all.data(), &copied);
+        for (uint64_t i = 0; i < copied; ++i) {
+            DbgLineRow found;
+            uint64_t index = 0;
+            if (engine.FindRow(handle, all[i].offset, &found, &index) == DBG_ERR_NONE &&
+                all[i].end > all[i].offset)
+                (void)engine.FindRow(handle, all[i].end - 1, &found, nullptr);
+        }
+        for (size_t i = 0; i + 2 <= size && i < 64; i += 2) {
+            DbgLineRow found;
+            (void)engine.FindRow(handle, static_cast<uint64_t>(data[i] | (data[i + 1] << 8)),
+                                 &found, nullptr);
+        }
     }
     for (uint32_t file = 0; file < count && file < 4; ++file) {
-        DbgSourceHandle source{u"", file, file};
+        DbgSourceHandle *source = nullptr;
+        if (engine.FindSource(engine.Files().GetFile(file)->m_Path.c_str(), &source) != 0)
+            continue;
         for (size_t i = 0; i + 1 < size && i < 32; ++i) {
-            DbgSourceQuery query{&source, data[i], static_cast<uint16_t>(data[i + 1] & 3)};
+            DbgSourceQuery query{source, data[i], static_cast<uint16_t>(data[i + 1] & 3)};
             DbgSourceResult result;
             (void)engine.InstInfoBySource(data[i] & 1, &query, &result);
         }
@@ -126,7 +147,12 @@ void FuzzObjectFile(const uint8_t *data, size_t size) {
                 DbgOffsetQuery query{lines, data[i]};
                 DbgInstInfo info;
                 (void)DbgLine_get_inst_info_by_offset(data[i + 1] & 1, &query, &info);
+                DbgLineRow row;
+                (void)DbgLine_find_row(lines, data[i], &row, nullptr);
             }
+            DbgLineRow rows[8];
+            uint64_t count = 8;
+            (void)DbgLine_get_rows(lines, size > 1 ? data[1] : 0, rows, &count);
         }
         Dbg_finish();
         _brx_close_file(file);

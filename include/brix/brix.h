@@ -95,6 +95,8 @@ typedef uint32_t BrxHandle; /* 0 = none */
 #define BRX_KEY_NEXT_LINE_ITEM 130     /* line block: in const BrxHandle *previous, out BrxHandle item */
 #define BRX_KEY_LINE_BLOCK_FILE 131    /* line block: out BrxHandle file reference (answers key 125) */
 #define BRX_KEY_COMDAT 133             /* section: BrxComdat */
+#define BRX_KEY_LINE_BLOCK_END 135     /* line block: out uint64_t section offset where the code that
+                                          its lines subsection covers ends */
 #define BRX_KEY_RELOC_ADDEND 134       /* relocation: int64_t addend (ELF RELA; 0 otherwise) */
 
 /* Machine numbers (key 20) of the targets that Quillet writes debugging information for. A new

@@ -251,15 +251,18 @@ typedef struct DbgLineRow {
 #define DBG_ROW_IS_STMT 1u        /* a recommended breakpoint location */
 #define DBG_ROW_SEQUENCE_START 2u /* the first row of its sequence */
 
-/* The number of rows of a line section. 26 for a handle the reader did not hand out. */
+/* The number of rows of a line section. 26 for a handle the reader did not hand out (or a null
+ * count). */
 QUILLET_API DbgStatus DbgLine_get_row_count(DbgLineSectionHandle *handle, uint64_t *count);
 /* Copies rows of the section in table order, from row `first`, into rows: *count in: how many
- * rows the array holds; out: how many were copied (fewer, or 0, at the end). 26 as above. */
+ * rows the array holds; out: how many were copied (fewer, or 0, at the end). rows may be NULL
+ * when *count is 0. 26 as above. */
 QUILLET_API DbgStatus DbgLine_get_rows(DbgLineSectionHandle *handle, uint64_t first,
                                        DbgLineRow *rows, uint64_t *count);
 /* The row whose range holds `offset`: the last row at or below it in the sequence that covers
- * it; never a row past its sequence's end. *index (when not NULL) receives the row's number.
- * 29 when no sequence covers the offset; 26 as above. */
+ * it (of several rows at one address, the last); never a row past its sequence's end. *index
+ * (when not NULL) receives the row's number. 29 when no sequence covers the offset; 26 as above
+ * (or a null row). */
 QUILLET_API DbgStatus DbgLine_find_row(DbgLineSectionHandle *handle, uint64_t offset,
                                        DbgLineRow *row, uint64_t *index);
 /* The function whose code holds `offset` in the section, as the DWARF subprograms of an ELF

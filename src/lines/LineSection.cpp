@@ -152,6 +152,8 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRow
     uint32_t file = 1;
     uint32_t line = 1;
     uint32_t column = 0;
+    const uint32_t defaultFlags = h.m_bDefaultIsStmt ? kRowIsStmt : 0;
+    uint32_t flags = defaultFlags;
 
     // Where the current sequence lies: placed at its first kept row, and again after any later
     // DW_LNE_set_address.
@@ -173,15 +175,20 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRow
     bool sorted = true;
     uint64_t lastAddress = 0;
 
-    auto closeSpan = [&]() {
+    // Where the open span's code ends when a DW_LNE_set_address moves the sequence on.
+    uint64_t movedFrom = 0;
+
+    auto closeSpan = [&](uint64_t endAddress) {
         if (spanOpen) {
             spans.back().m_nEnd = static_cast<uint32_t>(out - rows.data());
             spans.back().m_bSorted = sorted;
+            spans.back().m_nEndAddress = endAddress;
             spanOpen = false;
         }
     };
     auto finish = [&](CError status) {
-        closeSpan();
+        // A unit that stops without ending its sequence: its last row ends the span.
+        closeSpan(lastAddress);
         rows.SetSize(static_cast<size_t>(out - rows.data()));
         return status;
     };
@@ -195,9 +202,9 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRow
             }
             bias = static_cast<uint64_t>(signedBias);
             needsPlacing = false;
-            closeSpan();
+            closeSpan(movedFrom);
             spans.push_back(
-                CSequenceSpan{section, static_cast<uint32_t>(out - rows.data()), 0, true});
+                CSequenceSpan{section, static_cast<uint32_t>(out - rows.data()), 0, true, 0});
             spanOpen = true;
             sorted = true;
             lastAddress = 0;
@@ -220,7 +227,7 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRow
         uint64_t placed = address + bias;
         sorted &= placed >= lastAddress;
         lastAddress = placed;
-        *out++ = CLineRow{placed, line, column + 1, fileIndex, section};
+        *out++ = CLineRow{placed, line, column + 1, fileIndex, flags};
         slow = (out == limit);
     };
 
@@ -246,21 +253,35 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRow
             const uint8_t *next = p + length;
             uint8_t sub = *p++;
             switch (sub) {
-            case DW_LNE_end_sequence:
+            case DW_LNE_end_sequence: {
+                uint64_t endAddress = address + bias;
+                if (spanOpen && needsPlacing && addressSet) {
+                    // A DW_LNE_set_address after the last row names the end itself; where its
+                    // own relocation places it in another section, the register still counts
+                    // from the sequence's start.
+                    BrxHandle endSection = 0;
+                    int64_t endBias = 0;
+                    if (placer.Place(operandOffset, address, endSection, endBias).Ok() &&
+                        endSection == section)
+                        endAddress = address + static_cast<uint64_t>(endBias);
+                }
+                closeSpan(endAddress);
                 address = 0;
                 file = 1;
                 line = 1;
                 column = 0;
+                flags = defaultFlags;
                 addressSet = false;
                 needsPlacing = true;
                 slow = true;
-                closeSpan();
                 break;
+            }
             case DW_LNE_set_address: {
                 uint64_t operandSize = length - 1;
                 if (operandSize > kMaxAddressBytes)
                     return finish(Fail(at));
                 // The operand replaces the low bytes of the register; bytes above it stay.
+                movedFrom = address + bias;
                 uint64_t mask =
                     operandSize == 8 ? ~uint64_t(0) : ((uint64_t(1) << (8 * operandSize)) - 1);
                 address = (address & ~mask) | ReadLE(p, static_cast<unsigned>(operandSize));
@@ -301,8 +322,10 @@ CError CLineSection::DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRow
             column = static_cast<uint32_t>(ReadULEB128(p, end, ok));
             break;
         case DW_LNS_negate_stmt:
+            flags ^= kRowIsStmt;
+            break;
         case DW_LNS_set_basic_block:
-            // Neither flag is kept in a row.
+            // Not kept in a row.
             break;
         case DW_LNS_const_add_pc:
             address += ((255u - opcodeBase) / lineRange) * minInst;

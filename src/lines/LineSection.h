@@ -35,13 +35,17 @@ enum : uint8_t {
     DW_LNE_define_file = 3,
 };
 
-// One decoded row: a plain 24-byte value, so millions of them are one allocation.
+// Bits of CLineRow::m_nFlags.
+constexpr uint32_t kRowIsStmt = 1; // the is_stmt register was set: a recommended breakpoint
+
+// One decoded row: a plain 24-byte value, so millions of them are one allocation. Its section is
+// that of the sequence it belongs to.
 struct CLineRow {
     uint64_t m_nAddress; // offset in its section
     uint32_t m_nLine;
     uint32_t m_nColumn;   // the column register + 1, so 1 when a program sets no column
     int32_t m_nFileIndex; // position in the file table
-    BrxHandle m_Section;  // the object-file section the row's sequence lies in
+    uint32_t m_nFlags;    // kRow* bits
 };
 static_assert(sizeof(CLineRow) == 24, "rows are kept by the million: keep them small");
 static_assert(std::is_trivially_copyable<CLineRow>::value, "rows are moved with memcpy");
@@ -60,12 +64,16 @@ template <class T> struct CLargeAllocator {
     template <class U> bool operator!=(const CLargeAllocator<U> &) const { return false; }
 };
 
-// A run of consecutive rows that one sequence placed in one section.
+// A run of consecutive rows that one sequence placed in one section, and where the code it
+// describes ends (the address of its end-of-sequence row, placed like its rows). A sequence whose
+// DW_LNE_set_address moves it on mid-way is two spans; the first ends where the address register
+// stood when it moved.
 struct CSequenceSpan {
     BrxHandle m_Section;
     uint32_t m_nBegin;
     uint32_t m_nEnd;
     bool m_bSorted; // addresses never decrease inside the span
+    uint64_t m_nEndAddress;
 };
 
 // The growable array that holds every row of an object. Memory is never zero-filled, so pages

@@ -364,14 +364,32 @@ uint32_t CBaseRetrieve::LoadCoffLines() {
             status = DBG_ERR_READ_FAILED;
             break;
         }
+        // The file blocks of one lines subsection describe one range of code: their rows make
+        // one sequence, put in address order. Consecutive blocks with the same end belong to one
+        // subsection.
+        size_t spanBegin = m_Rows.size();
+        uint64_t spanEnd = 0;
+        bool spanOpen = false;
+        auto closeSpan = [&]() {
+            if (!spanOpen)
+                return;
+            std::stable_sort(
+                m_Rows.data() + spanBegin, m_Rows.data() + m_Rows.size(),
+                [](const CLineRow &a, const CLineRow &b) { return a.m_nAddress < b.m_nAddress; });
+            uint64_t last = m_Rows.size() > spanBegin ? m_Rows[m_Rows.size() - 1].m_nAddress : 0;
+            AddSpan(section, spanBegin, std::max(spanEnd, last));
+            spanOpen = false;
+        };
         for (BrxHandle block = BRX_FIRST; status == DBG_ERR_NONE;) {
             BrxHandle previous = block;
             result = _brx_get_keyed(section, BRX_KEY_NEXT_LINE_BLOCK, &previous, &block, 0);
             if (result == BRX_ERR_NO_MORE)
                 break;
             BrxHandle reference = 0, symbol = 0;
+            uint64_t codeEnd = 0;
             if (result != BRX_OK || !Query(block, BRX_KEY_LINE_BLOCK_FILE, nullptr, &reference) ||
-                !Query(reference, BRX_KEY_LINE_FILE_SYMBOL, nullptr, &symbol)) {
+                !Query(reference, BRX_KEY_LINE_FILE_SYMBOL, nullptr, &symbol) ||
+                !Query(block, BRX_KEY_LINE_BLOCK_END, nullptr, &codeEnd)) {
                 status = DBG_ERR_READ_FAILED;
                 break;
             }
@@ -380,7 +398,13 @@ uint32_t CBaseRetrieve::LoadCoffLines() {
                 status = DBG_ERR_READ_FAILED;
                 break;
             }
-            size_t spanBegin = m_Rows.size();
+            if (spanOpen && codeEnd != spanEnd)
+                closeSpan();
+            if (!spanOpen) {
+                spanBegin = m_Rows.size();
+                spanEnd = codeEnd;
+                spanOpen = true;
+            }
             for (BrxHandle item = BRX_FIRST;;) {
                 BrxHandle previousItem = item;
                 result = _brx_get_keyed(block, BRX_KEY_NEXT_LINE_ITEM, &previousItem, &item, 0);
@@ -394,10 +418,10 @@ uint32_t CBaseRetrieve::LoadCoffLines() {
                     break;
                 }
                 // Columns of COFF line items are not kept: every row has column 1.
-                m_Rows.PushBack(CLineRow{address, line, 1, file->second, section});
+                m_Rows.PushBack(CLineRow{address, line, 1, file->second, kRowIsStmt});
             }
-            AddSpan(section, spanBegin);
         }
+        closeSpan();
     }
     FinishRows();
     return status;
@@ -445,23 +469,23 @@ CSectionRows &CBaseRetrieve::SlotOf(BrxHandle section) {
     return m_SectionList.back();
 }
 
-void CBaseRetrieve::AddSpan(BrxHandle section, size_t begin) {
+void CBaseRetrieve::AddSpan(BrxHandle section, size_t begin, uint64_t endAddress) {
     if (begin == m_Rows.size())
         return;
     bool sorted = std::is_sorted(
         m_Rows.data() + begin, m_Rows.data() + m_Rows.size(),
         [](const CLineRow &a, const CLineRow &b) { return a.m_nAddress < b.m_nAddress; });
     m_Spans.push_back(CSequenceSpan{section, static_cast<uint32_t>(begin),
-                                    static_cast<uint32_t>(m_Rows.size()), sorted});
+                                    static_cast<uint32_t>(m_Rows.size()), sorted, endAddress});
 }
 
 void CBaseRetrieve::FinishRows() {
-    // Work per span, not per row: a section is in order when its spans follow one another in
-    // the table and each starts at or above where the one before it ended.
+    // Work per span, not per row: a section is in address order when its spans follow one
+    // another in the table and each starts at or above where the one before it ended.
     struct SlotState {
         uint32_t end = 0;
         uint32_t count = 0;
-        bool sorted = true;
+        bool ordered = true;
         uint64_t lastAddress = 0;
         std::vector<uint32_t> spans;
     };
@@ -490,7 +514,7 @@ void CBaseRetrieve::FinishRows() {
             contiguous = false;
         uint64_t first = m_Rows[span.m_nBegin].m_nAddress;
         if (!span.m_bSorted || (!state.spans.empty() && first < state.lastAddress))
-            state.sorted = false;
+            state.ordered = false;
         state.lastAddress = m_Rows[span.m_nEnd - 1].m_nAddress;
         state.end = span.m_nEnd;
         state.count += span.m_nEnd - span.m_nBegin;
@@ -512,20 +536,36 @@ void CBaseRetrieve::FinishRows() {
         }
         m_Rows.Swap(grouped);
     }
-    m_Spans.clear();
+    m_Sequences.clear();
     m_Buckets.clear();
+    m_AddressOrder.clear();
     for (size_t s = 0; s < m_SectionList.size(); ++s) {
         CSectionRows &rows = m_SectionList[s];
         rows.m_nEnd = rows.m_nBegin + slots[s].count;
-        CLineRow *first = m_Rows.data() + rows.m_nBegin;
-        CLineRow *last = m_Rows.data() + rows.m_nEnd;
-        if (!slots[s].sorted)
-            std::stable_sort(first, last, [](const CLineRow &a, const CLineRow &b) {
-                return a.m_nAddress < b.m_nAddress;
-            });
+        rows.m_nSequenceBegin = static_cast<uint32_t>(m_Sequences.size());
+        uint32_t at = rows.m_nBegin;
+        for (uint32_t i : slots[s].spans) {
+            const CSequenceSpan &span = m_Spans[i];
+            uint32_t length = span.m_nEnd - span.m_nBegin;
+            m_Sequences.push_back(CSequence{at, at + length, span.m_nEndAddress});
+            at += length;
+        }
+        rows.m_nSequenceEnd = static_cast<uint32_t>(m_Sequences.size());
+        rows.m_bAddressOrdered = slots[s].ordered;
+        if (!rows.m_bAddressOrdered) {
+            // Rows at one address keep their table order.
+            rows.m_nOrderBegin = static_cast<uint32_t>(m_AddressOrder.size());
+            for (uint32_t r = rows.m_nBegin; r < rows.m_nEnd; ++r)
+                m_AddressOrder.push_back(r);
+            std::stable_sort(m_AddressOrder.begin() + rows.m_nOrderBegin, m_AddressOrder.end(),
+                             [this](uint32_t a, uint32_t b) {
+                                 return m_Rows[a].m_nAddress < m_Rows[b].m_nAddress;
+                             });
+        }
         BuildBuckets(rows);
         AttachSectionScope(rows);
     }
+    m_Spans.clear();
 }
 
 std::pair<const CLineRow *, const CLineRow *> CBaseRetrieve::RowsOf(BrxHandle section) const {
@@ -539,11 +579,15 @@ std::pair<const CLineRow *, const CLineRow *> CBaseRetrieve::RowsOf(BrxHandle se
 void CBaseRetrieve::BuildBuckets(CSectionRows &rows) {
     rows.m_nBucketBegin = static_cast<uint32_t>(m_Buckets.size());
     rows.m_nBucketCount = 0;
-    if (rows.m_nBegin == rows.m_nEnd)
+    const uint32_t n = rows.Count();
+    if (n == 0)
         return;
-    uint64_t low = m_Rows[rows.m_nBegin].m_nAddress;
-    uint64_t span = m_Rows[rows.m_nEnd - 1].m_nAddress - low;
-    uint64_t wanted = std::max<uint64_t>(1, (rows.m_nEnd - rows.m_nBegin) / kRowsPerBucket);
+    auto addressAt = [&](uint32_t position) {
+        return m_Rows[RowAtPosition(rows, position)].m_nAddress;
+    };
+    uint64_t low = addressAt(0);
+    uint64_t span = addressAt(n - 1) - low;
+    uint64_t wanted = std::max<uint64_t>(1, n / kRowsPerBucket);
     uint32_t shift = 0;
     // Written without "+ 1" so that a span of the whole 64-bit range does not wrap.
     while (shift < 63 && (span >> shift) >= wanted)
@@ -552,13 +596,13 @@ void CBaseRetrieve::BuildBuckets(CSectionRows &rows) {
     rows.m_nLowAddress = low;
     rows.m_nBucketShift = shift;
     rows.m_nBucketCount = static_cast<uint32_t>(count);
-    // Entry b is the first row whose bucket is b or later; one pass over rows and buckets.
+    // Entry b is the first position whose bucket is b or later; one pass over rows and buckets.
     m_Buckets.reserve(m_Buckets.size() + count + 1);
-    uint32_t row = rows.m_nBegin;
+    uint32_t position = 0;
     for (uint64_t b = 0; b <= count; ++b) {
-        while (row < rows.m_nEnd && ((m_Rows[row].m_nAddress - low) >> shift) < b)
-            ++row;
-        m_Buckets.push_back(row);
+        while (position < n && ((addressAt(position) - low) >> shift) < b)
+            ++position;
+        m_Buckets.push_back(position);
     }
 }
 
@@ -570,8 +614,18 @@ int64_t CBaseRetrieve::FindRowAtOffset(const CSectionRows &rows, uint64_t offset
         return -1;
     // Every row at the offset is in this bucket; the first of them is the one given.
     const uint32_t *starts = m_Buckets.data() + rows.m_nBucketBegin + bucket;
-    const CLineRow *first = m_Rows.data() + starts[0];
-    const CLineRow *last = m_Rows.data() + starts[1];
+    if (!rows.m_bAddressOrdered) {
+        const uint32_t *order = m_AddressOrder.data() + rows.m_nOrderBegin;
+        const uint32_t *found = std::lower_bound(
+            order + starts[0], order + starts[1], offset,
+            [this](uint32_t row, uint64_t value) { return m_Rows[row].m_nAddress < value; });
+        if (found == order + starts[1] || m_Rows[*found].m_nAddress != offset)
+            return -1;
+        return found - order;
+    }
+    const CLineRow *base = m_Rows.data() + rows.m_nBegin;
+    const CLineRow *first = base + starts[0];
+    const CLineRow *last = base + starts[1];
     // The bucket's rows span a few cache lines: asking for all of them at once costs about one
     // memory latency instead of one per step of the bisection.
     if (last - first <= static_cast<ptrdiff_t>(2 * kRowsPerBucket)) {
@@ -585,7 +639,109 @@ int64_t CBaseRetrieve::FindRowAtOffset(const CSectionRows &rows, uint64_t offset
         });
     if (found == last || found->m_nAddress != offset)
         return -1;
-    return found - m_Rows.data();
+    return found - base;
+}
+
+uint32_t CBaseRetrieve::PositionAbove(const CSectionRows &rows, uint64_t offset) const {
+    if (rows.m_nBucketCount == 0 || offset < rows.m_nLowAddress)
+        return 0;
+    uint64_t bucket = (offset - rows.m_nLowAddress) >> rows.m_nBucketShift;
+    if (bucket >= rows.m_nBucketCount)
+        return rows.Count();
+    // Earlier buckets hold only lower addresses and later ones only higher: the answer lies in
+    // this bucket or at its end.
+    const uint32_t *starts = m_Buckets.data() + rows.m_nBucketBegin + bucket;
+    uint32_t lo = starts[0], hi = starts[1];
+    while (lo < hi) {
+        uint32_t mid = lo + (hi - lo) / 2;
+        if (m_Rows[RowAtPosition(rows, mid)].m_nAddress <= offset)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo;
+}
+
+const CSectionRows *CBaseRetrieve::LiveSection(const DbgLineSectionHandle *handle) const {
+    if (!m_LiveSectionHandles.Contains(handle))
+        return nullptr;
+    auto slot = m_SectionSlot.find(handle->section);
+    if (slot == m_SectionSlot.end() || m_SectionList[slot->second].m_pHandle != handle)
+        return nullptr;
+    return &m_SectionList[slot->second];
+}
+
+const CSequence &CBaseRetrieve::SequenceOf(const CSectionRows &rows, uint32_t row) const {
+    auto first = m_Sequences.begin() + rows.m_nSequenceBegin;
+    auto last = m_Sequences.begin() + rows.m_nSequenceEnd;
+    auto it = std::upper_bound(first, last, row, [](uint32_t value, const CSequence &sequence) {
+        return value < sequence.m_nBegin;
+    });
+    return *(it - 1);
+}
+
+DbgLineRow CBaseRetrieve::MakeRow(const CSequence &sequence, uint32_t row) const {
+    const CLineRow &r = m_Rows[row];
+    // A row's range runs to the next row of its sequence, or to the sequence's end; a row followed
+    // by another at its own address (or, in a malformed table, a lower one) has an empty range.
+    uint64_t next = row + 1 < sequence.m_nEnd ? m_Rows[row + 1].m_nAddress : sequence.m_nEndAddress;
+    DbgLineRow out;
+    out.offset = r.m_nAddress;
+    out.end = std::max(next, r.m_nAddress);
+    out.line = r.m_nLine;
+    out.column = r.m_nColumn - 1;
+    out.file_index = static_cast<uint32_t>(r.m_nFileIndex);
+    out.flags = ((r.m_nFlags & kRowIsStmt) ? DBG_ROW_IS_STMT : 0) |
+                (row == sequence.m_nBegin ? DBG_ROW_SEQUENCE_START : 0);
+    return out;
+}
+
+uint32_t CBaseRetrieve::RowCount(const DbgLineSectionHandle *handle, uint64_t *count) const {
+    const CSectionRows *rows = LiveSection(handle);
+    if (!rows || !count)
+        return DBG_ERR_OBJECT_FILE;
+    *count = rows->Count();
+    return DBG_ERR_NONE;
+}
+
+uint32_t CBaseRetrieve::GetRows(const DbgLineSectionHandle *handle, uint64_t first, DbgLineRow *out,
+                                uint64_t *count) const {
+    const CSectionRows *rows = LiveSection(handle);
+    if (!rows || !count || (*count > 0 && !out))
+        return DBG_ERR_OBJECT_FILE;
+    uint64_t available = first < rows->Count() ? rows->Count() - first : 0;
+    uint64_t copied = std::min(*count, available);
+    if (copied > 0) {
+        uint32_t row = rows->m_nBegin + static_cast<uint32_t>(first);
+        const CSequence *sequence = &SequenceOf(*rows, row);
+        for (uint64_t i = 0; i < copied; ++i, ++row) {
+            while (row >= sequence->m_nEnd)
+                ++sequence;
+            out[i] = MakeRow(*sequence, row);
+        }
+    }
+    *count = copied;
+    return DBG_ERR_NONE;
+}
+
+uint32_t CBaseRetrieve::FindRow(const DbgLineSectionHandle *handle, uint64_t offset,
+                                DbgLineRow *out, uint64_t *index) const {
+    const CSectionRows *rows = LiveSection(handle);
+    if (!rows || !out)
+        return DBG_ERR_OBJECT_FILE;
+    // The last row at or below the offset in address order; of several at one address, the
+    // last in table order, the one whose range is not empty.
+    uint32_t above = PositionAbove(*rows, offset);
+    if (above == 0)
+        return DBG_ERR_NO_LINE_AT_OFFSET;
+    uint32_t row = RowAtPosition(*rows, above - 1);
+    DbgLineRow found = MakeRow(SequenceOf(*rows, row), row);
+    if (offset >= found.end)
+        return DBG_ERR_NO_LINE_AT_OFFSET; // past its sequence's end, or in an empty range
+    *out = found;
+    if (index)
+        *index = row - rows->m_nBegin;
+    return DBG_ERR_NONE;
 }
 
 DbgLineSectionHandle *CBaseRetrieve::NumberedHandle(CSectionRows &rows) {
@@ -690,11 +846,11 @@ uint32_t CBaseRetrieve::InstInfoByOffset(uint32_t flag, DbgOffsetQuery *query, D
     if (found < 0)
         return DBG_ERR_NO_LINE_AT_OFFSET;
     if (flag == 0) {
-        if (found == rows.m_nBegin)
+        if (found == 0)
             return DBG_ERR_NO_PREVIOUS_LINE;
         --found;
     }
-    const CLineRow &row = m_Rows[static_cast<size_t>(found)];
+    const CLineRow &row = m_Rows[RowAtPosition(rows, static_cast<uint32_t>(found))];
     query->offset = row.m_nAddress;
     info->line = row.m_nLine;
     info->column = static_cast<uint16_t>(row.m_nColumn);
@@ -728,13 +884,14 @@ void CBaseRetrieve::BuildSourceIndex() {
             m_SourceIndex[next[row.m_nFileIndex]++] =
                 CSourceIndexRecord{row.m_nLine, row.m_nColumn, static_cast<uint32_t>(i)};
     }
-    // Records at equal positions stay in row order, so a search meets the lowest address first.
-    auto less = [](const CSourceIndexRecord &a, const CSourceIndexRecord &b) {
+    // Records at equal positions are in address order, so a search meets the lowest first.
+    auto less = [this](const CSourceIndexRecord &a, const CSourceIndexRecord &b) {
         if (a.m_nLine != b.m_nLine)
             return a.m_nLine < b.m_nLine;
         if (a.m_nColumn != b.m_nColumn)
             return a.m_nColumn < b.m_nColumn;
-        return a.m_nRow < b.m_nRow;
+        uint64_t addressA = m_Rows[a.m_nRow].m_nAddress, addressB = m_Rows[b.m_nRow].m_nAddress;
+        return addressA != addressB ? addressA < addressB : a.m_nRow < b.m_nRow;
     };
     for (uint32_t f = 0; f < files; ++f) {
         auto first = m_SourceIndex.begin() + m_FileStarts[f];

@@ -2,10 +2,13 @@
 // ELF objects, CodeView line blocks of COFF objects through the object-file library) and answers
 // queries by instruction offset and by source position.
 //
-// Rows are kept in one table of plain 24-byte values, grouped by section and sorted by address.
-// Each section also has a bucket table over its address range (about one bucket per 16 rows) so
-// an offset lookup reads one bucket and a few neighbouring rows instead of bisecting millions.
-// The source index holds 12-byte records grouped by file and sorted by (line, column).
+// Rows are kept in one table of plain 24-byte values, grouped by section; inside a section they
+// stay in table order (sequence by sequence, each in the order its program emits them), and each
+// sequence remembers where its code ends. Lookups by address go through the section's address
+// order: the table itself when its addresses never decrease (what compilers and assemblers
+// write), else a 4-byte index per row. A bucket table over the address range (about one bucket per
+// 16 rows) lets an offset lookup read one bucket and a few neighbouring rows instead of bisecting
+// millions. The source index holds 12-byte records grouped by file and sorted by (line, column).
 #pragma once
 
 #include "lines/FileTable.h"
@@ -39,12 +42,26 @@ struct CDwarfSections {
     uint64_t strSize = 0;
 };
 
-// The rows of one section: a range of the row table, and its buckets: bucket b holds the rows
-// whose address minus m_nLowAddress, shifted right by m_nBucketShift, is b.
+// One sequence of a section: a range of the row table and the offset where its code ends.
+struct CSequence {
+    uint32_t m_nBegin;
+    uint32_t m_nEnd;
+    uint64_t m_nEndAddress;
+};
+
+// The rows of one section: a range of the row table in table order, its sequences (a range of
+// the sequence list), its address order, and its buckets: bucket b holds the positions in address
+// order whose address minus m_nLowAddress, shifted right by m_nBucketShift, is b.
 struct CSectionRows {
     BrxHandle m_Section = 0;
     uint32_t m_nBegin = 0;
     uint32_t m_nEnd = 0;
+    uint32_t m_nSequenceBegin = 0;
+    uint32_t m_nSequenceEnd = 0;
+    // Position p in address order is row m_nBegin + p when the table is in address order, else
+    // row m_AddressOrder[m_nOrderBegin + p].
+    bool m_bAddressOrdered = true;
+    uint32_t m_nOrderBegin = 0;
     uint64_t m_nLowAddress = 0;
     uint32_t m_nBucketShift = 0;
     uint32_t m_nBucketBegin = 0; // where the section's bucket starts are in the bucket table
@@ -52,6 +69,8 @@ struct CSectionRows {
     int32_t m_nNumber = -1; // handed out when the section is first opened or met by a query
     DbgLineSectionHandle *m_pHandle = nullptr;
     CSectionScope *m_pScope = nullptr;
+
+    uint32_t Count() const { return m_nEnd - m_nBegin; }
 };
 
 // One record of the source index. Records are grouped by file (the file is known from the group
@@ -81,6 +100,14 @@ public:
     uint32_t SourceFileCount(uint32_t *count) const;
     uint32_t SourceFileName(int32_t index, char *buffer, uint32_t *size) const;
 
+    // The row functions of a symbolizer; each returns a DBG_ERR_* status (26 for a handle the
+    // reader did not hand out).
+    uint32_t RowCount(const DbgLineSectionHandle *handle, uint64_t *count) const;
+    uint32_t GetRows(const DbgLineSectionHandle *handle, uint64_t first, DbgLineRow *rows,
+                     uint64_t *count) const;
+    uint32_t FindRow(const DbgLineSectionHandle *handle, uint64_t offset, DbgLineRow *row,
+                     uint64_t *index) const;
+
     // Decodes DWARF line information held in memory, as the ELF loader does once it has read
     // the sections; `placer` says where each sequence lies. Returns 0, 14 or 31. The bytes need
     // to live only through the call. Used by the loader, by tests and by the fuzzer.
@@ -100,7 +127,7 @@ public:
     const quillet::CFileTable &Files() const { return m_Files; }
     const quillet::CRowTable &Rows() const { return m_Rows; }
     const std::vector<quillet::CSectionRows> &Sections() const { return m_SectionList; }
-    // The rows of `section`, sorted by address (empty when it has none).
+    // The rows of `section` in table order (empty when it has none).
     std::pair<const quillet::CLineRow *, const quillet::CLineRow *> RowsOf(BrxHandle section) const;
     // Builds the source index now (it is built on demand otherwise).
     void BuildSourceIndex();
@@ -110,10 +137,12 @@ private:
     uint32_t LoadElfLines();
     uint32_t LoadCoffLines();
     uint32_t LoadByFormat();
-    // Groups the rows by section, sorts each section by address and builds the fences.
+    // Groups the rows by section (their sequences in table order), gives each section its
+    // address order and builds the buckets.
     void FinishRows();
-    // Records the rows from `begin` to the end of the table as one span of `section`.
-    void AddSpan(BrxHandle section, size_t begin);
+    // Records the rows from `begin` to the end of the table as one span of `section` whose code
+    // ends at `endAddress`.
+    void AddSpan(BrxHandle section, size_t begin, uint64_t endAddress);
     quillet::CSectionRows &SlotOf(BrxHandle section);
     DbgLineSectionHandle *NumberedHandle(quillet::CSectionRows &rows);
     bool IsLibraryReader() const;
@@ -123,7 +152,21 @@ private:
                       const std::u16string &name);
     void AttachSectionScope(quillet::CSectionRows &rows);
     void BuildBuckets(quillet::CSectionRows &rows);
+    // The row table index of position `position` of the section's address order.
+    uint32_t RowAtPosition(const quillet::CSectionRows &rows, uint32_t position) const {
+        return rows.m_bAddressOrdered ? rows.m_nBegin + position
+                                      : m_AddressOrder[rows.m_nOrderBegin + position];
+    }
+    // The first position in address order whose row is at `offset`, or -1.
     int64_t FindRowAtOffset(const quillet::CSectionRows &rows, uint64_t offset) const;
+    // The first position in address order whose row lies above `offset`.
+    uint32_t PositionAbove(const quillet::CSectionRows &rows, uint64_t offset) const;
+    // The section of a live handle, or null.
+    const quillet::CSectionRows *LiveSection(const DbgLineSectionHandle *handle) const;
+    // The sequence that holds row `row` of the section.
+    const quillet::CSequence &SequenceOf(const quillet::CSectionRows &rows, uint32_t row) const;
+    // Row `row` as a DbgLineRow: its range ends at the next greater address of its sequence.
+    DbgLineRow MakeRow(const quillet::CSequence &sequence, uint32_t row) const;
     // The file whose group holds source-index record `record`.
     int32_t FileOfRecord(int64_t record) const;
     // -1, 0 or 1 as record `record` sorts below, at or above the position.
@@ -142,10 +185,14 @@ private:
     std::vector<uint8_t> m_InfoBytes, m_AbbrevBytes, m_LineBytes, m_StrBytes;
     quillet::CRowTable m_Rows;
     std::vector<quillet::CSequenceSpan> m_Spans;
+    std::vector<quillet::CSequence> m_Sequences; // grouped by section, in table order
     std::vector<quillet::CSectionRows> m_SectionList;
     std::unordered_map<BrxHandle, uint32_t> m_SectionSlot;
-    // Per section, m_nBucketCount + 1 row indices: bucket b's rows run from entry b to entry b + 1.
+    // Per section, m_nBucketCount + 1 positions in address order: bucket b's rows run from entry
+    // b to entry b + 1.
     std::vector<uint32_t, quillet::CLargeAllocator<uint32_t>> m_Buckets;
+    // The address order of the sections whose table is not in address order.
+    std::vector<uint32_t, quillet::CLargeAllocator<uint32_t>> m_AddressOrder;
     std::vector<quillet::CSourceIndexRecord, quillet::CLargeAllocator<quillet::CSourceIndexRecord>>
         m_SourceIndex;
     std::vector<uint32_t> m_FileStarts; // where each file's group begins; one more at the end

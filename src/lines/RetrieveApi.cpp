@@ -1,4 +1,4 @@
-// The six exported retrieval functions. Each answers 37 unless the library is in retrieval mode
+// The exported retrieval functions. Each answers 37 unless the library is in retrieval mode
 // with a reader, then hands the call to the reader.
 #include "frame/LibraryState.h"
 #include "lines/Retrieve.h"
@@ -64,6 +64,29 @@ QUILLET_API DbgStatus DbgLine_get_source_file_name(int32_t index, char *buffer,
                                                    uint32_t *size) try {
     CBaseRetrieve *reader = Reader();
     return reader ? reader->SourceFileName(index, buffer, size) : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
+}
+
+QUILLET_API DbgStatus DbgLine_get_row_count(DbgLineSectionHandle *handle, uint64_t *count) try {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->RowCount(handle, count) : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
+}
+
+QUILLET_API DbgStatus DbgLine_get_rows(DbgLineSectionHandle *handle, uint64_t first,
+                                       DbgLineRow *rows, uint64_t *count) try {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->GetRows(handle, first, rows, count) : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
+}
+
+QUILLET_API DbgStatus DbgLine_find_row(DbgLineSectionHandle *handle, uint64_t offset,
+                                       DbgLineRow *row, uint64_t *index) try {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->FindRow(handle, offset, row, index) : DBG_ERR_NOT_RETRIEVE_MODE;
 } catch (...) {
     return StatusOfFailedAllocation();
 }

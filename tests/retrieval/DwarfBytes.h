@@ -2,9 +2,22 @@
 // test states the program it decodes opcode by opcode.
 #pragma once
 
+#include <quillet/quillet.h>
+
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
+
+// Rows of the row functions compare field by field and print readably in test messages.
+inline bool operator==(const DbgLineRow &a, const DbgLineRow &b) {
+    return a.offset == b.offset && a.end == b.end && a.line == b.line && a.column == b.column &&
+           a.file_index == b.file_index && a.flags == b.flags;
+}
+inline std::ostream &operator<<(std::ostream &os, const DbgLineRow &r) {
+    return os << "{0x" << std::hex << r.offset << "-0x" << r.end << std::dec << " line " << r.line
+              << " col " << r.column << " file " << r.file_index << " flags " << r.flags << "}";
+}
 
 namespace retrievaltest {
 

@@ -27,6 +27,7 @@ std::ostream &operator<<(std::ostream &os, const Line &l) {
               << "}";
 }
 using Table = std::vector<Line>;
+const char *const kEndMarker = "<end of code>";
 
 // Functions in a source file and in a header it includes, each statement on its own line.
 void WriteSources(const qtest::TempDir &dir, int functions) {
@@ -44,11 +45,14 @@ void WriteSources(const qtest::TempDir &dir, int functions) {
 }
 
 // Each function's lines as the dumper prints them: offsets from the function's start, which is
-// the start of its own section when every function has a section.
+// the start of its own section when every function has a section. The table ends with a marker
+// line whose offset is where the function's code ends.
 std::vector<Table> DumpedTables(const std::string &object) {
     qtest::CommandResult dump = qtest::RunCommand("llvm-readobj-14 --codeview " + object);
     EXPECT_EQ(dump.exitCode, 0) << dump.output;
     std::vector<Table> tables;
+    std::vector<uint64_t> codeSizes;
+    bool inTableHeader = false; // the procedure records have code sizes too
     std::string file;
     uint64_t offset = 0;
     for (const std::string &text : qtest::SplitLines(dump.output)) {
@@ -59,6 +63,10 @@ std::vector<Table> DumpedTables(const std::string &object) {
         unsigned number = 0;
         if (line.rfind("FunctionLineTable [", 0) == 0) {
             tables.emplace_back();
+            inTableHeader = true;
+        } else if (inTableHeader && std::sscanf(line.c_str(), "CodeSize: 0x%llx", &value) == 1) {
+            codeSizes.push_back(value);
+            inTableHeader = false;
         } else if (line.rfind("Filename: ", 0) == 0) {
             file = line.substr(10, line.rfind(" (") - 10);
         } else if (std::sscanf(line.c_str(), "+0x%llx [", &value) == 1) {
@@ -68,6 +76,9 @@ std::vector<Table> DumpedTables(const std::string &object) {
             tables.back().push_back(Line{offset, number, file});
         }
     }
+    EXPECT_EQ(codeSizes.size(), tables.size());
+    for (size_t i = 0; i < tables.size() && i < codeSizes.size(); ++i)
+        tables[i].push_back(Line{codeSizes[i], 0, kEndMarker});
     return tables;
 }
 
@@ -98,12 +109,23 @@ TEST(ForeignCoff, LinesEqualTheDumpersFunctionByFunction) {
         if (section.m_nBegin == section.m_nEnd)
             continue;
         Table table;
-        for (uint32_t i = section.m_nBegin; i < section.m_nEnd; ++i) {
-            const quillet::CLineRow &row = engine.Rows()[i];
-            EXPECT_EQ(row.m_nColumn, 1u);
-            table.push_back(Line{row.m_nAddress, row.m_nLine,
-                                 engine.Files().GetFile(row.m_nFileIndex)->m_Path});
+        DbgLineSectionHandle *handle = engine.SectionHandle(section.m_Section);
+        std::vector<DbgLineRow> rows(section.m_nEnd - section.m_nBegin);
+        uint64_t count = rows.size();
+        ASSERT_EQ(engine.GetRows(handle, 0, rows.data(), &count), 0u);
+        for (const DbgLineRow &row : rows) {
+            EXPECT_EQ(row.column, 0u);
+            table.push_back(
+                Line{row.offset, row.line, engine.Files().GetFile(row.file_index)->m_Path});
+            DbgLineRow found{};
+            if (row.end > row.offset) {
+                EXPECT_EQ(engine.FindRow(handle, row.end - 1, &found, nullptr), 0u);
+                EXPECT_EQ(found.offset, row.offset);
+            }
         }
+        table.push_back(Line{rows.back().end, 0, kEndMarker});
+        DbgLineRow found{};
+        EXPECT_EQ(engine.FindRow(handle, rows.back().end, &found, nullptr), 29u);
         ours.push_back(table);
     }
     std::sort(ours.begin(), ours.end());

@@ -14,13 +14,15 @@ namespace {
 struct Row {
     uint64_t address;
     uint32_t line, column, file;
+    bool stmt;
     bool operator==(const Row &o) const {
-        return address == o.address && line == o.line && column == o.column && file == o.file;
+        return address == o.address && line == o.line && column == o.column && file == o.file &&
+               stmt == o.stmt;
     }
 };
 std::ostream &operator<<(std::ostream &os, const Row &r) {
     return os << "{0x" << std::hex << r.address << std::dec << " line " << r.line << " col "
-              << r.column << " file " << r.file << "}";
+              << r.column << " file " << r.file << (r.stmt ? " is_stmt" : "") << "}";
 }
 
 // Names that a linker keeps as sections of their own.
@@ -64,21 +66,26 @@ std::string GenerateAssembly(int rowsPerSection, const std::string &compDir) {
     return s.str();
 }
 
-// The rows of each sequence that the dumper prints, end-of-sequence rows left out.
-std::vector<std::vector<Row>> DumpedSequences(const std::string &object) {
+// The rows of each sequence that the dumper prints, and the address of its end-of-sequence row.
+struct Sequence : std::vector<Row> {
+    uint64_t end = 0;
+};
+std::vector<Sequence> DumpedSequences(const std::string &object) {
     qtest::CommandResult dump = qtest::RunCommand("llvm-dwarfdump-14 --debug-line " + object);
     EXPECT_EQ(dump.exitCode, 0) << dump.output;
-    std::vector<std::vector<Row>> sequences(1);
+    std::vector<Sequence> sequences(1);
     for (const std::string &text : qtest::SplitLines(dump.output)) {
         unsigned long long address;
         unsigned line, column, file;
         if (std::sscanf(text.c_str(), "0x%llx %u %u %u", &address, &line, &column, &file) != 4)
             continue;
         if (text.find("end_sequence") != std::string::npos) {
+            sequences.back().end = address;
             sequences.emplace_back();
             continue;
         }
-        sequences.back().push_back(Row{address, line, column, file});
+        bool stmt = text.find("is_stmt") != std::string::npos;
+        sequences.back().push_back(Row{address, line, column, file, stmt});
     }
     sequences.pop_back();
     return sequences;
@@ -129,8 +136,8 @@ protected:
     }
 
     // The sequence whose lines belong to section s.
-    const std::vector<Row> &SequenceOf(int s) {
-        for (const std::vector<Row> &seq : sequences)
+    const Sequence &SequenceOf(int s) {
+        for (const Sequence &seq : sequences)
             if (!seq.empty() && seq.front().line / 10000 == uint32_t(s + 1))
                 return seq;
         ADD_FAILURE() << "no sequence for section " << s;
@@ -139,27 +146,49 @@ protected:
 
     qtest::TempDir dir;
     std::string object;
-    std::vector<std::vector<Row>> sequences;
+    std::vector<Sequence> sequences;
     CBaseRetrieve engine;
     DbgSourceHandle *mainSource = nullptr;
 };
 
+// Row by row through the row functions: the same rows, flags and ranges as the dumper's, and
+// each row found again from every end of its range.
 TEST_P(ForeignElf, RowsEqualTheDumpersSectionBySection) {
     for (int s = 0; s < 3; ++s) {
         SCOPED_TRACE(kSections[s]);
         BrxHandle section = SectionNamed(engine.Object(), kSections[s]);
-        auto [first, last] = engine.RowsOf(section);
+        DbgLineSectionHandle *handle = engine.SectionHandle(section);
+        uint64_t count = 0;
+        ASSERT_EQ(engine.RowCount(handle, &count), 0u);
+        std::vector<DbgLineRow> rows(count);
+        ASSERT_EQ(engine.GetRows(handle, 0, rows.data(), &count), 0u);
+        ASSERT_EQ(count, rows.size());
         // Rows are kept as offsets in their section; the dumper prints addresses.
         uint64_t base = SectionAddress(section);
         EXPECT_EQ(base != 0, GetParam() != Link::Relocatable);
         std::vector<Row> ours;
-        for (const quillet::CLineRow *r = first; r != last; ++r)
-            ours.push_back(Row{r->m_nAddress + base, r->m_nLine, r->m_nColumn - 1,
-                               uint32_t(r->m_nFileIndex + 1)});
-        const std::vector<Row> &theirs = SequenceOf(s);
+        for (const DbgLineRow &r : rows)
+            ours.push_back(Row{r.offset + base, r.line, r.column, r.file_index + 1,
+                               (r.flags & DBG_ROW_IS_STMT) != 0});
+        const Sequence &theirs = SequenceOf(s);
         EXPECT_EQ(theirs.size(), size_t(kRowsPerSection));
         EXPECT_EQ(theirs.front().address - base, 3u); // three bytes before the first located one
-        EXPECT_EQ(ours, theirs);
+        EXPECT_EQ(ours, static_cast<const std::vector<Row> &>(theirs));
+        ASSERT_EQ(rows.size(), theirs.size());
+        for (size_t i = 0; i < rows.size(); ++i) {
+            uint64_t end = i + 1 < rows.size() ? theirs[i + 1].address : theirs.end;
+            ASSERT_EQ(rows[i].end + base, end) << i;
+            EXPECT_EQ(rows[i].flags & DBG_ROW_SEQUENCE_START, i == 0 ? DBG_ROW_SEQUENCE_START : 0);
+            DbgLineRow found{};
+            uint64_t index = 0;
+            ASSERT_EQ(engine.FindRow(handle, rows[i].offset, &found, &index), 0u) << i;
+            EXPECT_EQ(index, i);
+            ASSERT_EQ(engine.FindRow(handle, rows[i].end - 1, &found, &index), 0u) << i;
+            EXPECT_EQ(index, i);
+        }
+        DbgLineRow found{};
+        EXPECT_EQ(engine.FindRow(handle, theirs.end - base, &found, nullptr), 29u);
+        EXPECT_EQ(engine.FindRow(handle, theirs.front().address - base - 1, &found, nullptr), 29u);
     }
 }
 

@@ -52,6 +52,8 @@ std::ostream &operator<<(std::ostream &os, const Row &r) {
 struct Decoded {
     bool ok = false;
     std::vector<Row> rows;
+    std::vector<uint32_t> flags;
+    std::vector<CSequenceSpan> spans;
     CFileTable files;
 };
 
@@ -63,8 +65,11 @@ Decoded Decode(const Bytes &section, CSequencePlacer &placer, const std::string 
     std::vector<CSequenceSpan> spans;
     d.ok = reader.ReadHeader(offset, dir, d.files).Ok() &&
            reader.DecodeUnit(placer, d.files, rows, spans).Ok();
-    for (const CLineRow &r : rows)
+    for (const CLineRow &r : rows) {
         d.rows.push_back(Row{r.m_nAddress, r.m_nLine, r.m_nColumn, r.m_nFileIndex});
+        d.flags.push_back(r.m_nFlags);
+    }
+    d.spans = spans;
     return d;
 }
 
@@ -299,6 +304,29 @@ TEST(LineDecoder, EverySequenceIsPlacedByItsOwnAddressOperand) {
     ASSERT_TRUE(d.ok);
     EXPECT_EQ(placer.asked, (std::vector<uint64_t>{start + first, start + second, start + third}));
     EXPECT_EQ(d.rows, (std::vector<Row>{{0x102, 2, 1, 0}, {0, 4, 1, 0}, {0x8, 1, 1, 0}}));
+    // Each placement is a span of its own. The first ends where the address register stood when
+    // the sequence moved on (0x102 in section 11); the others at their end of sequence, placed
+    // like their rows.
+    ASSERT_EQ(d.spans.size(), 3u);
+    const std::pair<BrxHandle, uint64_t> ends[] = {{11, 0x102}, {12, 0}, {11, 0x8}};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(d.spans[i].m_Section, ends[i].first);
+        EXPECT_EQ(d.spans[i].m_nEndAddress, ends[i].second);
+    }
+}
+
+TEST(LineDecoder, RowsCarryTheStatementRegister) {
+    LineUnit u = OneFile();
+    // negate_stmt twice, then an end of sequence, which restores the header's default.
+    u.SetAddress(0).Copy().Op(6).Special(1, 1).Op(6).Special(1, 1).Op(6).AdvancePc(2);
+    u.EndSequence().SetAddress(0x10).Copy().EndSequence();
+    AnyPlacer placer;
+    Decoded d = Decode(u.Encode(), placer);
+    ASSERT_TRUE(d.ok);
+    EXPECT_EQ(d.flags, (std::vector<uint32_t>{kRowIsStmt, 0, kRowIsStmt, kRowIsStmt}));
+    ASSERT_EQ(d.spans.size(), 2u);
+    EXPECT_EQ(d.spans[0].m_nEndAddress, 4u);
+    EXPECT_EQ(d.spans[1].m_nEndAddress, 0x10u);
 }
 
 TEST(LineDecoder, UnplaceableSequenceFailsTheUnit) {

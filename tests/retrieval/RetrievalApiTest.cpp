@@ -119,6 +119,11 @@ TEST_F(RetrievalApi, EveryFunctionAnswers37OutsideRetrievalMode) {
         EXPECT_EQ(DbgLine_get_inst_info_by_source(1, &bySource, &result), 37u);
         EXPECT_EQ(DbgLine_get_source_files_number(&count), 37u);
         EXPECT_EQ(DbgLine_get_source_file_name(0, buffer, &size), 37u);
+        uint64_t rows = 1;
+        DbgLineRow row{};
+        EXPECT_EQ(DbgLine_get_row_count(sectionHandle, &rows), 37u);
+        EXPECT_EQ(DbgLine_get_rows(sectionHandle, 0, &row, &rows), 37u);
+        EXPECT_EQ(DbgLine_find_row(sectionHandle, 0, &row, nullptr), 37u);
         Dbg_finish();
     }
     // After Dbg_finish the reader is gone.
@@ -265,13 +270,22 @@ TEST_F(RetrievalApi, HandlesTheReaderDidNotHandOutAreRefused) {
          reinterpret_cast<DbgSourceHandle *>(uintptr_t(0x40))},
         {"Null", nullptr, nullptr},
     };
+    DbgLineRow row{};
+    uint64_t count = 1;
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         byOffset = DbgOffsetQuery{c.section, 0x10};
         EXPECT_EQ(DbgLine_get_inst_info_by_offset(1, &byOffset, &info), 26u);
         bySource.handle = c.source;
         EXPECT_EQ(DbgLine_get_inst_info_by_source(0, &bySource, &found), 33u);
+        EXPECT_EQ(DbgLine_get_row_count(c.section, &count), 26u);
+        EXPECT_EQ(DbgLine_get_rows(c.section, 0, &row, &count), 26u);
+        EXPECT_EQ(DbgLine_find_row(c.section, 0x10, &row, nullptr), 26u);
     }
+    EXPECT_EQ(DbgLine_get_row_count(section, &count), 0u);
+    EXPECT_EQ(count, 5u);
+    EXPECT_EQ(DbgLine_find_row(section, 0x11, &row, nullptr), 0u);
+    EXPECT_EQ(row.line, 10u);
     byOffset = DbgOffsetQuery{section, 0x10};
     EXPECT_EQ(DbgLine_get_inst_info_by_offset(1, &byOffset, &info), 0u);
     bySource.handle = source;

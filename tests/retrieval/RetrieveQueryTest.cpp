@@ -30,7 +30,8 @@ struct TablePlacer : CSequencePlacer {
 };
 
 // One object in memory: a unit with files a.s and b.s, and two sequences of .text with one of
-// .init between them, rows out of address order.
+// .init between them, rows out of address order, two rows at one address and a row that is not a
+// statement.
 class RetrieveQuery : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -42,16 +43,18 @@ protected:
             LineUnit probe = u;
             start = probe.ProgramStart();
         }
-        // .text, first sequence: 0x10 line 5, 0x14 line 6, 0x20 line 6 (file b), 0x20 line 9
+        // .text, first sequence: 0x10 line 5, 0x14 line 6, 0x20 line 6 (file b), 0x20 line 9;
+        // its code ends at 0x24
         placer.sections[start + u.NextOperand()] = kText;
         u.SetAddress(0x10).AdvanceLine(4).Copy().Special(4, 1).SetFile(2).Special(12, 0);
-        u.SetFile(1).Special(0, 3).EndSequence();
-        // .init: 0x0 line 30
+        u.SetFile(1).Special(0, 3).AdvancePc(4).EndSequence();
+        // .init: 0x0 line 30, to 0x2
         placer.sections[start + u.NextOperand()] = kInit;
-        u.SetAddress(0).AdvanceLine(29).Copy().EndSequence();
-        // .text again, below the first sequence: 0x0 line 2, 0x8 line 5
+        u.SetAddress(0).AdvanceLine(29).Copy().AdvancePc(2).EndSequence();
+        // .text again, below the first sequence: 0x0 line 2, 0x8 line 5 (not a statement), to
+        // 0xc
         placer.sections[start + u.NextOperand()] = kText;
-        u.SetAddress(0).Special(0, 1).Special(8, 3).EndSequence();
+        u.SetAddress(0).Special(0, 1).Op(6).Special(8, 3).AdvancePc(4).EndSequence();
         line = u.Encode();
 
         InfoUnit cu = InfoUnit::Standard("a.s", "/src", 0);
@@ -79,16 +82,76 @@ protected:
     CBaseRetrieve engine;
 };
 
-TEST_F(RetrieveQuery, RowsAreGroupedBySectionAndSortedByAddress) {
-    auto [first, last] = engine.RowsOf(kText);
-    std::vector<std::pair<uint64_t, uint32_t>> text;
-    for (const CLineRow *r = first; r != last; ++r)
-        text.emplace_back(r->m_nAddress, r->m_nLine);
-    EXPECT_EQ(text, (std::vector<std::pair<uint64_t, uint32_t>>{
-                        {0, 2}, {8, 5}, {0x10, 5}, {0x14, 6}, {0x20, 6}, {0x20, 9}}));
-    auto [initFirst, initLast] = engine.RowsOf(kInit);
-    ASSERT_EQ(initLast - initFirst, 1);
-    EXPECT_EQ(initFirst->m_nLine, 30u);
+constexpr uint32_t kStmt = DBG_ROW_IS_STMT;
+constexpr uint32_t kStart = DBG_ROW_SEQUENCE_START;
+
+// Rows stay in table order with their sequences; each range ends at the next greater address of
+// its sequence or at the sequence's end.
+TEST_F(RetrieveQuery, RowsKeepTheirTableOrderAndSequences) {
+    DbgLineSectionHandle *text = engine.SectionHandle(kText);
+    const std::vector<DbgLineRow> expected = {
+        {0x10, 0x14, 5, 0, 0, kStmt | kStart},
+        {0x14, 0x20, 6, 0, 0, kStmt},
+        {0x20, 0x20, 6, 0, 1, kStmt}, // another row follows at its address
+        {0x20, 0x24, 9, 0, 0, kStmt},
+        {0x0, 0x8, 2, 0, 0, kStmt | kStart},
+        {0x8, 0xc, 5, 0, 0, 0},
+    };
+    uint64_t count = 0;
+    ASSERT_EQ(engine.RowCount(text, &count), DBG_ERR_NONE);
+    ASSERT_EQ(count, expected.size());
+    std::vector<DbgLineRow> rows(10);
+    count = rows.size();
+    ASSERT_EQ(engine.GetRows(text, 0, rows.data(), &count), DBG_ERR_NONE);
+    rows.resize(count);
+    EXPECT_EQ(rows, expected);
+
+    // Pages start anywhere, also inside a sequence; past the end nothing is copied.
+    const struct {
+        uint64_t first, asked, copied;
+    } pages[] = {{3, 2, 2}, {4, 10, 2}, {6, 1, 0}, {~uint64_t(0), 1, 0}, {2, 0, 0}};
+    for (const auto &page : pages) {
+        SCOPED_TRACE(page.first);
+        DbgLineRow out[10];
+        count = page.asked;
+        ASSERT_EQ(engine.GetRows(text, page.first, out, &count), DBG_ERR_NONE);
+        ASSERT_EQ(count, page.copied);
+        for (uint64_t i = 0; i < count; ++i)
+            EXPECT_EQ(out[i], expected[page.first + i]);
+    }
+    ASSERT_EQ(engine.RowCount(engine.SectionHandle(kInit), &count), DBG_ERR_NONE);
+    EXPECT_EQ(count, 1u);
+}
+
+TEST_F(RetrieveQuery, FindRowAnswersTheRowWhoseRangeHoldsTheOffset) {
+    DbgLineSectionHandle *text = engine.SectionHandle(kText);
+    const struct {
+        uint64_t offset;
+        uint32_t status;
+        uint64_t index;
+    } cases[] = {
+        {0x0, 0, 4},  {0x7, 0, 4},   {0x8, 0, 5},
+        {0xb, 0, 5},  {0xc, 29, 0},  {0xf, 29, 0}, // between the end of one sequence and the next
+        {0x10, 0, 0}, {0x1f, 0, 1},  {0x20, 0, 3}, // of two rows at one address, the last
+        {0x23, 0, 3}, {0x24, 29, 0}, {~uint64_t(0), 29, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.offset);
+        DbgLineRow row{};
+        uint64_t index = 99;
+        ASSERT_EQ(engine.FindRow(text, c.offset, &row, &index), c.status);
+        if (c.status != 0)
+            continue;
+        EXPECT_EQ(index, c.index);
+        DbgLineRow same{};
+        uint64_t count = 1;
+        ASSERT_EQ(engine.GetRows(text, index, &same, &count), DBG_ERR_NONE);
+        EXPECT_EQ(row, same);
+        EXPECT_EQ(engine.FindRow(text, c.offset, &row, nullptr), DBG_ERR_NONE);
+    }
+    DbgLineRow row{};
+    EXPECT_EQ(engine.FindRow(engine.SectionHandle(555), 0, &row, nullptr),
+              DBG_ERR_NO_LINE_AT_OFFSET); // a section without rows
 }
 
 TEST_F(RetrieveQuery, ByOffset) {
