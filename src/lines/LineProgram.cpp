@@ -4,6 +4,7 @@
 #include "dwarf/Leb128.h"
 #include "frame/BinarySection.h"
 #include "frame/LibraryState.h"
+#include "frame/Target.h"
 #include "lines/SourceFile.h"
 #include "platform/Text.h"
 
@@ -114,13 +115,15 @@ CError CLineRowWriter::AddRow(BrxHandle section, const CLineEntry &entry) {
     return kOk;
 }
 
-uint64_t SequenceEndAddress(uint64_t lastRowAddress) {
-    return (lastRowAddress / 16 + 1) * 16;
+uint64_t SequenceEndAddress(uint64_t lastRowAddress, uint64_t sectionSize) {
+    if (BoundTarget().IsDefault())
+        return (lastRowAddress / 16 + 1) * 16;
+    return sectionSize > lastRowAddress ? sectionSize : lastRowAddress + 1;
 }
 
-void CLineRowWriter::EndSequence() {
+void CLineRowWriter::EndSequence(uint64_t sectionSize) {
     m_Bytes.push_back(DW_LNS_advance_pc);
-    PutULEB(m_Bytes, SequenceEndAddress(m_State.address) - m_State.address);
+    PutULEB(m_Bytes, SequenceEndAddress(m_State.address, sectionSize) - m_State.address);
     m_Bytes.push_back(0);
     m_Bytes.push_back(1);
     m_Bytes.push_back(DW_LNE_end_sequence);

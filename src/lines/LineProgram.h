@@ -40,9 +40,11 @@ struct CLineState {
     void ResetForSequence();
 };
 
-// Where a sequence whose last row stands at `lastRowAddress` ends: the next multiple of 16
-// above it.
-uint64_t SequenceEndAddress(uint64_t lastRowAddress);
+// Where a sequence whose last row stands at `lastRowAddress`, in a section of `sectionSize`
+// bytes, ends: on the default target the next multiple of 16 above the last row; on the others
+// the end of the section's code, which their linkers and symbolizers take as the end of the
+// last row's instruction (one byte past a last row that lies beyond the code).
+uint64_t SequenceEndAddress(uint64_t lastRowAddress, uint64_t sectionSize);
 
 // A relocation that the rows need: at `offset` (relative to the start of the rows' bytes)
 // against `section`.
@@ -61,7 +63,7 @@ public:
     // file differs from the row before. Fails when the process decodes line programs.
     CError AddRow(BrxHandle section, const CLineEntry &entry);
     // DW_LNS_advance_pc to SequenceEndAddress and DW_LNE_end_sequence; resets the state.
-    void EndSequence();
+    void EndSequence(uint64_t sectionSize);
     // Appends what was built and adds its relocations; the buffer is emptied.
     CError Flush(CBinarySection &line);
 

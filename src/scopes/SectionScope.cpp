@@ -111,7 +111,9 @@ uint32_t CSectionScope::EndDwarfScope(CBinarySection &, CBinarySection &, CBinar
         return DBG_ERR_NONE;
     LibraryState &state = State();
     CLineRowWriter writer(state.lineState, state.AddressWidth());
-    writer.EndSequence();
+    uint64_t size = 0; // a size that cannot be read leaves the end just past the last row
+    (void)objfile::SectionSize(m_hSection, size);
+    writer.EndSequence(size);
     (void)writer.Flush(line);
     m_bWroteRows = false;
     return DBG_ERR_NONE;

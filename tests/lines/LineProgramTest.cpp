@@ -1,5 +1,6 @@
 #include "lines/LineProgram.h"
 #include "frame/LibraryState.h"
+#include "frame/Target.h"
 #include "lines/SourceFile.h"
 
 #include <gtest/gtest.h>
@@ -88,20 +89,35 @@ TEST_F(LineRows, SequenceStartsWithARelocatedAddress) {
     }
 }
 
-// A sequence ends on the next multiple of 16, and the next one sets its address again.
-TEST_F(LineRows, SequenceEndsOnTheNextMultipleOf16) {
+// A sequence ends on the next multiple of 16 on the default target and at the end of the
+// section's code on the others; the next sequence sets its address again.
+TEST_F(LineRows, SequenceEndsOnTheNextMultipleOf16OrAtTheEndOfTheCode) {
+    const CTarget *x86_64 = FindTarget(FORMAT_ELF64, BRX_MACHINE_ELF_X86_64);
     struct Case {
-        uint64_t last;
+        const CTarget *target; // null: nothing bound, the default target
+        uint64_t last, size;
         uint8_t advance;
-    } cases[] = {{0x20, 16}, {0x2e, 2}, {0x2f, 1}, {0x21, 15}};
+    } cases[] = {
+        {nullptr, 0x20, 0x40, 16},
+        {nullptr, 0x2e, 0x40, 2},
+        {nullptr, 0x2f, 0x30, 1},
+        {nullptr, 0x21, 0x22, 15},
+        {x86_64, 0x20, 0x23, 3},
+        {x86_64, 0x20, 0x40, 0x20},
+        // A last row at or past the code's end (the check has reported it) covers one byte.
+        {x86_64, 0x2e, 0x2e, 1},
+        {x86_64, 0x30, 0x20, 1},
+    };
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.last);
+        State().binding.target = c.target;
         CLineState fresh;
         CLineRowWriter writer(fresh, 8);
         ASSERT_TRUE(writer.AddRow(5, Entry(0, 3, c.last)).Ok());
         size_t before = writer.Bytes().size();
-        writer.EndSequence();
+        writer.EndSequence(c.size);
         Bytes end(writer.Bytes().begin() + before, writer.Bytes().end());
-        EXPECT_EQ(end, (Bytes{0x02, c.advance, 0x00, 0x01, 0x01})) << c.last;
+        EXPECT_EQ(end, (Bytes{0x02, c.advance, 0x00, 0x01, 0x01}));
         EXPECT_EQ(fresh.section, 0u);
         EXPECT_EQ(fresh.line, 1u);
         ASSERT_TRUE(writer.AddRow(5, Entry(0, 3, 0)).Ok());
