@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# The demo behind `make demo`: runs the C example, builds the example descriptions with qdbg in
-# every object format, and shows what binutils and LLVM read from the objects, then queries the
-# line information back with qdbg.
+# The demo behind `make demo`. An x86-64 program described through qdbg (its code bytes are in the
+# description: no assembler runs) is linked with ld and debugged with gdb; an AArch64 build of the
+# same program, linked by ld.lld, is asked about by llvm-symbolizer; an x86-64 COFF build is
+# linked by lld-link into a program whose PDB has every line. Then the C example and the example descriptions
+# for the default target, read by binutils and queried back with qdbg.
 #
 #     examples/demo.sh BUILD_DIR
 set -euo pipefail
@@ -18,30 +20,60 @@ mkdir -p "$out"
 
 banner() { printf '\n==== %s\n' "$*"; }
 
-# LLVM 14 knows no relocations of machine 50 and says so once per relocation and once per
-# object; everything else it prints is shown.
-dwarfdump() {
-    llvm-dwarfdump-14 "$@" 2>&1 |
-        grep -v -e 'failed to compute relocation: Unknown' -e 'No available targets are compatible with triple'
-}
-
-# No LLVM tool opens a COFF object of machine 0x0200; a copy with the machine field zeroed is
-# read in full (the CodeView content does not depend on the machine).
-zeroed_copy() {
-    cp "$1" "$2"
-    printf '\0\0' | dd of="$2" bs=1 seek=0 count=2 conv=notrunc status=none
-}
+# The address of a symbol in a linked program, as nm lists it.
+address_of() { nm "$1" | awk -v name="$2" '$3 == name { print "0x" $1 }'; }
+plus() { printf '0x%x' $(($1 + $2)); }
 
 # Everything the demo shows goes through one filter that writes the project's root as
-# <project>, so that the output names no place on this machine.
+# <project>, so that the output names no place on this machine. Tools run in the output
+# directory on relative names for the same reason.
 root=$(cd "$examples/.." && pwd)
 show() {
-    banner "C example: emit_elf64 makes an ELF64 object through brix and the C API"
-    "$build/examples/emit_elf64" "$out/count.o"
-    banner "readelf --debug-dump=info,line -W count.o"
-    readelf --debug-dump=info,line -W "$out/count.o"
-
     # qdbg reads source names relative to the working directory (COFF output digests the files).
+    cd "$examples"
+    "$qdbg" build square-x86-64.qd -o "$out/square-x86-64.o" --target x86-64
+    "$qdbg" build square-aarch64.qd -o "$out/square-aarch64.o" --target aarch64
+    "$qdbg" build square-x86-64.qd -o "$out/square-x86-64.obj" --target x86-64 --format coff
+    cd "$out"
+
+    banner "x86-64: qdbg build square-x86-64.qd -o square-x86-64.o --target x86-64"
+    readelf -h square-x86-64.o | grep -E 'Class|Machine'
+    banner "llvm-dwarfdump-14 --verify --all square-x86-64.o"
+    llvm-dwarfdump-14 --verify --all square-x86-64.o
+    banner "ld square-x86-64.o -o square-x86-64 && ./square-x86-64"
+    ld square-x86-64.o -o square-x86-64
+    status=0
+    ./square-x86-64 || status=$?
+    echo "exit status $status"
+    banner "gdb -batch -ex 'break square-x86-64.s:16' -ex run -ex bt -ex finish -ex 'ptype total'"
+    gdb -nx -batch -ex 'break square-x86-64.s:16' -ex run -ex bt -ex finish -ex 'ptype total' \
+        ./square-x86-64 2>&1
+
+    banner "aarch64: qdbg build square-aarch64.qd --target aarch64; ld.lld -m aarch64linux"
+    ld.lld -m aarch64linux square-aarch64.o -o square-aarch64
+    llvm-dwarfdump-14 --verify --all square-aarch64.o | tail -n 1
+    start=$(address_of square-aarch64 _start)
+    square=$(address_of square-aarch64 square)
+    banner "llvm-symbolizer-14 --obj=square-aarch64 _start+4 square square+4"
+    llvm-symbolizer-14 --obj=square-aarch64 "$(plus "$start" 4)" "$square" "$(plus "$square" 4)"
+
+    banner "x86-64 COFF: qdbg build --format coff --target x86-64; lld-link /debug /machine:x64"
+    lld-link /debug /subsystem:console /nodefaultlib /entry:_start /machine:x64 \
+        /out:square-x86-64.exe square-x86-64.obj
+    banner "llvm-pdbutil-14 dump -l square-x86-64.pdb"
+    llvm-pdbutil-14 dump -l square-x86-64.pdb
+    base=$(llvm-readobj-14 --file-headers square-x86-64.exe | awk '/ImageBase:/ { print $2 }')
+    text=$(llvm-readobj-14 --sections square-x86-64.exe |
+        awk '/Name: .text/ { found = 1 } found && /VirtualAddress:/ { print $2; exit }')
+    code=$(plus "$base" "$text")
+    banner "llvm-symbolizer-14 --obj=square-x86-64.exe (through the PDB) _start+5 square+6"
+    llvm-symbolizer-14 --obj=square-x86-64.exe "$(plus "$code" 0x5)" "$(plus "$code" 0x19)"
+
+    banner "The default target. C example: emit_elf64 makes an ELF64 object through brix and the C API"
+    "$build/examples/emit_elf64" count.o
+    banner "readelf --debug-dump=info,line -W count.o"
+    readelf --debug-dump=info,line -W count.o
+
     cd "$examples"
     for description in hello tour; do
         for format in elf64 elf32 coff; do
@@ -50,35 +82,22 @@ show() {
                 "$description" "$format" "$(wc -c < "$out/$description-$format.o")"
         done
     done
-
-    banner "llvm-dwarfdump-14 --debug-info --debug-line hello-elf64.o"
-    dwarfdump --debug-info --debug-line "$out/hello-elf64.o"
-
+    cd "$out"
     banner "readelf --debug-dump=info,line -W hello-elf32.o"
-    readelf --debug-dump=info,line -W "$out/hello-elf32.o"
-
-    banner "llvm-dwarfdump-14 --verify --all on every ELF object"
-    for object in "$out"/*-elf32.o "$out"/*-elf64.o "$out/count.o"; do
-        printf '%s: ' "$(basename "$object")"
-        dwarfdump --verify --all "$object" | tail -n 1
-    done
-
-    banner "llvm-readobj-14 --codeview hello-coff.o (machine field zeroed)"
-    zeroed_copy "$out/hello-coff.o" "$out/hello-coff-machine0.o"
-    llvm-readobj-14 --codeview "$out/hello-coff-machine0.o"
+    readelf --debug-dump=info,line -W hello-elf32.o
 
     banner "qdbg lines tour-elf64.o"
-    "$qdbg" lines "$out/tour-elf64.o"
+    "$qdbg" lines tour-elf64.o
     banner "qdbg lines tour-coff.o"
-    "$qdbg" lines "$out/tour-coff.o"
+    "$qdbg" lines tour-coff.o
     banner "qdbg files tour-elf64.o"
-    "$qdbg" files "$out/tour-elf64.o"
+    "$qdbg" files tour-elf64.o
     banner "qdbg addr tour-elf64.o .text 0x13   (inside the instruction at 0x11)"
-    "$qdbg" addr "$out/tour-elf64.o" .text 0x13
+    "$qdbg" addr tour-elf64.o .text 0x13
     banner "qdbg line tour-elf64.o <tour.s as listed above> 10"
-    tour_path=$("$qdbg" files "$out/tour-elf64.o" | grep 'tour\.s$')
-    "$qdbg" line "$out/tour-elf64.o" "$tour_path" 10
-    banner "done: the objects are in $1/demo"
+    tour_path=$("$qdbg" files tour-elf64.o | grep 'tour\.s$')
+    "$qdbg" line tour-elf64.o "$tour_path" 10
+    banner "done: the objects and programs are in $1/demo"
 }
 show "$@" 2>&1 | sed -e "s|$root|<project>|g"
 exit "${PIPESTATUS[0]}"
