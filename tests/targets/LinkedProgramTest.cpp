@@ -288,6 +288,20 @@ TEST_P(LinkedProgram, ToolsOfTheMachineReadItsDebuggingInformation) {
         EXPECT_EQ(DecodedRows(object), reference);
     }
 
+    // Quillet reads its own object back: every row at its offset.
+    CommandResult listed = RunCommand(std::string(QDBG_PATH) + " lines '" + object + "'");
+    ASSERT_EQ(listed.exitCode, 0) << listed.output;
+    std::vector<Row> readBack;
+    std::regex listedRow(R"(^\.text 0x([0-9a-f]+) (\d+) \d+ .*prog\.s$)");
+    for (const std::string &line : qtest::SplitLines(listed.output)) {
+        std::smatch m;
+        if (std::regex_match(line, m, listedRow))
+            readBack.push_back(
+                {std::stoull(m[1].str(), nullptr, 16), uint32_t(std::stoul(m[2].str())), false});
+    }
+    std::vector<Row> rows(reference.begin(), reference.end() - 1);
+    EXPECT_EQ(readBack, rows) << listed.output;
+
     CommandResult linked = RunCommand(in + (coff ? kLldLink : "") + c.link + " 2>&1");
     ASSERT_EQ(linked.exitCode, 0) << linked.output;
     EXPECT_EQ(linked.output, "") << "the linker has something to say";
