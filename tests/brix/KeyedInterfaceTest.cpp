@@ -245,16 +245,6 @@ TEST_F(KeyedInterface, ClosedHandlesAreRefusedAndNotHandedOutAgain) {
     _brx_close_file(again);
 }
 
-TEST_F(KeyedInterface, MachineNumberReachesTheWrittenFile) {
-    uint32_t machine = 62;
-    ASSERT_EQ(_brx_set_value(file, BRX_KEY_MACHINE, &machine, 0), 0);
-    ASSERT_EQ(_brx_write_file(file), 0);
-    BrxHandle read = 0;
-    ASSERT_EQ(_brx_open_file(path.c_str(), nullptr, &read, 0), 0);
-    EXPECT_EQ(U32(read, BRX_KEY_MACHINE), 62u);
-    _brx_close_file(read);
-}
-
 // Large objects stay cheap: appends are amortised and writing is linear. Processor time is
 // measured, not wall time, so that a loaded machine does not make the test fail.
 double ProcessorSeconds() {
