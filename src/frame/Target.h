@@ -32,7 +32,7 @@ struct CTarget {
 // library does not write for it.
 const CTarget *FindTarget(int32_t format, uint32_t machine);
 
-// The specification's own machine: what a file is bound to when nothing says otherwise.
+// The default target: what a file is bound to when nothing says otherwise.
 const CTarget &DefaultTarget();
 
 // The bound object file's target; the default target while nothing is bound (sections and
