@@ -10,10 +10,10 @@ const char kSynopsis[] = R"(NAME
 
 SYNOPSIS
     qdbg build DESCRIPTION -o OUTPUT [--format elf64|elf32|coff] [--target TARGET]
-    qdbg lines OBJECT
-    qdbg addr OBJECT SECTION OFFSET
-    qdbg line OBJECT SOURCE LINE [COLUMN]
-    qdbg files OBJECT
+    qdbg lines [--json] OBJECT
+    qdbg addr [--json] [-f] [--section NAME] OBJECT [ADDRESS...]
+    qdbg line [--json] OBJECT SOURCE LINE [COLUMN]
+    qdbg files [--json] OBJECT
     qdbg --help | qdbg COMMAND --help
 
 DESCRIPTION
@@ -55,31 +55,56 @@ const char kBuild[] =
         from the working directory.
 )";
 
-const char kLines[] = R"(    lines OBJECT
-        Prints every row of OBJECT's line information, one per line, in section order and
-        then by offset:
-            SECTION OFFSET LINE COLUMN FILE
-        for example ".text 0x10 12 1 /src/prog.s". Rows are looked up by offset, so of
-        several rows that start at the same offset the one the library returns is shown.
+const char kLines[] = R"(    lines [--json] OBJECT
+        Prints every row of OBJECT's line information, one per line, section by section in
+        the order of its line tables; several rows at one address are all shown:
+            SECTION ADDRESS LINE COLUMN FILE
+        for example ".text 0x401136 12 5 /src/prog.c". ADDRESS is the virtual address in a
+        linked object (executable or shared object) and the offset in SECTION in a
+        relocatable one. COLUMN is 0 where the line table gives none.
+        --json   one JSON object per row instead:
+                 {"section": ".text", "offset": 54, "address": 4198710, "line": 12,
+                  "column": 5, "file": "/src/prog.c"}
+                 (offset is the section offset; file is null where the table names none)
 )";
 
-const char kAddr[] = R"(    addr OBJECT SECTION OFFSET
-        Prints FILE:LINE of the code at OFFSET (decimal or 0x-prefixed) in SECTION: the row
-        that starts at OFFSET, or else the nearest row that starts below it. Prints "??:0" and
-        exits with 3 when no row starts at or below OFFSET.
+const char kAddr[] = R"(    addr [--json] [-f] [--section NAME] OBJECT [ADDRESS...]
+        Answers which source line holds each ADDRESS (decimal or 0x-prefixed hexadecimal),
+        in the order given. Without ADDRESS arguments, reads one address per line from
+        standard input and answers each line as soon as it is read, so that a program can
+        keep qdbg running and ask one address at a time.
+        Addresses are virtual addresses in a linked object and offsets in the .text section
+        of a relocatable one. The answer is the row whose range holds the address; past the
+        end of a sequence of rows there is none.
+        -f, --functions   print the function that holds the address before its line: the
+                          function symbol whose range holds it
+        --section NAME    addresses are offsets in section NAME
+        --json            one JSON object per address:
+                          {"address": 4198710, "function": "main", "file": "/src/prog.c",
+                           "line": 12, "column": 5}
+                          (function only with -f; function and file null and line 0 where
+                          nothing is known)
+        Plain output is FILE:LINE, FILE:? for code that belongs to no source line, and ??:0
+        where no row holds the address; with -f a line with the function's name, or ??,
+        comes first. An input line that is not an address is named on standard error and
+        answered as unknown, and the exit code is then 1.
 )";
 
-const char kLine[] = R"(    line OBJECT SOURCE LINE [COLUMN]
-        Prints "SECTION OFFSET" for every place where code of SOURCE:LINE starts. SOURCE is
-        matched without regard to letter case against the full paths that `qdbg files`
-        lists. COLUMN defaults to 1, the column that rows without column information carry.
-        When LINE has no code, the nearest earlier position is named on standard error and
-        the exit code is 3.
+const char kLine[] = R"(    line [--json] OBJECT SOURCE LINE [COLUMN]
+        Prints "SECTION ADDRESS" for every place where code of SOURCE:LINE starts (ADDRESS
+        as for `lines`), in the order of the line tables; with COLUMN, only code of that
+        column, without it code of any column. SOURCE names a file of `qdbg files` by its full
+        path or by any trailing part of it that starts at a directory boundary (prog.c and
+        src/prog.c name /work/src/prog.c); letter case and the separators / and \ are not
+        told apart, and every file that SOURCE names is searched. When LINE has no code,
+        the nearest earlier line with code is named on standard error and the exit code is 3.
+        --json   each place as a row of `lines --json`
 )";
 
-const char kFiles[] = R"(    files OBJECT
+const char kFiles[] = R"(    files [--json] OBJECT
         Prints the source files that OBJECT's line information names, one per line, in the
         order of its file tables.
+        --json   {"index": 0, "file": "/src/prog.c"} per file
 )";
 
 const char kFormat[] = R"(
@@ -173,7 +198,8 @@ EXIT STATUS
     0   success
     1   the description, the object file or the library refused (message on standard error)
     2   bad command line
-    3   a query found nothing (addr, line) or a source file is not named (line)
+    3   a query found nothing: an address without a row (addr), or a line without code
+        or a source file that is not named (line)
 )";
 
 } // namespace

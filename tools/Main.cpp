@@ -84,37 +84,6 @@ int Build(const std::vector<std::string> &args) {
     return kExitOk;
 }
 
-int Query(const std::string &command, const std::vector<std::string> &args) {
-    if (command == "lines" || command == "files") {
-        if (args.size() != 1)
-            return Usage(command + " takes one object file", command);
-        return command == "lines" ? ListLines(args[0]) : ListFiles(args[0]);
-    }
-    if (command == "addr") {
-        if (args.size() != 3)
-            return Usage("usage: qdbg addr OBJECT SECTION OFFSET", command);
-        std::optional<uint64_t> offset = ParseUnsigned(args[2]);
-        if (!offset)
-            return Usage("offset '" + args[2] + "' is not a number", command);
-        return AddressToLine(args[0], args[1], *offset);
-    }
-    // line
-    if (args.size() != 3 && args.size() != 4)
-        return Usage("usage: qdbg line OBJECT SOURCE LINE [COLUMN]", command);
-    std::optional<uint64_t> line = ParseUnsigned(args[2]);
-    if (!line || *line > UINT32_MAX)
-        return Usage("line '" + args[2] + "' is not a line number", command);
-    uint64_t column = 1;
-    if (args.size() == 4) {
-        std::optional<uint64_t> given = ParseUnsigned(args[3]);
-        if (!given || *given > UINT16_MAX)
-            return Usage("column '" + args[3] + "' is not a column number", command);
-        column = *given;
-    }
-    return LineToAddress(args[0], args[1], static_cast<uint32_t>(*line),
-                         static_cast<uint16_t>(column));
-}
-
 } // namespace
 
 int main(int argc, char **argv) {
@@ -138,5 +107,5 @@ int main(int argc, char **argv) {
     }
     if (command == "build")
         return Build(args);
-    return Query(command, args);
+    return RunQuery(command, args);
 }

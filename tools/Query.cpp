@@ -1,14 +1,15 @@
 #include "Query.h"
 
+#include "ObjectLines.h"
+#include "Output.h"
 #include "Status.h"
 #include "Text.h"
 
-#include <brix/brix.h>
-#include <quillet/quillet.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <vector>
 
 namespace qdbg {
 
@@ -18,256 +19,442 @@ void Fail(const std::string &message) {
     std::fprintf(stderr, "qdbg: %s\n", message.c_str());
 }
 
-std::string SectionName(BrxHandle section) {
-    std::vector<char> buffer(64);
-    while (true) {
-        uint32_t capacity = static_cast<uint32_t>(buffer.size());
-        int32_t result = _brx_get_keyed(section, BRX_KEY_NAME, &capacity, buffer.data(), 0);
-        if (result == BRX_OK)
-            return std::string(buffer.data(), strnlen(buffer.data(), buffer.size()));
-        if (result != BRX_ERR_BUFFER_TOO_SMALL || buffer.size() > (1u << 20))
-            return "?";
-        buffer.resize(buffer.size() * 2);
-    }
+int Usage(const std::string &message, const std::string &command) {
+    std::fprintf(stderr, "qdbg: %s\nTry 'qdbg %s --help'.\n", message.c_str(), command.c_str());
+    return kExitUsage;
 }
 
-// A retrieval run on one object file that qdbg opens itself; the library binds it through the
-// first section handed to DbgLine_open_line_section.
-class Retrieval {
-public:
-    ~Retrieval() {
-        Dbg_finish();
-        if (m_hFile != 0)
-            _brx_close_file(m_hFile);
-    }
-
-    // Opens the object and loads its line information. Prints the fault and returns false when
-    // either fails.
-    bool Open(const std::string &path) {
-        Dbg_init(1);
-        uint32_t mode = 7;
-        int32_t result = _brx_open_file(path.c_str(), &mode, &m_hFile, 0);
-        if (result != BRX_OK) {
-            m_hFile = 0;
-            Fail("cannot open " + path + " as an object file (brix result " +
-                 std::to_string(result) + ")");
-            return false;
-        }
-        BrxHandle previous = BRX_FIRST;
-        while (true) {
-            BrxFind find = {previous, BRX_KIND_SECTION, BRX_ANY, nullptr};
-            BrxHandle section = 0;
-            if (_brx_get_keyed(m_hFile, BRX_KEY_FIND, &find, &section, 0) != BRX_OK)
-                break;
-            m_Sections.push_back(section);
-            previous = section;
-        }
-        if (m_Sections.empty()) {
-            Fail(path + " has no sections");
-            return false;
-        }
-        DbgLineSectionHandle *handle = nullptr;
-        DbgStatus status = DbgLine_open_line_section(m_Sections.front(), &handle);
-        if (status != DBG_ERR_NONE) {
-            Fail("cannot read the line information of " + path + ": " + DescribeStatus(status));
-            return false;
-        }
-        return true;
-    }
-
-    const std::vector<BrxHandle> &Sections() const { return m_Sections; }
-
-private:
-    BrxHandle m_hFile = 0;
-    std::vector<BrxHandle> m_Sections;
+struct Arguments {
+    bool json = false;
+    bool functions = false;             // addr -f
+    std::optional<std::string> section; // addr --section
+    std::vector<std::string> operands;
 };
 
-uint64_t SectionSize(BrxHandle section) {
-    uint64_t size = 0;
-    if (_brx_get_keyed(section, BRX_KEY_SECTION_SIZE, nullptr, &size, 0) != BRX_OK)
-        return 0;
-    return size;
+// The options of the query commands, anywhere before "--"; an empty result when all are known.
+std::string ParseArguments(const std::string &command, const std::vector<std::string> &args,
+                           Arguments &out) {
+    bool options = true;
+    for (size_t k = 0; k < args.size(); ++k) {
+        const std::string &arg = args[k];
+        bool isAddr = command == "addr";
+        if (!options || arg.size() < 2 || arg[0] != '-') {
+            out.operands.push_back(arg);
+        } else if (arg == "--") {
+            options = false;
+        } else if (arg == "--json") {
+            out.json = true;
+        } else if (isAddr && (arg == "-f" || arg == "--functions")) {
+            out.functions = true;
+        } else if (isAddr && arg == "--section") {
+            if (k + 1 >= args.size())
+                return "--section needs a section name";
+            out.section = args[++k];
+        } else if (isAddr && arg.rfind("--section=", 0) == 0) {
+            out.section = arg.substr(std::strlen("--section="));
+        } else {
+            return "unknown option '" + arg + "'";
+        }
+    }
+    return std::string();
 }
 
-// Sections that hold no code or data of the program: debugging information, relocations,
-// symbol and string tables.
-bool IsBookkeeping(BrxHandle section, const std::string &name) {
-    uint16_t flags = 0;
-    if (_brx_get_keyed(section, BRX_KEY_SECTION_FLAGS, nullptr, &flags, 0) == BRX_OK &&
-        (flags & BRX_SECTION_DEBUG) != 0)
+bool OpenObject(ObjectLines &object, const std::string &path) {
+    std::string error;
+    if (object.Open(path, error))
         return true;
-    static const char *const prefixes[] = {".debug",    ".rel",   ".symtab", ".strtab",
-                                           ".shstrtab", ".group", ".note",   ".comment"};
-    for (const char *prefix : prefixes)
-        if (name.compare(0, std::strlen(prefix), prefix) == 0)
-            return true;
+    Fail(error);
     return false;
 }
 
-enum class Probe { Row, NoRow, Failed };
-
-// The row that starts exactly at `offset`, if any.
-Probe RowAt(DbgLineSectionHandle *handle, uint64_t offset, DbgInstInfo &info, DbgStatus &status) {
-    DbgOffsetQuery query = {handle, offset};
-    status = DbgLine_get_inst_info_by_offset(1, &query, &info);
-    if (status == DBG_ERR_NONE)
-        return Probe::Row;
-    return status == DBG_ERR_NO_LINE_AT_OFFSET ? Probe::NoRow : Probe::Failed;
+// One row, in the form `lines` and `line` print it.
+void PutRow(Output &out, ObjectLines &object, size_t section, const DbgLineRow &row, bool json) {
+    const std::string &name = object.Sections()[section].name;
+    const std::string *file = object.FileName(row.file_index);
+    uint64_t address = object.AddressOf(section, row.offset);
+    if (json) {
+        out.Put("{\"section\": ").PutJsonString(name);
+        out.Put(", \"offset\": ").PutDecimal(row.offset);
+        out.Put(", \"address\": ").PutDecimal(address);
+        out.Put(", \"line\": ").PutDecimal(row.line);
+        out.Put(", \"column\": ").PutDecimal(row.column);
+        out.Put(", \"file\": ");
+        if (file)
+            out.PutJsonString(*file);
+        else
+            out.Put("null");
+        out.Put("}\n");
+        return;
+    }
+    out.Put(name).Put(' ').PutHex(address).Put(' ').PutDecimal(row.line).Put(' ');
+    out.PutDecimal(row.column).Put(' ').Put(file ? std::string_view(*file) : "??").Put('\n');
 }
 
-std::string FileOf(const DbgInstInfo &info) {
-    return ToUtf8(info.name, 257);
+// Calls visit(section, row) for every row of every section, in section order and then in table
+// order. False (with the fault reported) when the library refuses.
+template <class Visit> bool ForEachRow(ObjectLines &object, Visit visit) {
+    std::vector<DbgLineRow> rows(4096);
+    for (size_t section = 0; section < object.Sections().size(); ++section) {
+        const ObjectLines::Section &s = object.Sections()[section];
+        if (s.bookkeeping)
+            continue;
+        DbgLineSectionHandle *handle = nullptr;
+        DbgStatus status = object.Lines(section, handle);
+        for (uint64_t first = 0; status == DBG_ERR_NONE;) {
+            uint64_t count = rows.size();
+            status = DbgLine_get_rows(handle, first, rows.data(), &count);
+            if (status != DBG_ERR_NONE || count == 0)
+                break;
+            for (uint64_t k = 0; k < count; ++k)
+                visit(section, rows[k]);
+            first += count;
+        }
+        if (status != DBG_ERR_NONE) {
+            Fail("section " + s.name + ": " + DescribeStatus(status));
+            return false;
+        }
+    }
+    return true;
+}
+
+int ListLines(const Arguments &args) {
+    if (args.operands.size() != 1)
+        return Usage("lines takes one object file", "lines");
+    ObjectLines object;
+    if (!OpenObject(object, args.operands[0]))
+        return kExitFailed;
+    Output out;
+    bool listed = ForEachRow(object, [&](size_t section, const DbgLineRow &row) {
+        PutRow(out, object, section, row, args.json);
+    });
+    return listed && out.Flush() ? kExitOk : kExitFailed;
+}
+
+// Answers addresses one after another, each as addr2line would (or as one JSON object).
+class AddressAnswers {
+public:
+    AddressAnswers(ObjectLines &object, Output &out, const Arguments &args, size_t section)
+        : m_Object(object), m_Out(out), m_bJson(args.json), m_bFunctions(args.functions),
+          m_nSection(section) {}
+
+    // False when the library refused (reported); a missing row is an answer, not a fault.
+    bool Answer(uint64_t address) {
+        size_t section = m_nSection;
+        uint64_t offset = address;
+        if (section == ObjectLines::kNone) {
+            section = m_Object.SectionAt(address);
+            if (section != ObjectLines::kNone)
+                offset = address - m_Object.Sections()[section].address;
+        }
+        DbgLineRow row{};
+        bool found = false;
+        std::string_view function;
+        if (section != ObjectLines::kNone) {
+            DbgLineSectionHandle *handle = nullptr;
+            DbgStatus status = m_Object.Lines(section, handle);
+            if (status == DBG_ERR_NONE)
+                status = DbgLine_find_row(handle, offset, &row, nullptr);
+            found = status == DBG_ERR_NONE;
+            if (!found && status != DBG_ERR_NO_LINE_AT_OFFSET) {
+                Fail("section " + m_Object.Sections()[section].name + ": " +
+                     DescribeStatus(status));
+                return false;
+            }
+            if (m_bFunctions)
+                function = m_Object.FunctionAt(section, offset);
+        }
+        if (!found)
+            m_bAllFound = false;
+        const std::string *file = found ? m_Object.FileName(row.file_index) : nullptr;
+        Put(&address, function, file, found ? row.line : 0, found ? row.column : 0, found);
+        return true;
+    }
+
+    // An input line that is not an address still gets an answer, so that answers stay in step
+    // with the input.
+    void AnswerUnreadable(std::string_view text) {
+        Fail("'" + std::string(text) + "' is not an address");
+        m_bUnreadable = true;
+        Put(nullptr, std::string_view(), nullptr, 0, 0, false);
+    }
+
+    int ExitCode() const {
+        return m_bUnreadable ? kExitFailed : m_bAllFound ? kExitOk : kExitNotFound;
+    }
+
+private:
+    void Put(const uint64_t *address, std::string_view function, const std::string *file,
+             uint32_t line, uint32_t column, bool found) {
+        if (m_bJson) {
+            m_Out.Put("{\"address\": ");
+            if (address)
+                m_Out.PutDecimal(*address);
+            else
+                m_Out.Put("null");
+            if (m_bFunctions) {
+                m_Out.Put(", \"function\": ");
+                if (function.empty())
+                    m_Out.Put("null");
+                else
+                    m_Out.PutJsonString(function);
+            }
+            m_Out.Put(", \"file\": ");
+            if (file)
+                m_Out.PutJsonString(*file);
+            else
+                m_Out.Put("null");
+            m_Out.Put(", \"line\": ").PutDecimal(line);
+            m_Out.Put(", \"column\": ").PutDecimal(column).Put("}\n");
+            return;
+        }
+        if (m_bFunctions)
+            m_Out.Put(function.empty() ? std::string_view("??") : function).Put('\n');
+        if (!found) {
+            m_Out.Put("??:0\n");
+            return;
+        }
+        // A row without a line (code that belongs to no source line) prints as FILE:?.
+        m_Out.Put(file ? std::string_view(*file) : "??").Put(':');
+        if (line != 0)
+            m_Out.PutDecimal(line).Put('\n');
+        else
+            m_Out.Put("?\n");
+    }
+
+    ObjectLines &m_Object;
+    Output &m_Out;
+    bool m_bJson, m_bFunctions;
+    size_t m_nSection; // kNone: addresses are virtual addresses
+    bool m_bAllFound = true, m_bUnreadable = false;
+};
+
+// Calls answer(line) for each line of standard input as soon as it has been read. The output
+// is written out whenever the input has to be waited for, so that a person (or a program) that
+// writes one address and waits gets its answer, while a stream of addresses is answered in
+// large writes.
+template <class Answer> bool ForEachInputLine(Output &out, Answer answer) {
+    std::vector<char> buffer(64 * 1024);
+    size_t held = 0, scanned = 0;
+    while (true) {
+        if (!out.Flush())
+            return false;
+        if (held == buffer.size())
+            buffer.resize(buffer.size() * 2); // one very long line
+        ssize_t got = read(0, buffer.data() + held, buffer.size() - held);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0) {
+            Fail(std::string("cannot read standard input: ") + std::strerror(errno));
+            return false;
+        }
+        if (got == 0) {
+            if (held > 0 && !answer(std::string_view(buffer.data(), held)))
+                return false;
+            return true;
+        }
+        held += size_t(got);
+        size_t start = 0;
+        while (const void *newline = std::memchr(buffer.data() + scanned, '\n', held - scanned)) {
+            size_t end = size_t(static_cast<const char *>(newline) - buffer.data());
+            if (!answer(std::string_view(buffer.data() + start, end - start)))
+                return false;
+            start = scanned = end + 1;
+        }
+        std::memmove(buffer.data(), buffer.data() + start, held - start);
+        held -= start;
+        scanned = held;
+    }
+}
+
+int AddressToLine(const Arguments &args) {
+    if (args.operands.empty())
+        return Usage("addr needs an object file", "addr");
+    ObjectLines object;
+    if (!OpenObject(object, args.operands[0]))
+        return kExitFailed;
+    // Offsets in one section: always in a relocatable object, and in a linked one when asked.
+    size_t section = ObjectLines::kNone;
+    if (args.section || !object.Linked()) {
+        std::string name = args.section.value_or(".text");
+        section = object.FindSection(name);
+        if (section == ObjectLines::kNone) {
+            Fail(args.operands[0] + " has no section " + name);
+            return kExitFailed;
+        }
+    }
+    Output out;
+    AddressAnswers answers(object, out, args, section);
+    auto answerText = [&](std::string_view text) {
+        while (!text.empty() && (text.back() == '\r' || text.back() == ' ' || text.back() == '\t'))
+            text.remove_suffix(1);
+        if (text.find_first_not_of(" \t") == std::string_view::npos)
+            return true; // blank lines ask nothing
+        std::optional<uint64_t> address = ParseAddress(text);
+        if (!address) {
+            answers.AnswerUnreadable(text);
+            return true;
+        }
+        return answers.Answer(*address);
+    };
+    bool answered = true;
+    if (args.operands.size() > 1) {
+        for (size_t k = 1; k < args.operands.size() && answered; ++k)
+            answered = answerText(args.operands[k]);
+    } else {
+        answered = ForEachInputLine(out, answerText);
+    }
+    if (!out.Flush() || !answered)
+        return kExitFailed;
+    return answers.ExitCode();
+}
+
+int LineToAddress(const Arguments &args) {
+    const std::vector<std::string> &operands = args.operands;
+    if (operands.size() != 3 && operands.size() != 4)
+        return Usage("usage: qdbg line OBJECT SOURCE LINE [COLUMN]", "line");
+    std::optional<uint64_t> line = ParseUnsigned(operands[2]);
+    if (!line || *line > UINT32_MAX)
+        return Usage("line '" + operands[2] + "' is not a line number", "line");
+    std::optional<uint64_t> column;
+    if (operands.size() == 4) {
+        column = ParseUnsigned(operands[3]);
+        if (!column || *column > UINT32_MAX)
+            return Usage("column '" + operands[3] + "' is not a column number", "line");
+    }
+    ObjectLines object;
+    if (!OpenObject(object, operands[0]))
+        return kExitFailed;
+    const std::string &source = operands[1];
+    std::vector<bool> named(object.FileCount());
+    bool anyNamed = false;
+    for (uint32_t index = 0; index < named.size(); ++index) {
+        const std::string *path = object.FileName(index);
+        named[index] = path && NamesSource(*path, source);
+        anyNamed = anyNamed || named[index];
+    }
+    if (!anyNamed) {
+        Fail(operands[0] + " has no line information for " + source);
+        return kExitNotFound;
+    }
+
+    // Code of the line starts where a run of its rows starts: the first row of a sequence, or
+    // one whose row before is not of the same place (several rows at one address, or a line
+    // whose code goes on over several rows, count once).
+    Output out;
+    bool found = false, previousMatched = false;
+    struct Place {
+        size_t section;
+        DbgLineRow row;
+    };
+    std::optional<Place> nearest; // the first place of the greatest line below LINE
+    bool listed = ForEachRow(object, [&](size_t section, const DbgLineRow &row) {
+        bool ofSource = row.file_index < named.size() && named[row.file_index];
+        bool matched = ofSource && row.line == *line && (!column || row.column == *column);
+        bool runStart = (row.flags & DBG_ROW_SEQUENCE_START) != 0 || !previousMatched;
+        previousMatched = matched;
+        if (matched && runStart) {
+            found = true;
+            if (args.json) {
+                PutRow(out, object, section, row, true);
+            } else {
+                out.Put(object.Sections()[section].name).Put(' ');
+                out.PutHex(object.AddressOf(section, row.offset)).Put('\n');
+            }
+        }
+        if (ofSource && row.line < *line && row.line != 0 &&
+            (!nearest || row.line > nearest->row.line))
+            nearest = Place{section, row};
+    });
+    if (!listed || !out.Flush())
+        return kExitFailed;
+    if (found)
+        return kExitOk;
+    std::string position = source + ":" + std::to_string(*line);
+    if (column)
+        position += ":" + std::to_string(*column);
+    if (!nearest) {
+        Fail("no code at or before " + position);
+    } else {
+        const std::string *file = object.FileName(nearest->row.file_index);
+        Fail("no code at " + position + "; the nearest earlier position is " +
+             (file ? *file : std::string("??")) + ":" + std::to_string(nearest->row.line) + " at " +
+             object.Sections()[nearest->section].name + " " +
+             Hex(object.AddressOf(nearest->section, nearest->row.offset)));
+    }
+    return kExitNotFound;
+}
+
+int ListFiles(const Arguments &args) {
+    if (args.operands.size() != 1)
+        return Usage("files takes one object file", "files");
+    ObjectLines object;
+    if (!OpenObject(object, args.operands[0]))
+        return kExitFailed;
+    Output out;
+    for (uint32_t index = 0; index < object.FileCount(); ++index) {
+        const std::string *path = object.FileName(index);
+        if (!path) {
+            Fail("source file " + std::to_string(index) + " has no name");
+            return kExitFailed;
+        }
+        if (args.json)
+            out.Put("{\"index\": ")
+                .PutDecimal(index)
+                .Put(", \"file\": ")
+                .PutJsonString(*path)
+                .Put("}\n");
+        else
+            out.Put(*path).Put('\n');
+    }
+    return out.Flush() ? kExitOk : kExitFailed;
 }
 
 } // namespace
 
-int ListLines(const std::string &object) {
-    Retrieval retrieval;
-    if (!retrieval.Open(object))
-        return kExitFailed;
-    // The library answers by exact offset only, so every offset of a section is asked once;
-    // each row is found at the offset where it starts.
-    for (BrxHandle section : retrieval.Sections()) {
-        std::string name = SectionName(section);
-        if (IsBookkeeping(section, name))
-            continue;
-        DbgLineSectionHandle *handle = nullptr;
-        DbgStatus status = DbgLine_open_line_section(section, &handle);
-        if (status != DBG_ERR_NONE) {
-            Fail("section " + name + ": " + DescribeStatus(status));
-            return kExitFailed;
-        }
-        uint64_t size = SectionSize(section);
-        for (uint64_t offset = 0; offset <= size; ++offset) {
-            DbgInstInfo info;
-            Probe probe = RowAt(handle, offset, info, status);
-            if (probe == Probe::Failed) {
-                Fail("section " + name + " offset " + Hex(offset) + ": " + DescribeStatus(status));
-                return kExitFailed;
-            }
-            if (probe == Probe::Row)
-                std::printf("%s %s %u %u %s\n", name.c_str(), Hex(offset).c_str(), info.line,
-                            static_cast<unsigned>(info.column), FileOf(info).c_str());
-        }
+std::optional<uint64_t> ParseAddress(std::string_view text) {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
+        text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r'))
+        text.remove_suffix(1);
+    unsigned base = 10;
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+        base = 16;
+        text.remove_prefix(2);
     }
-    return kExitOk;
+    if (text.empty())
+        return std::nullopt;
+    uint64_t value = 0;
+    for (char c : text) {
+        unsigned digit;
+        if (c >= '0' && c <= '9')
+            digit = unsigned(c - '0');
+        else if (base == 16 && c >= 'a' && c <= 'f')
+            digit = unsigned(c - 'a' + 10);
+        else if (base == 16 && c >= 'A' && c <= 'F')
+            digit = unsigned(c - 'A' + 10);
+        else
+            return std::nullopt;
+        if (value > (UINT64_MAX - digit) / base)
+            return std::nullopt; // more than 64 bits
+        value = value * base + digit;
+    }
+    return value;
 }
 
-int AddressToLine(const std::string &object, const std::string &sectionName, uint64_t offset) {
-    Retrieval retrieval;
-    if (!retrieval.Open(object))
-        return kExitFailed;
-    for (BrxHandle section : retrieval.Sections()) {
-        if (SectionName(section) != sectionName)
-            continue;
-        DbgLineSectionHandle *handle = nullptr;
-        DbgStatus status = DbgLine_open_line_section(section, &handle);
-        if (status != DBG_ERR_NONE) {
-            Fail("section " + sectionName + ": " + DescribeStatus(status));
-            return kExitFailed;
-        }
-        // The row that covers the offset is the nearest one at or below it.
-        for (uint64_t probe = offset;; --probe) {
-            DbgInstInfo info;
-            Probe found = RowAt(handle, probe, info, status);
-            if (found == Probe::Failed) {
-                Fail("section " + sectionName + ": " + DescribeStatus(status));
-                return kExitFailed;
-            }
-            if (found == Probe::Row) {
-                std::printf("%s:%u\n", FileOf(info).c_str(), info.line);
-                return kExitOk;
-            }
-            if (probe == 0)
-                break;
-        }
-        std::printf("??:0\n");
-        return kExitNotFound;
-    }
-    Fail(object + " has no section " + sectionName);
-    return kExitFailed;
-}
-
-int LineToAddress(const std::string &object, const std::string &source, uint32_t line,
-                  uint16_t column) {
-    Dbg_init(1);
-    struct Finish {
-        ~Finish() { Dbg_finish(); }
-    } finish;
-    std::vector<char> name(source.begin(), source.end());
-    name.push_back('\0');
-    DbgSourceHandle *file = nullptr;
-    DbgStatus status = DbgLine_open_object_and_source_file(object.c_str(), name.data(), &file);
-    if (status == DBG_ERR_SOURCE_NOT_FOUND) {
-        Fail(object + " has no line information for " + source);
-        return kExitNotFound;
-    }
-    if (status != DBG_ERR_NONE) {
-        Fail("cannot read the line information of " + object + ": " + DescribeStatus(status));
-        return kExitFailed;
-    }
-    DbgSourceQuery query = {file, line, column};
-    DbgSourceResult result = {nullptr, 0};
-    status = DbgLine_get_inst_info_by_source(0, &query, &result);
-    if (status == DBG_ERR_NONE) {
-        // Further records at the same position (the line's code in several places) follow.
-        do {
-            std::printf("%s %s\n", SectionName(result.handle->section).c_str(),
-                        Hex(result.address).c_str());
-            status = DbgLine_get_inst_info_by_source(1, &query, &result);
-        } while (status == DBG_ERR_NONE);
-        if (status == DBG_ERR_INEXACT_POSITION || status == DBG_ERR_NO_LINE_AT_POSITION)
-            return kExitOk;
-        Fail(DescribeStatus(status));
-        return kExitFailed;
-    }
-    std::string position = source + ":" + std::to_string(line);
-    if (status == DBG_ERR_INEXACT_POSITION) {
-        DbgOffsetQuery back = {result.handle, result.address};
-        DbgInstInfo info;
-        std::string nearest = SectionName(result.handle->section) + " " + Hex(result.address);
-        if (DbgLine_get_inst_info_by_offset(1, &back, &info) == DBG_ERR_NONE)
-            nearest = FileOf(info) + ":" + std::to_string(info.line) + " at " + nearest;
-        Fail("no code at " + position + "; the nearest earlier position is " + nearest);
-        return kExitNotFound;
-    }
-    if (status == DBG_ERR_NO_LINE_AT_POSITION) {
-        Fail("no code at or before " + position);
-        return kExitNotFound;
-    }
-    Fail(DescribeStatus(status));
-    return kExitFailed;
-}
-
-int ListFiles(const std::string &object) {
-    Retrieval retrieval;
-    if (!retrieval.Open(object))
-        return kExitFailed;
-    uint32_t count = 0;
-    DbgStatus status = DbgLine_get_source_files_number(&count);
-    if (status != DBG_ERR_NONE) {
-        Fail(DescribeStatus(status));
-        return kExitFailed;
-    }
-    for (uint32_t index = 0; index < count; ++index) {
-        std::vector<char> buffer(512);
-        while (true) {
-            uint32_t size = static_cast<uint32_t>(buffer.size());
-            status =
-                DbgLine_get_source_file_name(static_cast<int32_t>(index), buffer.data(), &size);
-            // 38 also means "buffer too small": the index is known to be valid here.
-            if (status != DBG_ERR_BAD_SOURCE_INDEX || buffer.size() > (1u << 20))
-                break;
-            buffer.resize(buffer.size() * 2);
-        }
-        if (status != DBG_ERR_NONE) {
-            Fail("source file " + std::to_string(index) + ": " + DescribeStatus(status));
-            return kExitFailed;
-        }
-        std::printf("%s\n",
-                    std::string(buffer.data(), strnlen(buffer.data(), buffer.size())).c_str());
-    }
-    return kExitOk;
+int RunQuery(const std::string &command, const std::vector<std::string> &args) {
+    Arguments parsed;
+    std::string fault = ParseArguments(command, args, parsed);
+    if (!fault.empty())
+        return Usage(fault, command);
+    if (command == "lines")
+        return ListLines(parsed);
+    if (command == "addr")
+        return AddressToLine(parsed);
+    if (command == "line")
+        return LineToAddress(parsed);
+    if (command == "files")
+        return ListFiles(parsed);
+    return Usage("unknown command '" + command + "'", "");
 }
 
 } // namespace qdbg

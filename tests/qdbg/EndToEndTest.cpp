@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <map>
 #include <sstream>
@@ -171,15 +175,25 @@ struct Query {
 };
 
 const Query kQueries[] = {
-    {"addr .text 0x10", 0, "{tour}:10\n", ""},
-    {"addr .text 19", 0, "{tour}:11\n", ""}, // inside the instruction at 17
-    {"addr .text 0x15", 0, "{inc}:2\n", ""}, // the include file's row at 20
-    {"addr .text.inline 3", 0, "{tour}:19\n", ""},
-    {"addr .data 4", 3, "??:0\n", ""},
-    {"addr .nothing 0", 1, "", "has no section .nothing"},
+    {"addr 0x10", 0, "{tour}:10\n", ""},
+    {"addr --section .text 19", 0, "{tour}:11\n", ""}, // inside the instruction at 17
+    {"addr 0x10 0x15 0x21 0x30", 3, "{tour}:10\n{inc}:2\n{tour}:14\n??:0\n",
+     ""}, // 0x30: past the end
+    {"addr --section .text.inline 3", 0, "{tour}:19\n", ""},
+    {"addr -f 0x11 12", 0, "helper\n{tour}:11\n.alt\n{tour}:7\n", ""}, // function symbols
+    {"addr --json -f 0x15 0x40", 3,
+     "{\"address\": 21, \"function\": \"helper\", \"file\": \"{inc}\", \"line\": 2, \"column\": "
+     "0}\n"
+     "{\"address\": 64, \"function\": null, \"file\": null, \"line\": 0, \"column\": 0}\n",
+     ""},
+    {"addr --section .data 4", 3, "??:0\n", ""},
+    {"addr 0x10 nonsense", 1, "{tour}:10\n??:0\n", "'nonsense' is not an address"},
+    {"addr --section .nothing 0", 1, "", "has no section .nothing"},
     {"line {tour} 10", 0, ".text 0x10\n", ""},
-    {"line {tour} 18", 0, ".text.inline 0x0\n", ""},
+    {"line tour.s 10", 0, ".text 0x10\n", ""}, // a trailing part of the path
+    {"line TOUR.S 18", 0, ".text.inline 0x0\n", ""},
     {"line {TOUR} 4", 0, ".text 0x3\n", ""}, // letter case does not matter
+    {"line our.s 10", 3, "", "has no line information for our.s"},
     {"line {tour} 9", 3, "", "nearest earlier position is {tour}:8 at .text 0xe"},
     {"line {tour}.missing 3", 3, "", "has no line information for"},
 };
@@ -255,6 +269,56 @@ TEST(QdbgQueries, AnObjectThatCannotBeOpenedIsAFailure) {
         EXPECT_NE(result.err.find("cannot open"), std::string::npos) << result.err;
         EXPECT_EQ(result.out, "");
     }
+}
+
+// A program that keeps qdbg running and asks one address at a time gets each answer before it
+// asks the next: answers are not held back until the input ends.
+TEST(QdbgQueries, AddrAnswersEachLineOfStandardInputAsItArrives) {
+    qtest::TempDir dir;
+    std::string object = Build(dir, "tour", "elf64");
+    int toQdbg[2], fromQdbg[2];
+    ASSERT_EQ(pipe(toQdbg), 0);
+    ASSERT_EQ(pipe(fromQdbg), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        dup2(toQdbg[0], 0);
+        dup2(fromQdbg[1], 1);
+        for (int fd : {toQdbg[0], toQdbg[1], fromQdbg[0], fromQdbg[1]})
+            close(fd);
+        execl(kQdbg.c_str(), kQdbg.c_str(), "addr", "-f", object.c_str(),
+              static_cast<char *>(nullptr));
+        _exit(127);
+    }
+    close(toQdbg[0]);
+    close(fromQdbg[1]);
+    // Reads until `lines` complete lines have come, or fails after a generous wait.
+    auto readLines = [&](int lines) {
+        std::string text;
+        while (std::count(text.begin(), text.end(), '\n') < lines) {
+            pollfd ready = {fromQdbg[0], POLLIN, 0};
+            if (poll(&ready, 1, 30000) != 1)
+                return text + "<no answer>";
+            char buffer[256];
+            ssize_t got = read(fromQdbg[0], buffer, sizeof buffer);
+            if (got <= 0)
+                return text + "<closed>";
+            text.append(buffer, size_t(got));
+        }
+        return text;
+    };
+    for (const auto &[address, answer] :
+         {std::pair<std::string, std::string>{"0x10\n", "helper\n"}, {"12\n", ".alt\n"}}) {
+        ASSERT_EQ(write(toQdbg[1], address.data(), address.size()), ssize_t(address.size()));
+        std::string got = readLines(2);
+        EXPECT_EQ(got.substr(0, got.find('\n') + 1), answer) << got;
+    }
+    close(toQdbg[1]);
+    EXPECT_EQ(readLines(1), "<closed>");
+    close(fromQdbg[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 TEST(CExample, WritesAnElf64ObjectWithItsFiveRows) {

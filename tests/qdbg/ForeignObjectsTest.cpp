@@ -57,7 +57,7 @@ TEST(ForeignObjects, ElfLineProgramsFromLlvmMc) {
                                          dir.Path());
     ASSERT_EQ(assembled.exitCode, 0) << assembled.err;
     EXPECT_EQ(ListedRows(dir.File("three.o")), expected);
-    CommandResult addr = RunCommand(kQdbg + " addr three.o .text.hot 7", dir.Path());
+    CommandResult addr = RunCommand(kQdbg + " addr --section .text.hot three.o 7", dir.Path());
     EXPECT_EQ(addr.out, dir.File("three.s:50\n"));
 }
 
