@@ -92,11 +92,10 @@ show() {
     "$qdbg" lines tour-coff.o
     banner "qdbg files tour-elf64.o"
     "$qdbg" files tour-elf64.o
-    banner "qdbg addr tour-elf64.o .text 0x13   (inside the instruction at 0x11)"
-    "$qdbg" addr tour-elf64.o .text 0x13
-    banner "qdbg line tour-elf64.o <tour.s as listed above> 10"
-    tour_path=$("$qdbg" files tour-elf64.o | grep 'tour\.s$')
-    "$qdbg" line tour-elf64.o "$tour_path" 10
+    banner "qdbg addr -f tour-elf64.o 0x13 0x15   (offsets in .text: inside the instructions at 0x11 and 0x14)"
+    "$qdbg" addr -f tour-elf64.o 0x13 0x15
+    banner "qdbg line tour-elf64.o tour.s 10"
+    "$qdbg" line tour-elf64.o tour.s 10
     banner "done: the objects and programs are in $1/demo"
 }
 show "$@" 2>&1 | sed -e "s|$root|<project>|g"

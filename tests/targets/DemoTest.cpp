@@ -96,6 +96,8 @@ TEST(DemoPrograms, MakeDemoLinksDebugsAndSymbolizes) {
              R"(type = data8\n)",
              R"(\nsquare\n<project>/examples/src/square-aarch64\.s:13:0\n)",
              R"(\nsquare\n<project>/examples/src/square-x86-64\.s:16:0\n)",
+             R"(\nhelper\n<project>/examples/src/tour\.s:11\nhelper\n)",
+             R"(\nhelper\n<project>/examples/src/tour\.inc:2\n)",
          })
         EXPECT_TRUE(std::regex_search(out, std::regex(shown))) << shown;
     EXPECT_EQ(out.find(QUILLET_SOURCE_DIR), std::string::npos);
