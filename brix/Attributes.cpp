@@ -224,7 +224,7 @@ bool Matches(const CHandleEntry &e, uint32_t key, const void *value) {
 bool WriteBytes(CSection &s, BrxBytes *rec) {
     if (!rec || rec->offset > s.Size() || (rec->count > 0 && !rec->data))
         return false;
-    if (rec->count > UINT64_MAX - rec->offset)
+    if (rec->count > UINT64_MAX - rec->offset || s.Inflate() != BRX_OK)
         return false;
     s.MakeWritable();
     uint64_t end = rec->offset + rec->count;

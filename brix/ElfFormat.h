@@ -38,6 +38,11 @@ constexpr uint64_t SHF_ALLOC = 0x2;
 constexpr uint64_t SHF_EXECINSTR = 0x4;
 constexpr uint64_t SHF_INFO_LINK = 0x40;
 constexpr uint64_t SHF_GROUP = 0x200;
+constexpr uint64_t SHF_COMPRESSED = 0x800;
+
+// The compression header at the start of an SHF_COMPRESSED section's contents.
+constexpr uint32_t ELFCOMPRESS_ZLIB = 1;
+constexpr unsigned kChdrSize32 = 12, kChdrSize64 = 24;
 
 constexpr uint32_t GRP_COMDAT = 1;
 
@@ -89,6 +94,17 @@ constexpr unsigned RelFieldWidth(uint32_t machine, uint32_t type) {
         return 0;
     }
 }
+
+// Relocation types whose field holds a plain offset or address (S + A), per machine, and the
+// add, subtract and set types of RISC-V's paired relocations.
+constexpr uint32_t EM_DEFAULT_TARGET = 50;
+constexpr uint32_t R_DEFAULT_TARGET_32 = 37, R_DEFAULT_TARGET_64 = 39;
+constexpr uint32_t R_X86_64_64 = 1, R_X86_64_32 = 10, R_X86_64_32S = 11;
+constexpr uint32_t R_AARCH64_ABS64 = 257, R_AARCH64_ABS32 = 258;
+constexpr uint32_t R_RISCV_32 = 1, R_RISCV_64 = 2;
+constexpr uint32_t R_RISCV_ADD8 = 33, R_RISCV_ADD16 = 34, R_RISCV_ADD32 = 35, R_RISCV_ADD64 = 36;
+constexpr uint32_t R_RISCV_SUB8 = 37, R_RISCV_SUB16 = 38, R_RISCV_SUB32 = 39, R_RISCV_SUB64 = 40;
+constexpr uint32_t R_RISCV_SET8 = 54, R_RISCV_SET16 = 55, R_RISCV_SET32 = 56;
 
 // Record sizes per class.
 constexpr unsigned kEhdrSize32 = 52, kEhdrSize64 = 64;

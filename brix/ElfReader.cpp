@@ -86,6 +86,7 @@ bool CElfReader::ReadHeader() {
     m_nNameTable = m_Image.U16(at + 4);
 
     m_File.m_nFormat = m_b64 ? BRX_FORMAT_ELF64 : BRX_FORMAT_ELF32;
+    m_File.m_bBigEndian = data == ELFDATA2MSB;
     switch (m_nType) {
     case ET_REL:
         m_File.m_nObjectKind = 0;
@@ -173,10 +174,23 @@ bool CElfReader::OfferSections() {
         s.m_nAddress = h.m_nAddress;
         s.m_bUsesView = true;
         s.m_nViewSize = h.m_nSize;
-        if (h.m_nType == SHT_NOBITS)
+        if (h.m_nType == SHT_NOBITS) {
             s.m_bZeroFill = true;
-        else
+        } else if (h.m_nFlags & SHF_COMPRESSED) {
+            // The contents start with a compression header; the section's size is the size of
+            // the decompressed bytes, which are made when they are first read.
+            unsigned header = m_b64 ? kChdrSize64 : kChdrSize32;
+            if (h.m_nSize < header)
+                return false;
+            s.m_nCompression = m_Image.U32(h.m_nOffset);
+            s.m_nViewSize = m_b64 ? m_Image.U64(h.m_nOffset + 8) : m_Image.U32(h.m_nOffset + 4);
+            s.m_pCompressed = m_File.m_Image.data() + h.m_nOffset + header;
+            s.m_nCompressedSize = h.m_nSize - header;
+            if (s.m_nCompression == 0)
+                return false; // a compressed section must name its compression
+        } else {
             s.m_pView = m_File.m_Image.data() + h.m_nOffset;
+        }
         m_ModelSection[i] = index;
     }
     return true;
@@ -302,6 +316,7 @@ bool CElfReader::ReadRelocations() {
             r.m_nOffset = offset;
             r.m_nType = type;
             r.m_nAddend = addend;
+            r.m_bAddendInPlace = !rela;
             r.m_Target = symbolsKnown ? m_SymbolHandle[symbol] : 0;
         }
     }

@@ -2,6 +2,9 @@
 // child iterations, and the numeric attributes.
 #include "KeyedQueries.h"
 #include "Attributes.h"
+#include "Relocations.h"
+
+#include <algorithm>
 
 #include <string>
 
@@ -82,9 +85,12 @@ BrxBytes *BytesRecord(const void *input, void *output) {
     return static_cast<BrxBytes *>(output ? output : const_cast<void *>(input));
 }
 
-int32_t ReadBytes(const CSection &s, BrxBytes *rec) {
+int32_t ReadBytes(CSection &s, BrxBytes *rec) {
     if (!rec || rec->offset > s.Size() || (rec->count > 0 && !rec->data))
         return kFailed;
+    int32_t inflated = s.Inflate();
+    if (inflated != BRX_OK)
+        return inflated;
     rec->count = s.Read(rec->offset, rec->count, static_cast<uint8_t *>(rec->data));
     return kOk;
 }
@@ -195,6 +201,29 @@ int32_t GetKeyed(BrxHandle object, uint32_t key, const void *input, void *output
         if (e->m_Kind != Kind::Section)
             return BRX_ERR_NOT_A_SECTION;
         return ReadBytes(f.m_Sections[e->m_nIndex], BytesRecord(input, output));
+    case BRX_KEY_RESOLVED_RELOCATIONS: {
+        if (e->m_Kind != Kind::Section)
+            return BRX_ERR_NOT_A_SECTION;
+        auto *list = static_cast<BrxResolvedList *>(output ? output : const_cast<void *>(input));
+        if (!list)
+            return kFailed;
+        CSection &section = f.m_Sections[e->m_nIndex];
+        int32_t result = ResolveRelocations(f, section);
+        if (result != BRX_OK)
+            return result;
+        const std::vector<BrxResolvedRelocation> &all = section.m_Resolved;
+        if (!list->entries) {
+            list->count = all.size();
+            return kOk;
+        }
+        uint64_t copied = list->first < all.size()
+                              ? std::min<uint64_t>(list->count, all.size() - list->first)
+                              : 0;
+        std::copy_n(all.begin() + static_cast<ptrdiff_t>(copied ? list->first : 0), copied,
+                    list->entries);
+        list->count = copied;
+        return kOk;
+    }
     case BRX_KEY_COMDAT: {
         if (e->m_Kind != Kind::Section)
             return BRX_ERR_NOT_A_SECTION;

@@ -1,6 +1,10 @@
 #include "Model.h"
+#include "ElfFormat.h"
+
+#include <zlib.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 namespace brix {
@@ -10,7 +14,7 @@ bool CSection::IsDebug() const {
 }
 
 void CSection::MakeWritable() {
-    if (!m_bUsesView)
+    if (!m_bUsesView || m_nCompression != 0)
         return;
     if (m_bZeroFill)
         m_Data.assign(m_nViewSize, 0);
@@ -22,7 +26,54 @@ void CSection::MakeWritable() {
     m_nViewSize = 0;
 }
 
+int32_t CSection::Inflate() {
+    if (m_nCompression == 0)
+        return BRX_OK;
+    if (m_nCompression != elf::ELFCOMPRESS_ZLIB)
+        return BRX_ERR_UNSUPPORTED_COMPRESSION;
+    // The header's size is checked against what the stream holds, so a hostile size costs no
+    // more than the stream can fill: zlib expands at most about 1032 times.
+    constexpr uint64_t kMaxExpansion = 1032;
+    if (m_nViewSize / kMaxExpansion > m_nCompressedSize + 1)
+        return BRX_ERR_FAILED;
+    std::vector<uint8_t> data(m_nViewSize);
+    z_stream stream{};
+    if (inflateInit(&stream) != Z_OK)
+        return BRX_ERR_FAILED;
+    const uint8_t *in = m_pCompressed;
+    uint64_t inLeft = m_nCompressedSize;
+    uint8_t *out = data.data();
+    uint64_t outLeft = data.size();
+    int status = Z_OK;
+    // zlib counts in 32-bit units: feed and drain it in pieces.
+    while (status == Z_OK) {
+        stream.next_in = const_cast<uint8_t *>(in);
+        stream.avail_in = uInt(std::min<uint64_t>(inLeft, UINT_MAX));
+        stream.next_out = out;
+        stream.avail_out = uInt(std::min<uint64_t>(outLeft, UINT_MAX));
+        uInt inBefore = stream.avail_in, outBefore = stream.avail_out;
+        status = inflate(&stream, Z_NO_FLUSH);
+        in += inBefore - stream.avail_in;
+        inLeft -= inBefore - stream.avail_in;
+        out += outBefore - stream.avail_out;
+        outLeft -= outBefore - stream.avail_out;
+        if (status == Z_OK && inBefore == stream.avail_in && outBefore == stream.avail_out)
+            break; // no progress: the stream is cut short
+    }
+    inflateEnd(&stream);
+    if (status != Z_STREAM_END || outLeft != 0)
+        return BRX_ERR_FAILED;
+    m_Data.swap(data);
+    m_bUsesView = false;
+    m_nCompression = 0;
+    m_pCompressed = nullptr;
+    m_nCompressedSize = 0;
+    return BRX_OK;
+}
+
 uint64_t CSection::Read(uint64_t offset, uint64_t count, uint8_t *out) const {
+    if (m_nCompression != 0)
+        return 0;
     uint64_t size = Size();
     if (offset >= size)
         return 0;

@@ -100,6 +100,14 @@ struct CSection {
     uint64_t m_nViewSize = 0;
     bool m_bUsesView = false;
     bool m_bZeroFill = false; // uninitialised data: m_nViewSize bytes that read as zero
+    // A compressed section read from a file: m_nViewSize is its decompressed size, and its bytes
+    // are decompressed into m_Data the first time they are read (Inflate).
+    uint32_t m_nCompression = 0; // the ELF compression type; 0 when the bytes are plain
+    const uint8_t *m_pCompressed = nullptr;
+    uint64_t m_nCompressedSize = 0;
+    // What key 136 answers, worked out on first use.
+    std::vector<BrxResolvedRelocation> m_Resolved;
+    bool m_bResolved = false;
     uint32_t m_nComdatSelection = BRX_COMDAT_NONE;
     BrxHandle m_AssociatedSection = 0;
     std::vector<uint32_t> m_Relocations; // indices into CBrxFile::m_Relocations
@@ -110,7 +118,12 @@ struct CSection {
     bool IsDebug() const;
     // Brings a viewed section's bytes into m_Data so that they can be changed.
     void MakeWritable();
-    // Copies up to count bytes at offset into out; answers the count copied.
+    // Decompresses a compressed section's bytes; BRX_OK (also when there is nothing to do),
+    // BRX_ERR_UNSUPPORTED_COMPRESSION, or BRX_ERR_FAILED for a stream that is not what its header
+    // says.
+    int32_t Inflate();
+    // Copies up to count bytes at offset into out; answers the count copied (0 for a compressed
+    // section not yet inflated).
     uint64_t Read(uint64_t offset, uint64_t count, uint8_t *out) const;
 };
 
@@ -122,6 +135,7 @@ struct CRelocation {
     uint32_t m_nType = 0;
     BrxHandle m_Target = 0; // a symbol or a section of the same file
     int64_t m_nAddend = 0;
+    bool m_bAddendInPlace = false; // read from an ELF REL section: the field holds the addend
 };
 
 struct CSymbol {
@@ -171,6 +185,7 @@ public:
     bool m_bWritable;             // made by _brx_new_file: _brx_write_file serialises it
     uint32_t m_nMachine;          // key 20
     uint32_t m_nMachineFlags = 0; // key 21, ELF e_flags
+    bool m_bBigEndian = false;    // a file read back whose fields are big-endian
     uint32_t m_nObjectKind = 0;   // key 19
     std::vector<uint8_t> m_Image; // the whole file, for files read back
 

@@ -35,7 +35,7 @@ SOURCES=$(find "$ROOT/src" "$ROOT/brix" -name '*.cpp' | sort)
 OBJECTS=$(printf '%s\n' $SOURCES | xargs -P 2 -I{} bash -c 'FLAGS=($FLAGS_STR); compile "$@"' _ {})
 for target in Retrieve Api; do
     harness=$(compile "$ROOT/fuzz/Fuzz$target.cpp")
-    "$CXX" -fsanitize=fuzzer,address,undefined $OBJECTS "$harness" \
+    "$CXX" -fsanitize=fuzzer,address,undefined $OBJECTS "$harness" -lz \
         -o "$OUT/fuzz_$(echo "$target" | tr '[:upper:]' '[:lower:]')"
 done
 

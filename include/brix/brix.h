@@ -37,6 +37,8 @@ typedef uint32_t BrxHandle; /* 0 = none */
 #define BRX_ERR_BUFFER_TOO_SMALL 4122   /* name queries: double the buffer and ask again */
 #define BRX_ERR_NO_MORE 4164            /* an iteration has no further object */
 #define BRX_ERR_NOT_A_SECTION 4177      /* a section query on another kind of object */
+#define BRX_ERR_UNSUPPORTED_COMPRESSION 4220 /* the bytes of a compressed section whose
+                                                compression is not zlib */
 
 /* "First" for iterations, "any" for BrxFind.key */
 #define BRX_FIRST 0xFFFFFFFFu
@@ -95,6 +97,8 @@ typedef uint32_t BrxHandle; /* 0 = none */
 #define BRX_KEY_NEXT_LINE_ITEM 130     /* line block: in const BrxHandle *previous, out BrxHandle item */
 #define BRX_KEY_LINE_BLOCK_FILE 131    /* line block: out BrxHandle file reference (answers key 125) */
 #define BRX_KEY_COMDAT 133             /* section: BrxComdat */
+#define BRX_KEY_RESOLVED_RELOCATIONS 136 /* section (query): BrxResolvedList, the values its
+                                            relocations give the fields they patch */
 #define BRX_KEY_LINE_BLOCK_END 135     /* line block: out uint64_t section offset where the code that
                                           its lines subsection covers ends */
 #define BRX_KEY_RELOC_ADDEND 134       /* relocation: int64_t addend (ELF RELA; 0 otherwise) */
@@ -153,6 +157,30 @@ typedef struct BrxFind {
     uint32_t key;      /* attribute to match, BRX_ANY for any */
     const void *value; /* the value it must have (for key 36: const char *) */
 } BrxFind;
+
+/* One relocated field of a section, as a reader of a relocatable object needs it: what the field
+ * holds once every section is placed at address 0. For an absolute relocation that is the
+ * symbol's offset in its section plus the addend (ELF RELA) or plus the value in place (ELF REL);
+ * for the paired add and subtract relocations of machines that relax code (RISC-V), the
+ * difference they compute, with no section. Relocations of kinds a reader has no use for (PC-
+ * relative, thread-local, relaxation hints) are left out. Compressed sections: the offsets and
+ * values are those of the decompressed bytes. */
+typedef struct BrxResolvedRelocation {
+    uint64_t offset;   /* of the field in the section */
+    uint64_t value;    /* the field's value */
+    BrxHandle section; /* the section `value` is an offset in; 0 for a difference, or a symbol
+                          that is undefined or absolute */
+    uint32_t size;     /* bytes of the field: 1, 2, 4 or 8 */
+} BrxResolvedRelocation;
+
+/* Key 136: with entries NULL, count receives how many entries the section has; else up to count
+ * entries from position `first` are copied in ascending offset order and count receives how
+ * many were. */
+typedef struct BrxResolvedList {
+    uint64_t count;
+    uint64_t first;
+    BrxResolvedRelocation *entries;
+} BrxResolvedList;
 
 typedef struct BrxFindSymbol {
     BrxHandle after;   /* BRX_FIRST for the first */
