@@ -22,10 +22,10 @@ namespace {
 
 // Sequences of a raw line section all go to one section, unmoved.
 struct OneSectionPlacer : quillet::CSequencePlacer {
-    CError Place(uint64_t, uint64_t, BrxHandle &section, int64_t &bias) override {
+    Result Place(const quillet::CAddressOperand &, BrxHandle &section, int64_t &bias) override {
         section = 1;
         bias = 0;
-        return kOk;
+        return Result::Placed;
     }
 };
 
@@ -90,14 +90,11 @@ void QueryEverything(CBaseRetrieve &engine, const uint8_t *data, size_t size) {
 void FuzzLineSection(const uint8_t *data, size_t size) {
     CBaseRetrieve engine;
     quillet::CDwarfSections sections;
-    sections.info = kInfo;
-    sections.infoSize = sizeof(kInfo);
-    sections.abbrev = kAbbrev;
-    sections.abbrevSize = sizeof(kAbbrev);
+    sections.info = quillet::CDwarfSection{kInfo, sizeof(kInfo), nullptr};
+    sections.abbrev = quillet::CDwarfSection{kAbbrev, sizeof(kAbbrev), nullptr};
     // A copy of exactly the input's length, so reads past it are caught.
     std::vector<uint8_t> line(data, data + size);
-    sections.line = line.data();
-    sections.lineSize = line.size();
+    sections.line = quillet::CDwarfSection{line.data(), line.size(), nullptr};
     OneSectionPlacer placer;
     (void)engine.LoadDwarf(sections, placer);
     QueryEverything(engine, data, size);

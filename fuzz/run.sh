@@ -73,11 +73,29 @@ trap 'rm -rf "$WORK"' EXIT
 "$MC" -filetype=obj -triple i686-linux-gnu -dwarf-version=2 "$WORK/seed.s" -o "$WORK/elf32.o"
 printf 'int f(int x) {\n  int y = x * 3;\n  return y + 1;\n}\nint g(void) { return f(2); }\n' > "$WORK/c.c"
 "$CC_WIN" --target=x86_64-pc-windows-msvc -gcodeview -c "$WORK/c.c" -o "$WORK/coff.obj"
-for object in elf64.o elf32.o coff.obj; do
+# Today's producers: version 5 with its string sections, compressed sections (zlib, and zstd,
+# which is refused), and version 5 line headers damaged where they differ from earlier ones
+# (address size, segment selector size, version, the directory format's form).
+"$CC_WIN" --target=x86_64-linux-gnu -g -gdwarf-5 -c "$WORK/c.c" -o "$WORK/v5.o"
+"$CC_WIN" --target=x86_64-linux-gnu -g -gdwarf-4 -gz -c "$WORK/c.c" -o "$WORK/zlib.o"
+objcopy --compress-debug-sections=zstd "$WORK/v5.o" "$WORK/zstd.o"
+llvm-objcopy-14 --dump-section .debug_line="$WORK/line5.bin" "$WORK/v5.o"
+damage() { # file offset byte
+    cp "$WORK/line5.bin" "$WORK/$1.bin"
+    printf "$3" | dd of="$WORK/$1.bin" bs=1 seek="$2" conv=notrunc status=none
+    llvm-objcopy-14 --update-section .debug_line="$WORK/$1.bin" "$WORK/v5.o" "$WORK/$1.o"
+}
+damage v5-address-size 6 '\x00'
+damage v5-segment-size 7 '\x04'
+damage v5-version 4 '\x06'
+damage v5-directory-form 32 '\x7f'
+for object in elf64.o elf32.o coff.obj v5.o zlib.o zstd.o v5-address-size.o v5-segment-size.o \
+              v5-version.o v5-directory-form.o; do
     { printf '\x00'; cat "$WORK/$object"; } > "$SEEDS/object-$object"
 done
 llvm-objcopy-14 --dump-section .debug_line="$WORK/line.bin" "$WORK/elf64.o"
 { printf '\x01'; cat "$WORK/line.bin"; } > "$SEEDS/line-elf64"
+{ printf '\x01'; cat "$WORK/line5.bin"; } > "$SEEDS/line-v5"
 
 # API seeds: one module each in ELF32, ELF64 and COFF (a format byte, section sizes, symbol
 # bindings; then: open the module, two sources, .text, a procedure with its scope, two lines, a

@@ -1,21 +1,27 @@
-// The reader of .debug_abbrev for retrieval: it reads the compilation unit's abbreviation, the
-// first declaration at a unit's abbreviation offset, and keeps its attribute specifications.
+// The reader of .debug_abbrev: the declarations of one abbreviation table, by code. One table is
+// kept at a time (units that share a table, as most of one producer's units do, parse it once), so
+// however many units name tables a hostile section holds, memory stays that of one table.
 #pragma once
 
 #include "platform/CError.h"
 
 #include <cstdint>
+#include <unordered_map>
 #include <vector>
 
 namespace quillet {
 
-enum : uint16_t {
-    DW_TAG_compile_unit = 0x11,
-};
-
 struct CAttributeSpec {
     uint16_t m_nAttribute;
     uint16_t m_nForm;
+    int64_t m_nImplicitConst; // the value of a DW_FORM_implicit_const attribute
+};
+
+// One declaration: the entry's tag, whether children follow it, and its attributes in order.
+struct CAbbrev {
+    uint64_t m_nTag = 0;
+    bool m_bChildren = false;
+    std::vector<CAttributeSpec> m_Attributes;
 };
 
 class CAbbrevSection {
@@ -25,16 +31,20 @@ public:
 
     uint64_t Size() const { return m_nSize; }
 
-    // Reads the declaration at `offset`: it must be code 1, DW_TAG_compile_unit, with children.
-    // Never reads past the declaration's terminating pair or the section's end.
-    CError ParseFirstAbbrev(uint64_t offset);
-
-    const std::vector<CAttributeSpec> &Attributes() const { return m_Attributes; }
+    // Makes the table at `offset` current, reading its declarations up to the terminating code
+    // 0. Fails when it runs past the section, a declaration is cut short, or a code repeats.
+    CError UseTable(uint64_t offset);
+    // The declaration of `code` in the current table, or null.
+    const CAbbrev *Find(uint64_t code) const;
 
 private:
     const uint8_t *m_pData;
     uint64_t m_nSize;
-    std::vector<CAttributeSpec> m_Attributes;
+    bool m_bHaveTable = false;
+    uint64_t m_nTableOffset = 0;
+    // Producers number declarations from 1: those codes index a vector, any others a map.
+    std::vector<CAbbrev> m_Dense;
+    std::unordered_map<uint64_t, CAbbrev> m_Sparse;
 };
 
 } // namespace quillet

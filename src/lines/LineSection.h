@@ -4,6 +4,8 @@
 // the same loop serves relocatable objects, linked ones and tests without an object file.
 #pragma once
 
+#include "dwarf/DwarfSection.h"
+#include "dwarf/Forms.h"
 #include "lines/FileTable.h"
 #include "platform/CError.h"
 
@@ -17,23 +19,6 @@
 #include <vector>
 
 namespace quillet {
-
-// Opcodes of DWARF 2 line-number programs.
-enum : uint8_t {
-    DW_LNS_extended_op = 0,
-    DW_LNS_copy = 1,
-    DW_LNS_advance_pc = 2,
-    DW_LNS_advance_line = 3,
-    DW_LNS_set_file = 4,
-    DW_LNS_set_column = 5,
-    DW_LNS_negate_stmt = 6,
-    DW_LNS_set_basic_block = 7,
-    DW_LNS_const_add_pc = 8,
-    DW_LNS_fixed_advance_pc = 9,
-    DW_LNE_end_sequence = 1,
-    DW_LNE_set_address = 2,
-    DW_LNE_define_file = 3,
-};
 
 // Bits of CLineRow::m_nFlags.
 constexpr uint32_t kRowIsStmt = 1; // the is_stmt register was set: a recommended breakpoint
@@ -113,14 +98,29 @@ private:
     size_t m_nCapacity = 0;
 };
 
-// Places a sequence in the object: given where its DW_LNE_set_address operand stands in
-// .debug_line and the address of its first row, names the section and the amount to add to every
-// address of the sequence to make it an offset in that section.
+// The operand of a DW_LNE_set_address: where it stands in .debug_line, the address it gives
+// (its relocation's value in a relocatable object) and the section that relocation names (0 when
+// it has none).
+struct CAddressOperand {
+    uint64_t m_nOffset;
+    uint64_t m_nAddress;
+    BrxHandle m_Section;
+};
+
+// Places a sequence in the object: from its DW_LNE_set_address operand, names the section and the
+// amount to add to every address of the sequence to make it an offset in that section. A sequence
+// that lies in no section of a linked object (code a linker dropped) is skipped, rows and all.
 class CSequencePlacer {
 public:
+    enum class Result { Placed, Skipped, Failed };
     virtual ~CSequencePlacer() = default;
-    virtual CError Place(uint64_t operandOffset, uint64_t rowAddress, BrxHandle &section,
-                         int64_t &bias) = 0;
+    virtual Result Place(const CAddressOperand &operand, BrxHandle &section, int64_t &bias) = 0;
+};
+
+// What the unit's entry in .debug_info tells the line reader.
+struct CLineUnitContext {
+    std::string_view m_CompilationDirectory;
+    uint64_t m_nStrOffsetsBase = 0; // for indexed strings in a version 5 header
 };
 
 // The constants of the header being decoded.
@@ -128,43 +128,54 @@ struct CLineHeader {
     uint64_t m_nUnitStart = 0;
     uint64_t m_nUnitEnd = 0;
     uint64_t m_nProgramStart = 0;
+    uint16_t m_nVersion = 2;
+    uint8_t m_nOffsetSize = 4;
+    uint8_t m_nAddressSize = 8; // given from version 5; earlier ones take it from each operand
     uint8_t m_nMinimumInstructionLength = 1;
     uint8_t m_bDefaultIsStmt = 1;
     int8_t m_nLineBase = 0;
     uint8_t m_nLineRange = 15;
     uint8_t m_nOpcodeBase = 10;
+    uint32_t m_nFirstFile = 1; // the number of the file table's first entry: 0 from version 5
     std::array<uint8_t, 256> m_StandardOpcodeLengths{};
 };
 
 class CLineSection {
 public:
-    // The section's bytes stay owned by the caller and must outlive the reader.
-    CLineSection(const uint8_t *data, uint64_t size) : m_pData(data), m_nSize(size) {}
+    // The sections stay owned by the caller and must outlive the reader; .debug_line_str,
+    // .debug_str and .debug_str_offsets serve the strings of version 5 headers.
+    explicit CLineSection(const CDwarfSections &sections)
+        : m_Sections(sections), m_Strings(sections) {}
 
-    // Reads the header of the unit at `offset`; `compilationDirectory` becomes the unit's
-    // directory 0. Fails on anything but version 2, a header length that disagrees with the
-    // tables, or a unit running past the section.
-    CError ReadHeader(uint64_t offset, std::string_view compilationDirectory, CFileTable &files);
+    // Reads the header of the unit at `offset` (versions 2 to 5, 32- or 64-bit): its constants,
+    // directories and files. Directory 0 is the compilation directory: the unit's, or the one a
+    // version 5 table names first. Fails on another version, a header length that disagrees with
+    // the tables, an entry format that cannot be read, a unit running past the section, or more
+    // than one operation per instruction (VLIW programs are not read).
+    CError ReadHeader(uint64_t offset, const CLineUnitContext &unit, CFileTable &files);
 
     // Runs the current unit's program, appending every row except end-of-sequence rows, and one
-    // span per run of rows placed in one section. Fails on
-    // an unknown opcode, a truncated operand, a sequence without DW_LNE_set_address, an address
-    // operand longer than 8 bytes, a file number without a file record, or a sequence that the
-    // placer cannot place. Rows appended before the failure stay.
+    // span per run of rows placed in one section. Fails on a truncated operand, a sequence without
+    // DW_LNE_set_address, an address operand longer than 8 bytes, a file number without a file
+    // record, or a sequence that the placer cannot place. Unknown extended opcodes are skipped by
+    // their length, unknown standard ones by the operand counts the header gives. Rows appended
+    // before a failure stay.
     CError DecodeUnit(CSequencePlacer &placer, CFileTable &files, CRowTable &rows,
                       std::vector<CSequenceSpan> &spans);
 
     const CLineHeader &Header() const { return m_Header; }
-    uint64_t Size() const { return m_nSize; }
+    uint64_t Size() const { return m_Sections.line.m_nSize; }
     // Where the input went wrong, as an offset in the section (valid after a failure).
     uint64_t ErrorOffset() const { return m_nErrorOffset; }
 
 private:
-    CError Fail(const uint8_t *at);
-    CError ReadFileEntry(const uint8_t *&p, const uint8_t *end, CFileTable &files);
+    CError Fail(uint64_t offset);
+    CError ReadVersion2Tables(CDataCursor &c, const CLineUnitContext &unit, CFileTable &files);
+    CError ReadVersion5Tables(CDataCursor &c, const CLineUnitContext &unit, CFileTable &files);
+    CError ReadFileEntry(CDataCursor &c, CFileTable &files);
 
-    const uint8_t *m_pData;
-    uint64_t m_nSize;
+    const CDwarfSections &m_Sections;
+    CStringTables m_Strings;
     CLineHeader m_Header;
     uint64_t m_nErrorOffset = 0;
 };

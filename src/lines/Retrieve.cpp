@@ -1,6 +1,7 @@
 #include "lines/Retrieve.h"
 
 #include "dwarf/AbbrevSection.h"
+#include "dwarf/DwarfConstants.h"
 #include "dwarf/InfoSection.h"
 #include "frame/LibraryState.h"
 #include "objects/CompInfo.h"
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <unordered_set>
 
 using namespace quillet;
 
@@ -64,16 +66,22 @@ uint64_t ObjectFileSize(BrxHandle file) {
     return static_cast<uint64_t>(status.st_size);
 }
 
-// Reads a named section whole; false when it is missing or cannot be read. A debugging section
-// larger than the whole object file is refused: its header is corrupted (or it has no data in
-// the file), and reading it would only cost memory.
+// zlib expands at most about 1032 times: no debugging section can be larger than the file times
+// this, however its header lies.
+constexpr uint64_t kMaxExpansion = 1032;
+
+// Reads a named section whole (decompressed, when it is compressed); false when it is missing or
+// cannot be read. A section larger than the object file could ever expand to is refused: its
+// header is corrupted, and reading it would only cost memory.
 bool ReadSection(BrxHandle file, const char *name, std::vector<uint8_t> &bytes,
                  BrxHandle *sectionOut = nullptr) {
     BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_KEY_NAME, name};
     BrxHandle section = 0;
     uint64_t size = 0;
+    uint64_t fileSize = ObjectFileSize(file);
     if (!Query(file, BRX_KEY_FIND, &find, &section) ||
-        !Query(section, BRX_KEY_SECTION_SIZE, nullptr, &size) || size > ObjectFileSize(file))
+        !Query(section, BRX_KEY_SECTION_SIZE, nullptr, &size) ||
+        (fileSize != UINT64_MAX && size / kMaxExpansion > fileSize))
         return false;
     bytes.clear();
     uint64_t piece = kFirstReadPiece;
@@ -91,79 +99,47 @@ bool ReadSection(BrxHandle file, const char *name, std::vector<uint8_t> &bytes,
     return true;
 }
 
+// What the relocations of a section of a relocatable object put into its fields, as brix works
+// it out for the object's machine.
+bool ReadRelocations(BrxHandle section, CRelocationMap &map) {
+    BrxResolvedList list{0, 0, nullptr};
+    if (!Query(section, BRX_KEY_RESOLVED_RELOCATIONS, nullptr, &list))
+        return false;
+    std::vector<BrxResolvedRelocation> entries(static_cast<size_t>(list.count));
+    if (!entries.empty()) {
+        list = BrxResolvedList{entries.size(), 0, entries.data()};
+        if (!Query(section, BRX_KEY_RESOLVED_RELOCATIONS, nullptr, &list) ||
+            list.count != entries.size())
+            return false;
+    }
+    std::vector<CFieldRelocation> fields;
+    fields.reserve(entries.size());
+    for (const BrxResolvedRelocation &e : entries)
+        fields.push_back(CFieldRelocation{e.offset, e.value, e.section, e.size});
+    map = CRelocationMap(std::move(fields));
+    return true;
+}
+
 char LowerAscii(char c) {
     return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-// Places the sequences of a relocatable object: the relocation at a sequence's DW_LNE_set_address
-// operand names its section; the addend and the symbol's offset in its section move the sequence
-// to where it starts inside that section.
+// Places the sequences of a relocatable object: the relocation of a sequence's DW_LNE_set_address
+// operand names its section, and its value (read through the relocation) is already the offset
+// in that section.
 class CRelocationPlacer : public CSequencePlacer {
 public:
-    // Reads the relocations of .debug_line once; false when the object-file library fails.
-    bool Build(BrxHandle lineSection) {
-        BrxHandle relocation = BRX_FIRST;
-        for (;;) {
-            BrxHandle previous = relocation;
-            int32_t result =
-                _brx_get_keyed(lineSection, BRX_KEY_NEXT_RELOCATION, &previous, &relocation, 0);
-            if (result == BRX_ERR_NO_MORE)
-                break;
-            if (result != BRX_OK)
-                return false;
-            Entry entry{};
-            BrxHandle target = 0;
-            if (!Query(relocation, BRX_KEY_RELOC_OFFSET, nullptr, &entry.m_nOffset) ||
-                !Query(relocation, BRX_KEY_RELOC_TARGET, nullptr, &target))
-                return false;
-            int64_t addend = 0;
-            if (!Query(relocation, BRX_KEY_RELOC_ADDEND, nullptr, &addend))
-                addend = 0;
-            uint64_t size = 0;
-            int32_t sizeResult = _brx_get_keyed(target, BRX_KEY_SECTION_SIZE, nullptr, &size, 0);
-            uint64_t symbolOffset = 0;
-            if (sizeResult == BRX_OK) {
-                entry.m_Section = target;
-            } else if (sizeResult == BRX_ERR_NOT_A_SECTION) {
-                // A symbol: its section and its place in it.
-                if (!Query(target, BRX_KEY_SYMBOL_SECTION, nullptr, &entry.m_Section) ||
-                    !Query(target, BRX_KEY_SYMBOL_OFFSET, nullptr, &symbolOffset))
-                    return false;
-            } else {
-                return false;
-            }
-            // Wraps like the address arithmetic it feeds; a hostile addend must not overflow.
-            entry.m_nBias = static_cast<int64_t>(static_cast<uint64_t>(addend) + symbolOffset);
-            m_Entries.push_back(entry);
-        }
-        auto byOffset = [](const Entry &a, const Entry &b) { return a.m_nOffset < b.m_nOffset; };
-        if (!std::is_sorted(m_Entries.begin(), m_Entries.end(), byOffset))
-            std::sort(m_Entries.begin(), m_Entries.end(), byOffset);
-        return true;
+    Result Place(const CAddressOperand &operand, BrxHandle &section, int64_t &bias) override {
+        if (operand.m_Section == 0)
+            return Result::Failed;
+        section = operand.m_Section;
+        bias = 0;
+        return Result::Placed;
     }
-
-    CError Place(uint64_t operandOffset, uint64_t, BrxHandle &section, int64_t &bias) override {
-        auto it = std::lower_bound(
-            m_Entries.begin(), m_Entries.end(), operandOffset,
-            [](const Entry &entry, uint64_t offset) { return entry.m_nOffset < offset; });
-        if (it == m_Entries.end() || it->m_nOffset != operandOffset || it->m_Section == 0)
-            return kFailed;
-        section = it->m_Section;
-        bias = it->m_nBias;
-        return kOk;
-    }
-
-private:
-    struct Entry {
-        uint64_t m_nOffset;
-        BrxHandle m_Section;
-        int64_t m_nBias;
-    };
-    std::vector<Entry> m_Entries;
 };
 
 // Places the sequences of a linked object by address: the section whose address range holds the
-// sequence's first row; addresses become offsets in that section.
+// sequence's start; addresses become offsets in that section.
 class CAddressPlacer : public CSequencePlacer {
 public:
     bool Build(BrxHandle file) {
@@ -189,18 +165,21 @@ public:
         return true;
     }
 
-    CError Place(uint64_t, uint64_t rowAddress, BrxHandle &section, int64_t &bias) override {
+    // A sequence in no loaded section is code the linker dropped (its address set to 0 or
+    // another mark): skipped.
+    Result Place(const CAddressOperand &operand, BrxHandle &section, int64_t &bias) override {
+        uint64_t address = operand.m_nAddress;
         auto it = std::upper_bound(
-            m_Ranges.begin(), m_Ranges.end(), rowAddress,
-            [](uint64_t address, const Range &range) { return address < range.m_nAddress; });
+            m_Ranges.begin(), m_Ranges.end(), address,
+            [](uint64_t value, const Range &range) { return value < range.m_nAddress; });
         if (it == m_Ranges.begin())
-            return kFailed;
+            return Result::Skipped;
         --it;
-        if (rowAddress - it->m_nAddress >= it->m_nSize)
-            return kFailed;
+        if (address - it->m_nAddress >= it->m_nSize)
+            return Result::Skipped;
         section = it->m_Section;
         bias = static_cast<int64_t>(uint64_t(0) - it->m_nAddress);
-        return kOk;
+        return Result::Placed;
     }
 
 private:
@@ -256,44 +235,60 @@ uint32_t CBaseRetrieve::LoadByFormat() {
 }
 
 uint32_t CBaseRetrieve::LoadElfLines() {
-    BrxHandle lineSection = 0;
-    if (!ReadSection(m_hObject, ".debug_abbrev", m_AbbrevBytes) ||
-        !ReadSection(m_hObject, ".debug_info", m_InfoBytes) ||
-        !ReadSection(m_hObject, ".debug_line", m_LineBytes, &lineSection))
-        return DBG_ERR_OBJECT_FILE;
-    // Names in .debug_str are optional: this library's own units keep them inline.
-    if (!ReadSection(m_hObject, ".debug_str", m_StrBytes))
-        m_StrBytes.clear();
-    if (m_LineBytes.size() < kMinLineSectionSize)
+    // The sections the reader needs, and no others: the line programs, the units that lead to
+    // them, and the strings and addresses their entries point at.
+    struct Wanted {
+        const char *name;
+        bool required;
+        bool relocated; // holds offsets or addresses that relocations patch
+        CDwarfSection CDwarfSections::*member;
+    };
+    const Wanted wanted[] = {
+        {".debug_abbrev", true, false, &CDwarfSections::abbrev},
+        {".debug_info", true, true, &CDwarfSections::info},
+        {".debug_line", true, true, &CDwarfSections::line},
+        {".debug_str", false, false, &CDwarfSections::str},
+        {".debug_line_str", false, false, &CDwarfSections::lineStr},
+        {".debug_str_offsets", false, true, &CDwarfSections::strOffsets},
+        {".debug_addr", false, true, &CDwarfSections::addr},
+    };
+    constexpr size_t kWanted = sizeof(wanted) / sizeof(wanted[0]);
+    std::vector<uint8_t> bytes[kWanted];
+    CRelocationMap relocations[kWanted];
+    CDwarfSections sections;
+    for (size_t i = 0; i < kWanted; ++i) {
+        BrxHandle section = 0;
+        if (!ReadSection(m_hObject, wanted[i].name, bytes[i], &section)) {
+            if (wanted[i].required)
+                return DBG_ERR_OBJECT_FILE;
+            bytes[i].clear();
+            continue;
+        }
+        // In a relocatable object the fields hold their values only once relocated.
+        if (m_nObjectKind == 0 && wanted[i].relocated && !ReadRelocations(section, relocations[i]))
+            return DBG_ERR_OBJECT_FILE;
+        CDwarfSection &view = sections.*wanted[i].member;
+        view.m_pData = bytes[i].data();
+        view.m_nSize = bytes[i].size();
+        view.m_pRelocations = relocations[i].Empty() ? nullptr : &relocations[i];
+    }
+    if (sections.line.m_nSize < kMinLineSectionSize)
         return DBG_ERR_LINE_SECTION_TOO_SHORT;
 
-    CDwarfSections sections;
-    sections.info = m_InfoBytes.data();
-    sections.infoSize = m_InfoBytes.size();
-    sections.abbrev = m_AbbrevBytes.data();
-    sections.abbrevSize = m_AbbrevBytes.size();
-    sections.line = m_LineBytes.data();
-    sections.lineSize = m_LineBytes.size();
-    sections.str = m_StrBytes.data();
-    sections.strSize = m_StrBytes.size();
-    uint32_t status = DBG_ERR_READ_FAILED;
+    // The rows and the file table hold copies of all they need from the sections.
     if (m_nObjectKind == 0) {
         CRelocationPlacer placer;
-        status = placer.Build(lineSection) ? LoadDwarf(sections, placer) : DBG_ERR_OBJECT_FILE;
-    } else if (m_nObjectKind <= 3) {
-        CAddressPlacer placer;
-        status = placer.Build(m_hObject) ? LoadDwarf(sections, placer) : DBG_ERR_OBJECT_FILE;
+        return LoadDwarf(sections, placer);
     }
-    // The rows and the file table hold copies of all they need from the sections.
-    std::vector<uint8_t>().swap(m_InfoBytes);
-    std::vector<uint8_t>().swap(m_AbbrevBytes);
-    std::vector<uint8_t>().swap(m_LineBytes);
-    std::vector<uint8_t>().swap(m_StrBytes);
-    return status;
+    if (m_nObjectKind <= 3) {
+        CAddressPlacer placer;
+        return placer.Build(m_hObject) ? LoadDwarf(sections, placer) : DBG_ERR_OBJECT_FILE;
+    }
+    return DBG_ERR_READ_FAILED;
 }
 
 uint32_t CBaseRetrieve::LoadDwarf(const CDwarfSections &sections, CSequencePlacer &placer) {
-    if (sections.lineSize < kMinLineSectionSize)
+    if (sections.line.m_nSize < kMinLineSectionSize)
         return DBG_ERR_LINE_SECTION_TOO_SHORT;
     // A process that has written a line program does not decode one: the writer and the decoder
     // share the state machine's header constants. The library's reader claims the interlock.
@@ -303,29 +298,47 @@ uint32_t CBaseRetrieve::LoadDwarf(const CDwarfSections &sections, CSequencePlace
             return DBG_ERR_READ_FAILED;
         use = kLineProgramDecoding;
     }
-    CAbbrevSection abbrev(sections.abbrev, sections.abbrevSize);
-    CInfoSection info(sections.info, sections.infoSize, abbrev, sections.str, sections.strSize);
-    CLineSection line(sections.line, sections.lineSize);
-    m_Rows.Reserve(static_cast<size_t>(std::min(sections.lineSize, kMaxRowReservation)));
+    CAbbrevSection abbrev(sections.abbrev.m_pData, sections.abbrev.m_nSize);
+    CInfoSection info(sections, abbrev);
+    CLineSection line(sections);
+    m_Rows.Reserve(static_cast<size_t>(std::min(sections.line.m_nSize, kMaxRowReservation)));
 
+    // Every compilation unit leads to its own line program; units without one are skipped, and a
+    // program that several units name is read once.
     uint32_t status = DBG_ERR_NONE;
     bool first = true;
-    do {
-        if (info.ParseUnit().Failed()) {
+    std::unordered_set<uint64_t> programsRead;
+    for (;;) {
+        CUnitHeader header;
+        bool more = false;
+        if (info.NextUnit(header, more).Failed()) {
+            status = DBG_ERR_READ_FAILED;
+            break;
+        }
+        if (!more)
+            break;
+        if (header.m_nUnitType == dwarf::DW_UT_type ||
+            header.m_nUnitType == dwarf::DW_UT_split_type)
+            continue;
+        CUnitEntry entry;
+        if (info.ReadUnitEntry(header, entry).Failed()) {
             status = DBG_ERR_READ_FAILED;
             break;
         }
         if (first) {
-            AttachModule(Utf8ToUtf16(info.Producer()), Utf8ToUtf16(info.CompilationDirectory()),
-                         Utf8ToUtf16(info.Name()));
+            AttachModule(Utf8ToUtf16(entry.m_Producer), Utf8ToUtf16(entry.m_CompilationDirectory),
+                         Utf8ToUtf16(entry.m_Name));
             first = false;
         }
-        if (line.ReadHeader(info.StatementList(), info.CompilationDirectory(), m_Files).Failed() ||
+        if (!entry.m_bHasStatementList || !programsRead.insert(entry.m_nStatementList).second)
+            continue;
+        CLineUnitContext context{entry.m_CompilationDirectory, entry.m_nStrOffsetsBase};
+        if (line.ReadHeader(entry.m_nStatementList, context, m_Files).Failed() ||
             line.DecodeUnit(placer, m_Files, m_Rows, m_Spans).Failed()) {
             status = DBG_ERR_READ_FAILED;
             break;
         }
-    } while (!info.IsLastUnit());
+    }
     // Rows placed before a failure stay.
     FinishRows();
     return status;

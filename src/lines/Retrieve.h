@@ -30,18 +30,6 @@ class CSectionScope;
 
 namespace quillet {
 
-// The three debugging sections of an ELF object, as bytes in memory (.debug_str may be empty).
-struct CDwarfSections {
-    const uint8_t *info = nullptr;
-    uint64_t infoSize = 0;
-    const uint8_t *abbrev = nullptr;
-    uint64_t abbrevSize = 0;
-    const uint8_t *line = nullptr;
-    uint64_t lineSize = 0;
-    const uint8_t *str = nullptr;
-    uint64_t strSize = 0;
-};
-
 // One sequence of a section: a range of the row table and the offset where its code ends.
 struct CSequence {
     uint32_t m_nBegin;
@@ -182,7 +170,6 @@ private:
     int32_t m_NextSectionNumber = 0;
 
     quillet::CFileTable m_Files;
-    std::vector<uint8_t> m_InfoBytes, m_AbbrevBytes, m_LineBytes, m_StrBytes;
     quillet::CRowTable m_Rows;
     std::vector<quillet::CSequenceSpan> m_Spans;
     std::vector<quillet::CSequence> m_Sequences; // grouped by section, in table order

@@ -2,6 +2,8 @@
 // test states the program it decodes opcode by opcode.
 #pragma once
 
+#include "dwarf/DwarfSection.h"
+
 #include <quillet/quillet.h>
 
 #include <cstdint>
@@ -62,6 +64,9 @@ inline std::vector<uint8_t> StandardLengths() {
 }
 
 // One line-program unit: header fields, tables, and the program appended opcode by opcode.
+// Versions 2 to 5, 32- or 64-bit DWARF. A version 5 unit's tables name its directories
+// (entry 0 is `compilationDirectory`) and files by inline strings, unless `v5Tables` gives the
+// table bytes (formats and entries) as they are to be written.
 struct LineUnit {
     uint8_t minInst = 1;
     int8_t lineBase = 0;
@@ -72,6 +77,10 @@ struct LineUnit {
     std::vector<FileEntry> files;
     uint16_t version = 2;
     bool dwarf64 = false;
+    uint8_t addressSize = 8;                    // version 5
+    uint8_t operationsPerInstruction = 1;       // versions 4 and 5
+    std::string compilationDirectory = "/comp"; // version 5's directory 0
+    Bytes v5Tables;
     int headerLengthSkew = 0; // added to the true header length, to corrupt it
     Bytes program;
 
@@ -121,28 +130,42 @@ struct LineUnit {
         program.push_back(1);
         return *this;
     }
+    // An extended opcode with its operand bytes.
+    LineUnit &Extended(uint8_t sub, const Bytes &operand) {
+        program.push_back(0);
+        PutULEB(program, operand.size() + 1);
+        program.push_back(sub);
+        program.insert(program.end(), operand.begin(), operand.end());
+        return *this;
+    }
     LineUnit &DefineFile(const std::string &name, uint64_t dir) {
         Bytes operand;
-        operand.push_back(3);
         PutString(operand, name);
         PutULEB(operand, dir);
         PutULEB(operand, 0);
         PutULEB(operand, 0);
-        program.push_back(0);
-        PutULEB(program, operand.size());
-        program.insert(program.end(), operand.begin(), operand.end());
-        return *this;
+        return Extended(3, operand);
     }
 
+    // The directory and file tables of versions 2 to 4, or version 5's formats and entries.
     Bytes Tables() const {
         Bytes t;
-        t.push_back(minInst);
-        t.push_back(1);
-        t.push_back(static_cast<uint8_t>(lineBase));
-        t.push_back(lineRange);
-        t.push_back(opcodeBase);
-        for (size_t i = 0; i + 1 < opcodeBase; ++i)
-            t.push_back(i < opcodeLengths.size() ? opcodeLengths[i] : 0);
+        if (version >= 5) {
+            if (!v5Tables.empty())
+                return v5Tables;
+            t.insert(t.end(), {1, 1, 0x08}); // one format: path as a string
+            PutULEB(t, directories.size() + 1);
+            PutString(t, compilationDirectory);
+            for (const std::string &d : directories)
+                PutString(t, d);
+            t.insert(t.end(), {2, 1, 0x08, 2, 0x0f}); // path as a string, directory as udata
+            PutULEB(t, files.size());
+            for (const FileEntry &f : files) {
+                PutString(t, f.name);
+                PutULEB(t, f.directory);
+            }
+            return t;
+        }
         for (const std::string &d : directories)
             PutString(t, d);
         t.push_back(0);
@@ -155,15 +178,43 @@ struct LineUnit {
         t.push_back(0);
         return t;
     }
-    // Bytes from the unit's start to its program.
-    size_t ProgramStart() const {
-        return (dwarf64 ? 12 : 4) + 2 + (dwarf64 ? 8 : 4) + Tables().size();
+    // The fields after header_length, up to the program.
+    Bytes AfterHeaderLength() const {
+        Bytes t;
+        t.push_back(minInst);
+        if (version >= 4)
+            t.push_back(operationsPerInstruction);
+        t.push_back(1);
+        t.push_back(static_cast<uint8_t>(lineBase));
+        t.push_back(lineRange);
+        t.push_back(opcodeBase);
+        for (size_t i = 0; i + 1 < opcodeBase; ++i)
+            t.push_back(i < opcodeLengths.size() ? opcodeLengths[i] : 0);
+        Bytes tables = Tables();
+        t.insert(t.end(), tables.begin(), tables.end());
+        return t;
     }
+    // The header from the version on, up to the program.
+    Bytes Header() const {
+        Bytes after = AfterHeaderLength();
+        unsigned offsetSize = dwarf64 ? 8 : 4;
+        Bytes b;
+        PutU(b, version, 2);
+        if (version >= 5) {
+            b.push_back(addressSize);
+            b.push_back(0); // segment selector size
+        }
+        PutU(b, static_cast<uint64_t>(static_cast<int64_t>(after.size()) + headerLengthSkew),
+             offsetSize);
+        b.insert(b.end(), after.begin(), after.end());
+        return b;
+    }
+    // Bytes from the unit's start to its program.
+    size_t ProgramStart() const { return (dwarf64 ? 12 : 4) + Header().size(); }
 
     Bytes Encode() const {
-        Bytes tables = Tables();
-        unsigned offsetSize = dwarf64 ? 8 : 4;
-        uint64_t length = 2 + offsetSize + tables.size() + program.size();
+        Bytes header = Header();
+        uint64_t length = header.size() + program.size();
         Bytes b;
         if (dwarf64) {
             PutU(b, 0xffffffffu, 4);
@@ -171,10 +222,7 @@ struct LineUnit {
         } else {
             PutU(b, length, 4);
         }
-        PutU(b, version, 2);
-        PutU(b, static_cast<uint64_t>(static_cast<int64_t>(tables.size()) + headerLengthSkew),
-             offsetSize);
-        b.insert(b.end(), tables.begin(), tables.end());
+        b.insert(b.end(), header.begin(), header.end());
         b.insert(b.end(), program.begin(), program.end());
         return b;
     }
@@ -184,12 +232,16 @@ struct Attribute {
     uint16_t attribute;
     uint16_t form;
     Bytes value;
+    int64_t implicitConst = 0; // the declaration's value for form 0x21
 };
 
-// A compilation unit: its abbreviation (code 1) and its entry, in the order given.
+// A unit of .debug_info: its abbreviation (code 1) and its entry, in the order given. Versions
+// 2 to 5; version 5 has a unit type.
 struct InfoUnit {
     std::vector<Attribute> attributes;
     uint16_t version = 2;
+    uint8_t unitType = 1; // DW_UT_compile
+    uint64_t tag = 0x11;  // DW_TAG_compile_unit
     uint8_t addressSize = 8;
     bool dwarf64 = false;
     uint64_t abbrevOffset = 0;
@@ -218,11 +270,13 @@ struct InfoUnit {
     Bytes Abbrev() const {
         Bytes b;
         PutULEB(b, 1);
-        PutULEB(b, 0x11);
+        PutULEB(b, tag);
         b.push_back(1);
         for (const Attribute &a : attributes) {
             PutULEB(b, a.attribute);
             PutULEB(b, a.form);
+            if (a.form == 0x21)
+                PutSLEB(b, a.implicitConst);
         }
         b.push_back(0);
         b.push_back(0);
@@ -232,8 +286,18 @@ struct InfoUnit {
     Bytes Info() const {
         Bytes body;
         PutU(body, version, 2);
-        PutU(body, abbrevOffset, dwarf64 ? 8 : 4);
-        body.push_back(addressSize);
+        if (version >= 5) {
+            body.push_back(unitType);
+            body.push_back(addressSize);
+            PutU(body, abbrevOffset, dwarf64 ? 8 : 4);
+            if (unitType == 4 || unitType == 5)
+                PutU(body, 0x1122334455667788, 8); // a DWO id
+            else if (unitType == 2 || unitType == 6)
+                PutU(body, 0, 8 + (dwarf64 ? 8 : 4)); // a type signature and offset
+        } else {
+            PutU(body, abbrevOffset, dwarf64 ? 8 : 4);
+            body.push_back(addressSize);
+        }
         PutULEB(body, 1);
         for (const Attribute &a : attributes)
             body.insert(body.end(), a.value.begin(), a.value.end());
@@ -247,6 +311,20 @@ struct InfoUnit {
         }
         b.insert(b.end(), body.begin(), body.end());
         return b;
+    }
+};
+
+// The bytes of the sections a test decodes, and the readers' view of them (which points into
+// these bytes, so the object must outlive the view's use).
+struct SectionBytes {
+    Bytes info, abbrev, line, str, lineStr, strOffsets, addr;
+
+    quillet::CDwarfSections View() const {
+        auto view = [](const Bytes &b) {
+            return quillet::CDwarfSection{b.data(), b.size(), nullptr};
+        };
+        return quillet::CDwarfSections{view(info),    view(abbrev),     view(line), view(str),
+                                       view(lineStr), view(strOffsets), view(addr)};
     }
 };
 

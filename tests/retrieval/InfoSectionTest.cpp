@@ -1,4 +1,5 @@
-// The compilation-unit reader of .debug_info and .debug_abbrev.
+// The unit reader of .debug_info and .debug_abbrev: headers of versions 2 to 5, 32- and 64-bit,
+// and the unit entry's attributes in every form producers write.
 #include "DwarfBytes.h"
 
 #include "dwarf/InfoSection.h"
@@ -12,24 +13,81 @@ namespace {
 
 struct Parsed {
     bool ok = false;
+    CUnitHeader header;
     std::string name, directory, producer;
-    uint64_t stmtList = 0, low = 0, high = 0;
+    bool hasStmtList = false;
+    uint64_t stmtList = 0, low = 0;
 };
 
-Parsed Parse(const InfoUnit &unit, const Bytes &strings = {}) {
-    Bytes abbrevBytes = unit.Abbrev();
-    Bytes infoBytes = unit.Info();
-    CAbbrevSection abbrev(abbrevBytes.data(), abbrevBytes.size());
-    CInfoSection info(infoBytes.data(), infoBytes.size(), abbrev, strings.data(), strings.size());
-    Parsed p;
-    p.ok = info.ParseUnit().Ok();
-    p.name = std::string(info.Name());
-    p.directory = std::string(info.CompilationDirectory());
-    p.producer = std::string(info.Producer());
-    p.stmtList = info.StatementList();
-    p.low = info.LowAddress();
-    p.high = info.HighAddress();
-    return p;
+// Reads the units of `bytes` one after another.
+std::vector<Parsed> ParseAll(const SectionBytes &bytes) {
+    CDwarfSections sections = bytes.View();
+    CAbbrevSection abbrev(bytes.abbrev.data(), bytes.abbrev.size());
+    CInfoSection info(sections, abbrev);
+    std::vector<Parsed> units;
+    for (;;) {
+        Parsed p;
+        bool more = false;
+        if (info.NextUnit(p.header, more).Failed()) {
+            units.push_back(p);
+            break;
+        }
+        if (!more)
+            break;
+        CUnitEntry entry;
+        p.ok = info.ReadUnitEntry(p.header, entry).Ok();
+        p.name = std::string(entry.m_Name);
+        p.directory = std::string(entry.m_CompilationDirectory);
+        p.producer = std::string(entry.m_Producer);
+        p.hasStmtList = entry.m_bHasStatementList;
+        p.stmtList = entry.m_nStatementList;
+        p.low = entry.m_nLowAddress;
+        units.push_back(p);
+    }
+    return units;
+}
+
+Parsed Parse(const InfoUnit &unit, SectionBytes bytes = {}) {
+    bytes.abbrev = unit.Abbrev();
+    bytes.info = unit.Info();
+    std::vector<Parsed> units = ParseAll(bytes);
+    return units.empty() ? Parsed{} : units.front();
+}
+
+TEST(InfoSection, EveryHeaderLayout) {
+    const struct {
+        const char *name;
+        uint16_t version;
+        bool dwarf64;
+        uint8_t unitType;
+        uint64_t tag;
+    } layouts[] = {
+        {"V2", 2, false, 1, 0x11},        {"V3", 3, false, 1, 0x11},
+        {"V4", 4, false, 1, 0x11},        {"V4Dwarf64", 4, true, 1, 0x11},
+        {"V5Compile", 5, false, 1, 0x11}, {"V5Dwarf64", 5, true, 1, 0x11},
+        {"V5Partial", 5, false, 3, 0x3c}, {"V5Skeleton", 5, false, 4, 0x4a},
+    };
+    for (const auto &l : layouts) {
+        SCOPED_TRACE(l.name);
+        InfoUnit unit = InfoUnit::Standard("m.c", "/w", 0);
+        unit.version = l.version;
+        unit.dwarf64 = l.dwarf64;
+        unit.unitType = l.unitType;
+        unit.tag = l.tag;
+        unit.attributes[3] = {0x10, 0x17, InfoUnit::U(0x40, l.dwarf64 ? 8 : 4)}; // sec_offset
+        unit.attributes.push_back({0x11, 0x01, InfoUnit::U(0x1000, 8)});
+        Parsed p = Parse(unit);
+        ASSERT_TRUE(p.ok);
+        EXPECT_EQ(p.header.m_Form.m_nVersion, l.version);
+        EXPECT_EQ(p.header.m_Form.m_nOffsetSize, l.dwarf64 ? 8u : 4u);
+        EXPECT_EQ(p.header.m_nUnitType, l.unitType);
+        EXPECT_EQ(p.name, "m.c");
+        EXPECT_EQ(p.directory, "/w");
+        EXPECT_EQ(p.producer, "test producer");
+        EXPECT_TRUE(p.hasStmtList);
+        EXPECT_EQ(p.stmtList, 0x40u);
+        EXPECT_EQ(p.low, 0x1000u);
+    }
 }
 
 TEST(InfoSection, StatementListInEveryDataForm) {
@@ -44,47 +102,64 @@ TEST(InfoSection, StatementListInEveryDataForm) {
         {0x07, InfoUnit::U(0x123456789a, 8), 0x123456789a},
         {0x0f, {0xe5, 0x8e, 0x26}, 624485},
         {0x0d, {0x3f}, 63},
+        {0x21, {}, 0x77}, // implicit_const: the value is in the declaration
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.form);
         InfoUnit unit = InfoUnit::Standard("m.s", "/w", 0);
-        unit.attributes[3] = {0x10, c.form, c.value};
+        unit.attributes[3] = {0x10, c.form, c.value, 0x77};
         Parsed p = Parse(unit);
-        EXPECT_TRUE(p.ok);
+        ASSERT_TRUE(p.ok);
         EXPECT_EQ(p.stmtList, c.expected);
     }
 }
 
-TEST(InfoSection, AttributesOfOtherProducersAreSkippedByForm) {
+// Strings in .debug_str, .debug_line_str and by index through .debug_str_offsets (whose base
+// comes after the names that use it), an indexed low address, and the attributes of other
+// producers skipped by their form.
+TEST(InfoSection, StringsAndAddressesThroughTheirSections) {
+    SectionBytes bytes;
+    bytes.str = InfoUnit::Str("clang 14");
+    Bytes name = InfoUnit::Str("m.c");
+    bytes.str.insert(bytes.str.end(), name.begin(), name.end());
+    bytes.lineStr = InfoUnit::Str("/w");
+    PutU(bytes.strOffsets, 0, 8); // contribution header
+    PutU(bytes.strOffsets, 9, 4); // index 0: "m.c"
+    PutU(bytes.addr, 0, 8);       // contribution header
+    PutU(bytes.addr, 0x2000, 8);  // index 0
     InfoUnit unit;
+    unit.version = 5;
     unit.attributes = {
-        {0x13, 0x05, InfoUnit::U(0x8001, 2)}, // language
-        {0x11, 0x01, InfoUnit::U(0x1000, 8)}, // low_pc
-        {0x12, 0x01, InfoUnit::U(0x2000, 8)}, // high_pc
-        {0x55, 0x17, InfoUnit::U(0x40, 4)},   // ranges, sec_offset
-        {0x2001, 0x0a, {3, 9, 9, 9}},         // block1
-        {0x2002, 0x09, {2, 7, 7}},            // block
-        {0x2003, 0x03, {1, 0, 5}},            // block2
-        {0x2004, 0x0c, {1}},                  // flag
-        {0x2005, 0x19, {}},                   // flag_present
-        {0x2006, 0x16, {0x0b, 0x44}},         // indirect data1
-        {0x03, 0x08, InfoUnit::Str("main.s")},
-        {0x2007, 0x13, InfoUnit::U(0, 4)}, // ref4
-        {0x1b, 0x0e, InfoUnit::U(4, 4)},   // comp_dir through .debug_str
-        {0x25, 0x08, InfoUnit::Str("another assembler")},
-        {0x10, 0x06, InfoUnit::U(0x30, 4)},
+        {0x25, 0x0e, InfoUnit::U(0, 4)},    // producer: strp
+        {0x13, 0x05, InfoUnit::U(0x1d, 2)}, // language: data2
+        {0x03, 0x25, {0}},                  // name: strx1, index 0
+        {0x72, 0x17, InfoUnit::U(8, 4)},    // str_offsets_base
+        {0x10, 0x17, InfoUnit::U(0x30, 4)}, // stmt_list
+        {0x1b, 0x1f, InfoUnit::U(0, 4)},    // comp_dir: line_strp
+        {0x11, 0x1b, {0}},                  // low_pc: addrx, index 0
+        {0x12, 0x06, InfoUnit::U(0x40, 4)}, // high_pc: a length
+        {0x73, 0x17, InfoUnit::U(8, 4)},    // addr_base
+        {0x2137, 0x0a, {3, 1, 2, 3}},       // a vendor's block
+        {0x3e, 0x1e, Bytes(16, 0xcc)},      // data16
+        {0x01, 0x16, {0x0b, 7}},            // indirect: data1
     };
-    Bytes strings;
-    PutString(strings, "xyz");
-    PutString(strings, "/build");
-    Parsed p = Parse(unit, strings);
+    Parsed p = Parse(unit, bytes);
     ASSERT_TRUE(p.ok);
-    EXPECT_EQ(p.name, "main.s");
-    EXPECT_EQ(p.directory, "/build");
-    EXPECT_EQ(p.producer, "another assembler");
+    EXPECT_EQ(p.producer, "clang 14");
+    EXPECT_EQ(p.name, "m.c");
+    EXPECT_EQ(p.directory, "/w");
     EXPECT_EQ(p.stmtList, 0x30u);
-    EXPECT_EQ(p.low, 0x1000u);
-    EXPECT_EQ(p.high, 0x2000u);
+    EXPECT_EQ(p.low, 0x2000u);
+}
+
+TEST(InfoSection, UnitsWithoutLineProgramsOrNamesAreRead) {
+    InfoUnit unit;
+    unit.attributes = {{0x03, 0x08, InfoUnit::Str("only a name")}};
+    Parsed p = Parse(unit);
+    ASSERT_TRUE(p.ok);
+    EXPECT_FALSE(p.hasStmtList);
+    EXPECT_EQ(p.directory, "");
+    EXPECT_EQ(p.producer, "");
 }
 
 TEST(InfoSection, RefusedUnits) {
@@ -96,13 +171,10 @@ TEST(InfoSection, RefusedUnits) {
     InfoUnit good = InfoUnit::Standard("m.s", "/w", 0);
     {
         InfoUnit u = good;
-        u.version = 4;
-        cases.push_back({"VersionOtherThanTwo", u});
-    }
-    {
-        InfoUnit u = good;
-        u.attributes.erase(u.attributes.begin() + 2);
-        cases.push_back({"NoProducer", u});
+        u.version = 1;
+        cases.push_back({"VersionBelowTwo", u});
+        u.version = 6;
+        cases.push_back({"VersionAboveFive", u});
     }
     {
         InfoUnit u = good;
@@ -128,58 +200,100 @@ TEST(InfoSection, RefusedUnits) {
         InfoUnit u = good;
         u.attributes[1] = {0x1b, 0x0e, InfoUnit::U(0, 4)};
         cases.push_back({"StringOffsetWithoutStringSection", u});
+        u.attributes[1] = {0x1b, 0x25, {0}};
+        cases.push_back({"StringIndexWithoutOffsets", u});
+    }
+    {
+        InfoUnit u = good;
+        u.tag = 0x2e;
+        cases.push_back({"NotACompilationUnit", u});
+    }
+    {
+        InfoUnit u = good;
+        u.addressSize = 0;
+        cases.push_back({"AddressSizeZero", u});
+        u.addressSize = 9;
+        cases.push_back({"AddressSizeAboveEight", u});
     }
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_FALSE(Parse(c.unit).ok);
     }
+
+    // Damage to the header or the declarations.
+    const struct {
+        const char *name;
+        size_t at; // in the unit (info) or the declaration (abbrev)
+        bool inAbbrev;
+        uint8_t value;
+    } damages[] = {
+        {"UnitPastTheSection", 0, false, 0x7f},
+        {"EntryCodeNotDeclared", 11, false, 2},
+        {"DeclarationWithoutTerminator", 0, true, 1}, // set below: the section is cut
+    };
+    for (const auto &d : damages) {
+        SCOPED_TRACE(d.name);
+        SectionBytes bytes;
+        bytes.abbrev = good.Abbrev();
+        bytes.info = good.Info();
+        if (d.inAbbrev)
+            bytes.abbrev.resize(bytes.abbrev.size() - 3);
+        else
+            bytes.info[d.at] = d.value;
+        std::vector<Parsed> units = ParseAll(bytes);
+        ASSERT_FALSE(units.empty());
+        EXPECT_FALSE(units.front().ok);
+    }
 }
 
-TEST(InfoSection, FirstAbbreviationMustBeTheCompilationUnit) {
-    const Bytes declarations[] = {
-        {0x02, 0x11, 0x01, 0x00, 0x00}, // code 2
-        {0x01, 0x2e, 0x01, 0x00, 0x00}, // a subprogram
-        {0x01, 0x11, 0x00, 0x00, 0x00}, // no children
-        {0x01, 0x11, 0x01, 0x03},       // no terminating pair
+TEST(InfoSection, AbbreviationTables) {
+    // Codes 1 and 7 (sparse), a code declared twice, and a table without its terminating code.
+    const Bytes tables[] = {
+        {1, 0x11, 1, 0x03, 0x08, 0, 0, 7, 0x2e, 0, 0x21, 0x21, 0x05, 0, 0, 0},
+        {1, 0x11, 1, 0, 0, 1, 0x2e, 0, 0, 0, 0},
+        {1, 0x11, 1, 0x03, 0x08, 0, 0},
     };
-    for (const Bytes &d : declarations) {
-        CAbbrevSection abbrev(d.data(), d.size());
-        EXPECT_TRUE(abbrev.ParseFirstAbbrev(0).Failed());
-    }
-    Bytes empty = {0x01, 0x11, 0x01, 0x00, 0x00};
-    CAbbrevSection abbrev(empty.data(), empty.size());
-    EXPECT_TRUE(abbrev.ParseFirstAbbrev(0).Ok());
-    EXPECT_TRUE(abbrev.Attributes().empty());
+    CAbbrevSection sparse(tables[0].data(), tables[0].size());
+    ASSERT_TRUE(sparse.UseTable(0).Ok());
+    ASSERT_NE(sparse.Find(1), nullptr);
+    EXPECT_EQ(sparse.Find(1)->m_nTag, 0x11u);
+    EXPECT_TRUE(sparse.Find(1)->m_bChildren);
+    const CAbbrev *seven = sparse.Find(7);
+    ASSERT_NE(seven, nullptr);
+    EXPECT_FALSE(seven->m_bChildren);
+    ASSERT_EQ(seven->m_Attributes.size(), 1u);
+    EXPECT_EQ(seven->m_Attributes[0].m_nImplicitConst, 5);
+    EXPECT_EQ(sparse.Find(2), nullptr);
+    CAbbrevSection twice(tables[1].data(), tables[1].size());
+    EXPECT_TRUE(twice.UseTable(0).Failed());
+    CAbbrevSection cut(tables[2].data(), tables[2].size());
+    EXPECT_TRUE(cut.UseTable(0).Failed());
+    EXPECT_TRUE(cut.UseTable(100).Failed());
 }
 
 TEST(InfoSection, UnitsAreReadOneAfterAnother) {
     InfoUnit first = InfoUnit::Standard("one.s", "/1", 0);
-    InfoUnit second = InfoUnit::Standard("two.s", "/2", 0x80);
+    InfoUnit second = InfoUnit::Standard("two.c", "/2", 0x80);
+    second.version = 5;
     second.dwarf64 = true;
-    second.attributes[3] = {0x10, 0x07, InfoUnit::U(0x80, 8)};
-    Bytes abbrevBytes = first.Abbrev();
-    Bytes infoBytes = first.Info();
-    Bytes more = second.Info();
-    infoBytes.insert(infoBytes.end(), more.begin(), more.end());
-    // The second unit's abbreviation has the same shape except its statement-list form.
+    second.attributes[3] = {0x10, 0x17, InfoUnit::U(0x80, 8)};
+    SectionBytes bytes;
+    bytes.abbrev = first.Abbrev();
+    second.abbrevOffset = bytes.abbrev.size();
     Bytes secondAbbrev = second.Abbrev();
-    second.abbrevOffset = abbrevBytes.size();
-    abbrevBytes.insert(abbrevBytes.end(), secondAbbrev.begin(), secondAbbrev.end());
-    infoBytes.resize(first.Info().size());
-    more = second.Info();
-    infoBytes.insert(infoBytes.end(), more.begin(), more.end());
+    bytes.abbrev.insert(bytes.abbrev.end(), secondAbbrev.begin(), secondAbbrev.end());
+    bytes.info = first.Info();
+    Bytes more = second.Info();
+    bytes.info.insert(bytes.info.end(), more.begin(), more.end());
 
-    CAbbrevSection abbrev(abbrevBytes.data(), abbrevBytes.size());
-    CInfoSection info(infoBytes.data(), infoBytes.size(), abbrev);
-    ASSERT_TRUE(info.ParseUnit().Ok());
-    EXPECT_FALSE(info.IsLastUnit());
-    EXPECT_EQ(info.Name(), "one.s");
-    ASSERT_TRUE(info.ParseUnit().Ok());
-    EXPECT_TRUE(info.IsLastUnit());
-    EXPECT_EQ(info.Name(), "two.s");
-    EXPECT_EQ(info.CompilationDirectory(), "/2");
-    EXPECT_EQ(info.StatementList(), 0x80u);
-    EXPECT_TRUE(info.ParseUnit().Failed()); // nothing after the last unit
+    std::vector<Parsed> units = ParseAll(bytes);
+    ASSERT_EQ(units.size(), 2u);
+    EXPECT_TRUE(units[0].ok);
+    EXPECT_EQ(units[0].name, "one.s");
+    EXPECT_TRUE(units[1].ok);
+    EXPECT_EQ(units[1].name, "two.c");
+    EXPECT_EQ(units[1].directory, "/2");
+    EXPECT_EQ(units[1].stmtList, 0x80u);
 }
 
 } // namespace

@@ -333,8 +333,8 @@ TEST_F(RetrievalApi, BadObjectsGiveTheirStatus) {
     }
     {
         ObjectSpec s = GoodObject();
-        s.line[4] = 3; // version 3
-        cases.push_back({"LineVersionThree", s, 14});
+        s.line[4] = 6; // version 6
+        cases.push_back({"LineVersionSix", s, 14});
     }
     {
         ObjectSpec s = GoodObject();
@@ -343,8 +343,8 @@ TEST_F(RetrievalApi, BadObjectsGiveTheirStatus) {
     }
     {
         ObjectSpec s = GoodObject();
-        s.line.back() = 0x07; // the last end_sequence becomes an unknown extended opcode
-        cases.push_back({"UnknownExtendedOpcode", s, 14});
+        s.line[s.line.size() - 2] = 0x05; // the last end_sequence claims bytes past the unit
+        cases.push_back({"ExtendedOpcodePastTheUnit", s, 14});
     }
     for (Case &c : cases) {
         SCOPED_TRACE(c.name);

@@ -19,13 +19,23 @@ constexpr BrxHandle kInit = 22;
 // Sequences go to the section that the test names for their operand offset.
 struct TablePlacer : CSequencePlacer {
     std::map<uint64_t, BrxHandle> sections;
-    CError Place(uint64_t operandOffset, uint64_t, BrxHandle &section, int64_t &bias) override {
-        auto it = sections.find(operandOffset);
+    Result Place(const CAddressOperand &operand, BrxHandle &section, int64_t &bias) override {
+        auto it = sections.find(operand.m_nOffset);
         if (it == sections.end())
-            return kFailed;
+            return Result::Failed;
         section = it->second;
         bias = 0;
-        return kOk;
+        return Result::Placed;
+    }
+};
+
+// Every sequence in one section, unmoved.
+struct OneSectionPlacer : CSequencePlacer {
+    BrxHandle target = kText;
+    Result Place(const CAddressOperand &, BrxHandle &section, int64_t &bias) override {
+        section = target;
+        bias = 0;
+        return Result::Placed;
     }
 };
 
@@ -58,16 +68,10 @@ protected:
         line = u.Encode();
 
         InfoUnit cu = InfoUnit::Standard("a.s", "/src", 0);
-        info = cu.Info();
-        abbrev = cu.Abbrev();
-        CDwarfSections s;
-        s.info = info.data();
-        s.infoSize = info.size();
-        s.abbrev = abbrev.data();
-        s.abbrevSize = abbrev.size();
-        s.line = line.data();
-        s.lineSize = line.size();
-        ASSERT_EQ(engine.LoadDwarf(s, placer), DBG_ERR_NONE);
+        bytes.info = cu.Info();
+        bytes.abbrev = cu.Abbrev();
+        bytes.line = line;
+        ASSERT_EQ(engine.LoadDwarf(bytes.View(), placer), DBG_ERR_NONE);
     }
 
     DbgSourceHandle *Source(const char *name) {
@@ -77,7 +81,8 @@ protected:
         return handle;
     }
 
-    Bytes line, info, abbrev;
+    Bytes line;
+    SectionBytes bytes;
     TablePlacer placer;
     CBaseRetrieve engine;
 };
@@ -216,15 +221,10 @@ TEST_F(RetrieveQuery, LongNamesFillTheNameFieldWithoutTerminator) {
     p.sections[u.ProgramStart() + u.NextOperand()] = kText;
     u.SetAddress(0).Copy();
     longLine = u.Encode();
-    CDwarfSections s;
-    s.info = info.data();
-    s.infoSize = info.size();
-    s.abbrev = abbrev.data();
-    s.abbrevSize = abbrev.size();
-    s.line = longLine.data();
-    s.lineSize = longLine.size();
+    SectionBytes longBytes = bytes;
+    longBytes.line = longLine;
     CBaseRetrieve other;
-    ASSERT_EQ(other.LoadDwarf(s, p), DBG_ERR_NONE);
+    ASSERT_EQ(other.LoadDwarf(longBytes.View(), p), DBG_ERR_NONE);
     DbgOffsetQuery query{other.SectionHandle(kText), 0};
     DbgInstInfo out;
     std::memset(&out, 0xff, sizeof(out));
@@ -309,44 +309,80 @@ TEST_F(RetrieveQuery, SourceFileNamesAndBufferSizes) {
     EXPECT_EQ(engine.SourceFileName(-1, buffer, &size), DBG_ERR_BAD_SOURCE_INDEX);
 }
 
+// Every unit of .debug_info leads to its own line program: units of any version, one without a
+// program, a type unit, and a program that two units name (read once).
+TEST(RetrieveLoad, EveryUnitLeadsToItsOwnProgram) {
+    LineUnit first;
+    first.files = {{"one.s", 0}};
+    first.SetAddress(0).AdvanceLine(9).Copy().AdvancePc(4).EndSequence();
+    LineUnit second;
+    second.version = 5;
+    second.compilationDirectory = "/two";
+    second.files = {{"two.c", 0}, {"two.c", 0}};
+    second.SetAddress(0x10).AdvanceLine(19).Copy().AdvancePc(4).EndSequence();
+    SectionBytes bytes;
+    bytes.line = first.Encode();
+    uint64_t secondProgram = bytes.line.size();
+    Bytes more = second.Encode();
+    bytes.line.insert(bytes.line.end(), more.begin(), more.end());
+
+    InfoUnit units[5] = {
+        InfoUnit::Standard("one.s", "/one", 0), InfoUnit::Standard("none.s", "/none", 0),
+        InfoUnit::Standard("type", "/type", 0), InfoUnit::Standard("two.c", "/two", secondProgram),
+        InfoUnit::Standard("again.s", "/one", 0)};
+    units[1].attributes.pop_back(); // no statement list
+    units[2].version = 5;
+    units[2].unitType = 2; // a type unit: skipped whatever it holds
+    units[2].tag = 0x41;
+    units[3].version = 5;
+    for (InfoUnit &unit : units) {
+        unit.abbrevOffset = bytes.abbrev.size();
+        Bytes abbrev = unit.Abbrev(), info = unit.Info();
+        bytes.abbrev.insert(bytes.abbrev.end(), abbrev.begin(), abbrev.end());
+        bytes.info.insert(bytes.info.end(), info.begin(), info.end());
+    }
+    OneSectionPlacer placer;
+    CBaseRetrieve engine;
+    ASSERT_EQ(engine.LoadDwarf(bytes.View(), placer), DBG_ERR_NONE);
+    auto [rowsBegin, rowsEnd] = engine.RowsOf(kText);
+    std::vector<std::pair<uint64_t, uint32_t>> rows;
+    for (const CLineRow *r = rowsBegin; r != rowsEnd; ++r)
+        rows.emplace_back(r->m_nAddress, r->m_nLine);
+    EXPECT_EQ(rows, (std::vector<std::pair<uint64_t, uint32_t>>{{0, 10}, {0x10, 20}}));
+    ASSERT_EQ(engine.Files().FileCount(), 3u);
+    EXPECT_EQ(engine.Files().GetFile(0)->m_Path, "/one/one.s");
+    EXPECT_EQ(engine.Files().GetFile(1)->m_Path, "/two/two.c");
+}
+
 TEST(RetrieveLoad, ShortLineSectionAndBrokenUnits) {
     InfoUnit cu = InfoUnit::Standard("a.s", "/", 0);
-    Bytes info = cu.Info(), abbrev = cu.Abbrev();
     LineUnit u;
     u.files = {{"a.s", 0}};
     u.SetAddress(0).Copy().Copy();
-    Bytes line = u.Encode();
-    CDwarfSections s{info.data(),   info.size(), abbrev.data(),
-                     abbrev.size(), line.data(), line.size()};
-    struct AnyPlacer : CSequencePlacer {
-        CError Place(uint64_t, uint64_t, BrxHandle &section, int64_t &bias) override {
-            section = 1;
-            bias = 0;
-            return kOk;
-        }
-    } placer;
+    SectionBytes good;
+    good.info = cu.Info();
+    good.abbrev = cu.Abbrev();
+    good.line = u.Encode();
+    OneSectionPlacer placer;
+    placer.target = 1;
     {
-        CDwarfSections shorter = s;
-        shorter.lineSize = 31;
+        CDwarfSections shorter = good.View();
+        shorter.line.m_nSize = 31;
         CBaseRetrieve engine;
         EXPECT_EQ(engine.LoadDwarf(shorter, placer), DBG_ERR_LINE_SECTION_TOO_SHORT);
     }
     {
-        Bytes broken = line;
-        broken.back() = 0x00; // the last opcode becomes an extended one with no length
-        CDwarfSections b = s;
-        b.line = broken.data();
+        SectionBytes broken = good;
+        broken.line.back() = 0x00; // the last opcode becomes an extended one with no length
         CBaseRetrieve engine;
-        EXPECT_EQ(engine.LoadDwarf(b, placer), DBG_ERR_READ_FAILED);
+        EXPECT_EQ(engine.LoadDwarf(broken.View(), placer), DBG_ERR_READ_FAILED);
         EXPECT_EQ(engine.Rows().size(), 1u); // the row decoded before the fault stays
     }
     {
-        Bytes badInfo = info;
-        badInfo[4] = 3; // version 3
-        CDwarfSections b = s;
-        b.info = badInfo.data();
+        SectionBytes broken = good;
+        broken.info[4] = 6; // version 6
         CBaseRetrieve engine;
-        EXPECT_EQ(engine.LoadDwarf(b, placer), DBG_ERR_READ_FAILED);
+        EXPECT_EQ(engine.LoadDwarf(broken.View(), placer), DBG_ERR_READ_FAILED);
     }
 }
 
@@ -376,18 +412,13 @@ TEST(RetrieveLookup, SparseAndRepeatedOffsets) {
         u.SetAddress(row.first).AdvanceLine(int64_t(row.second) - 1).Copy().EndSequence();
     }
     InfoUnit cu = InfoUnit::Standard("a.s", "/", 0);
-    Bytes info = cu.Info(), abbrev = cu.Abbrev(), line = u.Encode();
-    struct AnyPlacer : CSequencePlacer {
-        CError Place(uint64_t, uint64_t, BrxHandle &section, int64_t &bias) override {
-            section = kText;
-            bias = 0;
-            return kOk;
-        }
-    } placer;
+    SectionBytes bytes;
+    bytes.info = cu.Info();
+    bytes.abbrev = cu.Abbrev();
+    bytes.line = u.Encode();
+    OneSectionPlacer placer;
     CBaseRetrieve engine;
-    CDwarfSections s{info.data(),   info.size(), abbrev.data(),
-                     abbrev.size(), line.data(), line.size()};
-    ASSERT_EQ(engine.LoadDwarf(s, placer), DBG_ERR_NONE);
+    ASSERT_EQ(engine.LoadDwarf(bytes.View(), placer), DBG_ERR_NONE);
     DbgLineSectionHandle *handle = engine.SectionHandle(kText);
 
     const struct {

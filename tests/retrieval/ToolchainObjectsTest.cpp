@@ -1,0 +1,181 @@
+// Objects that today's compilers and assemblers write, made at test time, read back to exactly
+// the rows an independent dumper prints: every DWARF version, 64-bit DWARF, relocations of each
+// machine, compressed sections, several units merged by a linker, a linked program.
+#include "lines/Retrieve.h"
+#include "support/Support.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+
+namespace {
+
+// One row as compared: where, which line and column, the file's base name, a statement or not.
+struct Row {
+    uint64_t address;
+    uint32_t line, column;
+    std::string file;
+    bool stmt;
+    bool operator==(const Row &o) const {
+        return address == o.address && line == o.line && column == o.column && file == o.file &&
+               stmt == o.stmt;
+    }
+    bool operator<(const Row &o) const {
+        return std::tie(address, line, column, file, stmt) <
+               std::tie(o.address, o.line, o.column, o.file, o.stmt);
+    }
+};
+std::ostream &operator<<(std::ostream &os, const Row &r) {
+    return os << "{0x" << std::hex << r.address << std::dec << " " << r.file << ":" << r.line << ":"
+              << r.column << (r.stmt ? " stmt" : "") << "}";
+}
+
+// A sequence's rows and where its code ends.
+struct Sequence {
+    std::vector<Row> rows;
+    uint64_t end = 0;
+    bool operator<(const Sequence &o) const {
+        return std::tie(rows, end) < std::tie(o.rows, o.end);
+    }
+    bool operator==(const Sequence &o) const { return rows == o.rows && end == o.end; }
+};
+std::ostream &operator<<(std::ostream &os, const Sequence &s) {
+    os << "[";
+    for (const Row &r : s.rows)
+        os << r << " ";
+    return os << "end 0x" << std::hex << s.end << std::dec << "]";
+}
+
+std::string BaseName(const std::string &path) {
+    size_t slash = path.find_last_of("/\\");
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The sequences that llvm-dwarfdump prints, unit by unit, with each row's file named through the
+// unit's own file table.
+std::vector<Sequence> DumpedSequences(const std::string &object) {
+    qtest::CommandResult dump = qtest::RunCommand("llvm-dwarfdump-14 --debug-line " + object);
+    EXPECT_EQ(dump.exitCode, 0) << dump.output;
+    std::vector<Sequence> sequences;
+    std::map<unsigned, std::string> files;
+    Sequence current;
+    int fileEntry = -1;
+    for (const std::string &text : qtest::SplitLines(dump.output)) {
+        unsigned long long address;
+        unsigned line, column, file;
+        char name[1024];
+        if (text.rfind("debug_line[", 0) == 0) {
+            files.clear();
+        } else if (std::sscanf(text.c_str(), "file_names[ %d]:", &fileEntry) == 1) {
+        } else if (fileEntry >= 0 &&
+                   std::sscanf(text.c_str(), " name: \"%1023[^\"]\"", name) == 1) {
+            files[unsigned(fileEntry)] = BaseName(name);
+            fileEntry = -1;
+        } else if (std::sscanf(text.c_str(), "0x%llx %u %u %u", &address, &line, &column, &file) ==
+                   4) {
+            if (text.find("end_sequence") != std::string::npos) {
+                current.end = address;
+                if (!current.rows.empty())
+                    sequences.push_back(current);
+                current = Sequence{};
+                continue;
+            }
+            current.rows.push_back(
+                Row{address, line, column, files[file], text.find("is_stmt") != std::string::npos});
+        }
+    }
+    return sequences;
+}
+
+// The sequences the reader gives, section by section through the row functions; in a linked
+// object, offsets are made addresses again by the section's address.
+std::vector<Sequence> OurSequences(CBaseRetrieve &engine) {
+    std::vector<Sequence> sequences;
+    std::vector<quillet::CSectionRows> sections(engine.Sections().begin(), engine.Sections().end());
+    for (const quillet::CSectionRows &section : sections) {
+        DbgLineSectionHandle *handle = engine.SectionHandle(section.m_Section);
+        uint64_t count = 0;
+        EXPECT_EQ(engine.RowCount(handle, &count), 0u);
+        std::vector<DbgLineRow> rows(count);
+        EXPECT_EQ(engine.GetRows(handle, 0, rows.data(), &count), 0u);
+        uint64_t base = 0;
+        EXPECT_EQ(_brx_get_keyed(section.m_Section, BRX_KEY_SECTION_ADDRESS, nullptr, &base, 0), 0);
+        for (const DbgLineRow &r : rows) {
+            if (r.flags & DBG_ROW_SEQUENCE_START)
+                sequences.emplace_back();
+            sequences.back().rows.push_back(
+                Row{r.offset + base, r.line, r.column,
+                    BaseName(engine.Files().GetFile(r.file_index)->m_Path),
+                    (r.flags & DBG_ROW_IS_STMT) != 0});
+            sequences.back().end = r.end + base;
+        }
+    }
+    return sequences;
+}
+
+const char *const kHeader = "static inline int twice(int v) {\n  return v * 2;\n}\n";
+const char *const kFirst = "#include \"h.h\"\nint g1(int x) {\n  int y = x * 3;\n"
+                           "  return twice(y) + 1;\n}\nint g2(int a, int b) {\n  if (a > b)\n"
+                           "    return a - b;\n  return twice(b);\n}\n";
+const char *const kSecond = "#include \"h.h\"\nint g1(int);\nint main(void) {\n"
+                            "  int r = g1(2);\n  return twice(r);\n}\n";
+const char *const kAssembly = ".text\n.globl f\nf:\n nop\n nop\n ret\n.section .text.other,\"ax\"\n"
+                              "g:\n nop\n ret\n";
+
+struct ToolchainCase {
+    const char *name;
+    const char *build; // run in a directory holding a.c, b.c, h.h and s.s; makes out
+};
+
+const ToolchainCase kCases[] = {
+    {"ClangDwarf4", "clang-14 -g -gdwarf-4 -c a.c -o out"},
+    {"ClangDwarf5", "clang-14 -g -gdwarf-5 -O1 -c a.c -o out"},
+    {"ClangFunctionSections", "clang-14 -g -ffunction-sections -c a.c -o out"},
+    {"ClangCompressed", "clang-14 -g -gz -c a.c -o out"},
+    {"GccDwarf5", "gcc -g -O2 -c a.c -o out"},
+    {"GccDwarf2", "gcc -g -gdwarf-2 -c a.c -o out"},
+    {"GccDwarf64", "gcc -g -gdwarf64 -c a.c -o out"},
+    {"GccI386", "gcc -m32 -g -c a.c -o out"},
+    {"GccCompressedByObjcopy",
+     "gcc -g -c a.c -o plain.o && objcopy --compress-debug-sections plain.o out"},
+    {"ClangAArch64", "clang-14 --target=aarch64-linux-gnu -g -c a.c -o out"},
+    {"ClangRiscV64Relaxed", "clang-14 --target=riscv64-linux-gnu -g -O1 -c a.c -o out"},
+    {"AssemblerDwarf5", "llvm-mc-14 -filetype=obj -triple x86_64-linux-gnu -g -dwarf-version=5 "
+                        "s.s -o out"},
+    {"MergedUnits", "gcc -g -c a.c -o a.o && clang-14 -g -gdwarf-4 -c b.c -o b.o && "
+                    "ld -r a.o b.o -o out"},
+    {"LinkedProgram", "gcc -g -O1 a.c b.c -o out"},
+};
+
+class ToolchainObjects : public ::testing::TestWithParam<ToolchainCase> {};
+
+TEST_P(ToolchainObjects, RowsEqualTheDumpersSequenceBySequence) {
+    qtest::TempDir dir;
+    ASSERT_TRUE(qtest::WriteTextFile(dir.File("h.h"), kHeader));
+    ASSERT_TRUE(qtest::WriteTextFile(dir.File("a.c"), kFirst));
+    ASSERT_TRUE(qtest::WriteTextFile(dir.File("b.c"), kSecond));
+    ASSERT_TRUE(qtest::WriteTextFile(dir.File("s.s"), kAssembly));
+    qtest::CommandResult made = qtest::RunCommand("cd " + dir.Path() + " && " + GetParam().build);
+    ASSERT_EQ(made.exitCode, 0) << made.output;
+    std::string object = dir.File("out");
+
+    std::vector<Sequence> theirs = DumpedSequences(object);
+    ASSERT_FALSE(theirs.empty());
+    CBaseRetrieve engine;
+    ASSERT_EQ(engine.OpenObjectAndSourceFile(object.c_str(), "no such file", nullptr),
+              DBG_ERR_SOURCE_NOT_FOUND); // loaded; only the name is unknown
+    std::vector<Sequence> ours = OurSequences(engine);
+    // Sequences of different sections may come in another order; inside one they may not.
+    std::sort(ours.begin(), ours.end());
+    std::sort(theirs.begin(), theirs.end());
+    EXPECT_EQ(ours, theirs);
+}
+
+INSTANTIATE_TEST_SUITE_P(Producers, ToolchainObjects, ::testing::ValuesIn(kCases),
+                         [](const ::testing::TestParamInfo<ToolchainCase> &info) {
+                             return std::string(info.param.name);
+                         });
+
+} // namespace
