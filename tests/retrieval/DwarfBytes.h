@@ -25,9 +25,10 @@ namespace retrievaltest {
 
 using Bytes = std::vector<uint8_t>;
 
+// `size` little-endian bytes of v; bytes past the eighth are 0.
 inline void PutU(Bytes &b, uint64_t v, unsigned size) {
     for (unsigned i = 0; i < size; ++i)
-        b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+        b.push_back(i < 8 ? static_cast<uint8_t>(v >> (8 * i)) : 0);
 }
 inline void PutULEB(Bytes &b, uint64_t v) {
     do {
