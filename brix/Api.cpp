@@ -6,6 +6,7 @@
 #include "KeyedQueries.h"
 #include "Model.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -85,19 +86,56 @@ int32_t Create(BrxHandle parent, uint32_t kind, uint32_t count, const BrxAttr *a
 }
 
 // Reads a regular file whole; directories and other special files are refused (their reported
-// sizes mean nothing).
-bool ReadWholeFile(const char *path, std::vector<uint8_t> &out) {
+// sizes mean nothing). When the system refuses, `error` keeps its errno for the caller.
+int32_t ReadWholeFile(const char *path, std::vector<uint8_t> &out, int &error) {
     FILE *fp = std::fopen(path, "rb");
-    if (!fp)
-        return false;
+    if (!fp) {
+        error = errno;
+        return BRX_ERR_CANNOT_READ;
+    }
     struct stat info;
-    bool ok = fstat(fileno(fp), &info) == 0 && S_ISREG(info.st_mode) && info.st_size >= 0;
-    if (ok) {
+    int32_t result = BRX_OK;
+    if (fstat(fileno(fp), &info) != 0) {
+        error = errno;
+        result = BRX_ERR_CANNOT_READ;
+    } else if (S_ISDIR(info.st_mode)) {
+        result = BRX_ERR_IS_DIRECTORY;
+    } else if (!S_ISREG(info.st_mode) || info.st_size < 0) {
+        result = BRX_ERR_NOT_AN_OBJECT;
+    } else {
         out.resize(size_t(info.st_size));
-        ok = out.empty() || std::fread(out.data(), 1, out.size(), fp) == out.size();
+        if (!out.empty() && std::fread(out.data(), 1, out.size(), fp) != out.size()) {
+            // A short read without a system error: the file shrank while it was read.
+            error = std::ferror(fp) && errno != 0 ? errno : EIO;
+            result = BRX_ERR_CANNOT_READ;
+        }
     }
     std::fclose(fp);
-    return ok;
+    return result;
+}
+
+int32_t OpenFile(const char *path, uint32_t *mode, BrxHandle *out_file, int &error) {
+    if (!path || !out_file)
+        return kFailed;
+    auto owned = std::make_unique<CBrxFile>(0, path, false);
+    if (int32_t result = ReadWholeFile(path, owned->m_Image, error))
+        return result;
+    CBrxFile *f = State().Adopt(std::move(owned));
+    int32_t result = f->m_Handle == 0                  ? kFailed
+                     : LooksLikeElf(f->m_Image)        ? ReadElf(*f)
+                     : LooksLikeCoff(f->m_Image)       ? ReadCoff(*f)
+                     : IsUnreadCoffVariant(f->m_Image) ? BRX_ERR_UNSUPPORTED
+                                                       : BRX_ERR_NOT_AN_OBJECT;
+    if (result == BRX_OK && f->m_bOutOfHandles)
+        result = kFailed;
+    if (result != BRX_OK) {
+        State().Close(f);
+        return result;
+    }
+    if (mode)
+        *mode = f->m_nObjectKind;
+    *out_file = f->m_Handle;
+    return kOk;
 }
 
 // Every entry point catches what the standard library may throw (an allocation that fails on a
@@ -139,29 +177,12 @@ BRIX_API int32_t _brx_create_object(BrxHandle parent, int32_t, uint32_t kind, ui
 }
 
 BRIX_API int32_t _brx_open_file(const char *path, uint32_t *mode, BrxHandle *out_file, uint32_t) {
-    return Guarded([&] {
-        if (!path || !out_file)
-            return kFailed;
-        auto owned = std::make_unique<CBrxFile>(0, path, false);
-        if (!ReadWholeFile(path, owned->m_Image))
-            return kFailed;
-        CBrxFile *f = State().Adopt(std::move(owned));
-        bool ok = f->m_Handle != 0;
-        if (ok && LooksLikeElf(f->m_Image))
-            ok = ReadElf(*f);
-        else if (ok && LooksLikeCoff(f->m_Image))
-            ok = ReadCoff(*f);
-        else
-            ok = false;
-        if (!ok || f->m_bOutOfHandles) {
-            State().Close(f);
-            return kFailed;
-        }
-        if (mode)
-            *mode = f->m_nObjectKind;
-        *out_file = f->m_Handle;
-        return kOk;
-    });
+    int error = 0;
+    int32_t result = Guarded([&] { return OpenFile(path, mode, out_file, error); });
+    // Set last, so that nothing released on the way out changes it.
+    if (result == BRX_ERR_CANNOT_READ)
+        errno = error;
+    return result;
 }
 
 BRIX_API int32_t _brx_new_file(const char *path, int32_t format, BrxHandle *out_file) {
@@ -180,7 +201,8 @@ BRIX_API int32_t _brx_new_file(const char *path, int32_t format, BrxHandle *out_
 }
 
 BRIX_API int32_t _brx_write_file(BrxHandle file) {
-    return Guarded([&] {
+    int error = 0;
+    int32_t result = Guarded([&] {
         const CHandleEntry *e = LookupKind(file, Kind::File);
         if (!e || !e->m_pFile->m_bWritable)
             return kFailed;
@@ -189,11 +211,19 @@ BRIX_API int32_t _brx_write_file(BrxHandle file) {
         CByteBuffer out(f.m_Path);
         bool ok = f.m_nFormat == BRX_FORMAT_COFF ? WriteCoff(f, out) : WriteElf(f, out);
         if (!ok) {
+            // A write that the system refused on the way says so; else the model was refused.
+            error = out.Error();
             out.Abandon();
-            return kFailed;
+            return error != 0 ? BRX_ERR_CANNOT_WRITE : kFailed;
         }
-        return out.Finish() ? kOk : kFailed;
+        if (out.Finish())
+            return kOk;
+        error = out.Error();
+        return BRX_ERR_CANNOT_WRITE;
     });
+    if (result == BRX_ERR_CANNOT_WRITE)
+        errno = error;
+    return result;
 }
 
 BRIX_API int32_t _brx_close_file(BrxHandle file) {

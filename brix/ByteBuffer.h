@@ -8,6 +8,7 @@
 // A sink made without a path keeps everything in memory (Data()).
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -46,7 +47,7 @@ public:
         if (m_bStreams && n >= kDirect) {
             Flush();
             if (!m_bFailed && std::fwrite(p, 1, n, m_pFile) != n)
-                m_bFailed = true;
+                Fail();
             m_nFlushed += n;
             return;
         }
@@ -100,13 +101,15 @@ public:
                 break;
             if (fseeko(m_pFile, off_t(p.m_nAt), SEEK_SET) != 0 ||
                 std::fwrite(p.m_Bytes.data(), 1, p.m_Bytes.size(), m_pFile) != p.m_Bytes.size())
-                m_bFailed = true;
+                Fail();
         }
         if (m_pFile && std::fclose(m_pFile) != 0)
-            m_bFailed = true;
+            Fail();
         m_pFile = nullptr;
         return !m_bFailed;
     }
+    // The system's reason (errno) for the first write that failed; 0 when none did.
+    int Error() const { return m_nError; }
     // Streaming sinks: gives up; a file already begun is removed.
     void Abandon() {
         if (!m_bStreams)
@@ -149,7 +152,12 @@ private:
     void Open() {
         m_pFile = std::fopen(m_Path.c_str(), "wb");
         if (!m_pFile)
-            m_bFailed = true;
+            Fail();
+    }
+    void Fail() {
+        if (!m_bFailed)
+            m_nError = errno != 0 ? errno : EIO;
+        m_bFailed = true;
     }
     // After a failure the bytes are dropped, so the buffer stays small.
     void Flush() {
@@ -159,7 +167,7 @@ private:
             Open();
         if (!m_bFailed && !m_Out.empty() &&
             std::fwrite(m_Out.data(), 1, m_Out.size(), m_pFile) != m_Out.size())
-            m_bFailed = true;
+            Fail();
         m_nFlushed += m_Out.size();
         m_Out.clear();
     }
@@ -168,6 +176,7 @@ private:
     std::string m_Path;
     bool m_bStreams = false;
     bool m_bFailed = false;
+    int m_nError = 0;
     std::FILE *m_pFile = nullptr;
     uint64_t m_nFlushed = 0; // bytes that left the buffer
     std::vector<CPatch> m_Patches;

@@ -40,7 +40,8 @@ public:
     explicit CCoffReader(CBrxFile &file)
         : m_File(file), m_Image(file.m_Image.data(), file.m_Image.size()) {}
 
-    bool Read();
+    // BRX_OK, or the result that says why the file was refused.
+    int32_t Read();
 
 private:
     bool ReadHeader();
@@ -53,6 +54,12 @@ private:
     bool FileName(const CSymbolSection &owner, uint32_t checksumOffset, std::string_view &name);
     BrxHandle FileReference(std::string_view name);
 
+    // Records why the file is refused; a step that fails without saying is malformed input.
+    bool Refuse(int32_t result) {
+        m_nRefusal = result;
+        return false;
+    }
+
     bool StringAt(uint64_t offset, std::string_view &out) {
         return offset >= 4 && offset < m_nStringTableSize &&
                m_Image.CString(m_nStringTable + offset, m_nStringTable + m_nStringTableSize, out);
@@ -60,6 +67,7 @@ private:
 
     CBrxFile &m_File;
     CByteReader m_Image;
+    int32_t m_nRefusal = BRX_ERR_MALFORMED;
     uint32_t m_nSectionCount = 0;
     uint64_t m_nSectionTable = 0;
     uint64_t m_nSymbolTable = 0;
@@ -86,23 +94,25 @@ bool CCoffReader::ReadHeader() {
     m_nSymbolCount = m_Image.U32(12);
     uint16_t optionalHeader = m_Image.U16(16);
     if (m_Image.Failed())
-        return false;
+        return Refuse(BRX_ERR_TRUNCATED_HEADER);
     m_File.m_nFormat = BRX_FORMAT_COFF;
     m_File.m_nMachine = machine;
     m_File.m_nObjectKind = 0;
     m_nSectionTable = kFileHeaderSize + uint64_t(optionalHeader);
     if (!m_Image.Contains(m_nSectionTable, uint64_t(m_nSectionCount) * kSectionHeaderSize))
-        return false;
+        return Refuse(BRX_ERR_SECTION_TABLE_OUTSIDE);
     if (m_nSymbolCount > 0 || m_nSymbolTable != 0) {
         uint64_t symbolsSize = uint64_t(m_nSymbolCount) * kSymbolSize;
         if (!m_Image.Contains(m_nSymbolTable, symbolsSize))
-            return false;
+            return Refuse(BRX_ERR_SYMBOLS_OUTSIDE);
         m_nStringTable = m_nSymbolTable + symbolsSize;
         // The string table may be absent when no name needs it.
         if (m_Image.Contains(m_nStringTable, 4)) {
             m_nStringTableSize = m_Image.U32(m_nStringTable);
-            if (m_nStringTableSize < 4 || !m_Image.Contains(m_nStringTable, m_nStringTableSize))
+            if (m_nStringTableSize < 4)
                 return false;
+            if (!m_Image.Contains(m_nStringTable, m_nStringTableSize))
+                return Refuse(BRX_ERR_SYMBOLS_OUTSIDE);
         }
     }
     return true;
@@ -150,7 +160,7 @@ bool CCoffReader::ReadSections() {
             s.m_bZeroFill = true;
         } else {
             if (!m_Image.Contains(h.m_nRawData, h.m_nRawSize))
-                return false;
+                return Refuse(BRX_ERR_SECTION_OUTSIDE);
             s.m_pView = m_Image.Data() + h.m_nRawData;
         }
     }
@@ -239,7 +249,7 @@ bool CCoffReader::ReadRelocations() {
             first += kRelocationSize;
         }
         if (!m_Image.Contains(first, count * kRelocationSize))
-            return false;
+            return Refuse(BRX_ERR_SECTION_OUTSIDE);
         for (uint64_t k = 0; k < count; ++k) {
             uint64_t at = first + k * kRelocationSize;
             uint32_t symbol = m_Image.U32(at + 4);
@@ -425,25 +435,29 @@ bool CCoffReader::ReadLineInformation() {
     return true;
 }
 
-bool CCoffReader::Read() {
-    return ReadHeader() && ReadSections() && ReadSymbols() && ReadRelocations() &&
-           ReadLineInformation() && !m_File.m_bOutOfHandles;
+int32_t CCoffReader::Read() {
+    if (!(ReadHeader() && ReadSections() && ReadSymbols() && ReadRelocations() &&
+          ReadLineInformation()))
+        return m_nRefusal;
+    return m_File.m_bOutOfHandles ? BRX_ERR_FAILED : BRX_OK;
 }
 
 } // namespace
 
+// The big-object and import-library headers start with machine 0 and 0xFFFF where an object
+// has its machine and section count.
+bool IsUnreadCoffVariant(const std::vector<uint8_t> &image) {
+    return image.size() >= 4 && image[0] == 0 && image[1] == 0 && image[2] == 0xff &&
+           image[3] == 0xff;
+}
+
 bool LooksLikeCoff(const std::vector<uint8_t> &image) {
-    if (image.size() < kFileHeaderSize)
+    if (image.size() < kFileHeaderSize || IsUnreadCoffVariant(image))
         return false;
     uint16_t machine = uint16_t(image[0] | (image[1] << 8));
-    uint16_t sections = uint16_t(image[2] | (image[3] << 8));
     uint16_t optionalHeader = uint16_t(image[16] | (image[17] << 8));
     switch (machine) {
     case IMAGE_FILE_MACHINE_UNKNOWN:
-        // Also the first field of the big-object and import-library headers, which are not read.
-        if (sections == 0xffff)
-            return false;
-        break;
     case IMAGE_FILE_MACHINE_I386:
     case MACHINE_DEFAULT_TARGET:
     case IMAGE_FILE_MACHINE_AMD64:
@@ -457,7 +471,7 @@ bool LooksLikeCoff(const std::vector<uint8_t> &image) {
     return optionalHeader == 0;
 }
 
-bool ReadCoff(CBrxFile &file) {
+int32_t ReadCoff(CBrxFile &file) {
     return CCoffReader(file).Read();
 }
 

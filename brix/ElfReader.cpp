@@ -28,7 +28,8 @@ public:
         : m_File(file), m_Image(file.m_Image.data(), file.m_Image.size(),
                                 file.m_Image.size() > 5 && file.m_Image[5] == ELFDATA2MSB) {}
 
-    bool Read();
+    // BRX_OK, or the result that says why the file was refused.
+    int32_t Read();
 
 private:
     bool ReadHeader();
@@ -37,6 +38,12 @@ private:
     bool ReadSymbols();
     bool ReadRelocations();
     bool ReadGroups();
+
+    // Records why the file is refused; a step that fails without saying is malformed input.
+    bool Refuse(int32_t result) {
+        m_nRefusal = result;
+        return false;
+    }
 
     bool IsBookkeeping(uint32_t type) const {
         return type == SHT_NULL || type == SHT_SYMTAB || type == SHT_DYNSYM || type == SHT_STRTAB ||
@@ -49,6 +56,7 @@ private:
 
     CBrxFile &m_File;
     CByteReader m_Image;
+    int32_t m_nRefusal = BRX_ERR_MALFORMED;
     bool m_b64 = false;
     unsigned m_nWord = 4;
     uint16_t m_nType = 0;
@@ -65,15 +73,17 @@ private:
 
 bool CElfReader::ReadHeader() {
     const std::vector<uint8_t> &img = m_File.m_Image;
-    if (img.size() < EI_NIDENT || std::memcmp(img.data(), ELFMAG, 4) != 0)
-        return false;
+    if (!LooksLikeElf(img))
+        return Refuse(BRX_ERR_NOT_AN_OBJECT);
+    if (img.size() < EI_NIDENT)
+        return Refuse(BRX_ERR_TRUNCATED_HEADER);
     uint8_t cls = img[4], data = img[5];
     if ((cls != ELFCLASS32 && cls != ELFCLASS64) || (data != ELFDATA2LSB && data != ELFDATA2MSB))
-        return false;
+        return Refuse(BRX_ERR_UNSUPPORTED);
     m_b64 = cls == ELFCLASS64;
     m_nWord = m_b64 ? 8 : 4;
     if (img.size() < (m_b64 ? kEhdrSize64 : kEhdrSize32))
-        return false;
+        return Refuse(BRX_ERR_TRUNCATED_HEADER);
 
     m_nType = m_Image.U16(16);
     m_File.m_nMachine = m_Image.U16(18);
@@ -129,15 +139,17 @@ bool CElfReader::ReadSectionHeaders() {
     // first section header.
     CElfSection first = readHeader(m_nSectionTable);
     if (m_Image.Failed())
-        return false;
+        return Refuse(BRX_ERR_SECTION_TABLE_OUTSIDE);
     uint64_t count = m_nSectionCount;
     if (count == 0)
         count = first.m_nSize;
     if (m_nNameTable == SHN_XINDEX)
         m_nNameTable = first.m_nLink;
-    if (count == 0 || count > m_Image.Size() / m_nSectionEntrySize ||
-        !m_Image.Contains(m_nSectionTable, count * m_nSectionEntrySize))
+    if (count == 0)
         return false;
+    if (count > m_Image.Size() / m_nSectionEntrySize ||
+        !m_Image.Contains(m_nSectionTable, count * m_nSectionEntrySize))
+        return Refuse(BRX_ERR_SECTION_TABLE_OUTSIDE);
     m_nSectionCount = uint32_t(count);
     m_Headers.reserve(count);
     for (uint64_t i = 0; i < count; ++i)
@@ -152,8 +164,10 @@ bool CElfReader::OfferSections() {
     if (m_nNameTable >= m_Headers.size())
         return false;
     const CElfSection &names = m_Headers[m_nNameTable];
-    if (names.m_nType == SHT_NOBITS || !ContentInImage(names))
+    if (names.m_nType == SHT_NOBITS)
         return false;
+    if (!ContentInImage(names))
+        return Refuse(BRX_ERR_SECTION_OUTSIDE);
     for (size_t i = 1; i < m_Headers.size(); ++i) {
         const CElfSection &h = m_Headers[i];
         if (IsBookkeeping(h.m_nType))
@@ -163,7 +177,7 @@ bool CElfReader::OfferSections() {
             !m_Image.CString(names.m_nOffset + h.m_nName, names.m_nOffset + names.m_nSize, name))
             return false;
         if (!ContentInImage(h))
-            return false;
+            return Refuse(BRX_ERR_SECTION_OUTSIDE);
         uint32_t index = m_File.AddSection(std::string(name));
         CSection &s = m_File.m_Sections[index];
         s.m_nFlags = uint16_t(((h.m_nFlags & SHF_EXECINSTR) ? BRX_SECTION_CODE : 0) |
@@ -210,13 +224,17 @@ bool CElfReader::ReadSymbols() {
         return true;
     const CElfSection &table = m_Headers[m_nSymbolTable];
     unsigned entrySize = m_b64 ? kSymSize64 : kSymSize32;
-    if (table.m_nEntrySize < entrySize || !ContentInImage(table) || table.m_nType == SHT_NOBITS)
+    if (table.m_nEntrySize < entrySize || table.m_nType == SHT_NOBITS)
         return false;
+    if (!ContentInImage(table))
+        return Refuse(BRX_ERR_SYMBOLS_OUTSIDE);
     if (table.m_nLink == 0 || table.m_nLink >= m_Headers.size())
         return false;
     const CElfSection &strings = m_Headers[table.m_nLink];
-    if (strings.m_nType == SHT_NOBITS || !ContentInImage(strings))
+    if (strings.m_nType == SHT_NOBITS)
         return false;
+    if (!ContentInImage(strings))
+        return Refuse(BRX_ERR_SYMBOLS_OUTSIDE);
     // Section indices that do not fit in st_shndx are in an extension table.
     const CElfSection *extended = nullptr;
     for (size_t i = 1; i < m_Headers.size(); ++i)
@@ -293,8 +311,10 @@ bool CElfReader::ReadRelocations() {
         bool rela = h.m_nType == SHT_RELA;
         unsigned entrySize =
             rela ? (m_b64 ? kRelaSize64 : kRelaSize32) : (m_b64 ? kRelSize64 : kRelSize32);
-        if (h.m_nEntrySize < entrySize || !ContentInImage(h))
+        if (h.m_nEntrySize < entrySize)
             return false;
+        if (!ContentInImage(h))
+            return Refuse(BRX_ERR_SECTION_OUTSIDE);
         // Symbol numbers refer to the table the section links to; only the table read above
         // has handles.
         bool symbolsKnown = h.m_nLink == m_nSymbolTable && m_nSymbolTable != 0;
@@ -362,9 +382,11 @@ bool CElfReader::ReadGroups() {
     return !m_Image.Failed();
 }
 
-bool CElfReader::Read() {
-    return ReadHeader() && ReadSectionHeaders() && OfferSections() && ReadSymbols() &&
-           ReadRelocations() && ReadGroups() && !m_File.m_bOutOfHandles;
+int32_t CElfReader::Read() {
+    if (!(ReadHeader() && ReadSectionHeaders() && OfferSections() && ReadSymbols() &&
+          ReadRelocations() && ReadGroups()))
+        return m_nRefusal;
+    return m_File.m_bOutOfHandles ? BRX_ERR_FAILED : BRX_OK;
 }
 
 } // namespace
@@ -373,7 +395,7 @@ bool LooksLikeElf(const std::vector<uint8_t> &image) {
     return image.size() >= 4 && std::memcmp(image.data(), ELFMAG, 4) == 0;
 }
 
-bool ReadElf(CBrxFile &file) {
+int32_t ReadElf(CBrxFile &file) {
     return CElfReader(file).Read();
 }
 

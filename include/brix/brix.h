@@ -39,6 +39,20 @@ typedef uint32_t BrxHandle; /* 0 = none */
 #define BRX_ERR_NOT_A_SECTION 4177      /* a section query on another kind of object */
 #define BRX_ERR_UNSUPPORTED_COMPRESSION 4220 /* the bytes of a compressed section whose
                                                 compression is not zlib */
+/* Why _brx_open_file refused a file, so that a tool can tell its user: */
+#define BRX_ERR_CANNOT_READ 4200        /* it does not exist or cannot be read: errno says why */
+#define BRX_ERR_IS_DIRECTORY 4201       /* the path names a directory */
+#define BRX_ERR_NOT_AN_OBJECT 4202      /* neither an ELF nor a COFF object */
+#define BRX_ERR_UNSUPPORTED 4203        /* a kind brix does not read: an ELF class or byte order
+                                           other than 32/64-bit and little/big endian, a big-object
+                                           COFF, an import library */
+#define BRX_ERR_TRUNCATED_HEADER 4204   /* the file ends inside its file header */
+#define BRX_ERR_SECTION_TABLE_OUTSIDE 4205 /* the section headers end past the end of the file */
+#define BRX_ERR_SECTION_OUTSIDE 4206    /* a section's contents or relocations end past the end */
+#define BRX_ERR_SYMBOLS_OUTSIDE 4207    /* the symbol or string table ends past the end */
+#define BRX_ERR_MALFORMED 4208          /* an index, offset or count in the file points at nothing */
+/* Why _brx_write_file failed when the system refused: */
+#define BRX_ERR_CANNOT_WRITE 4209       /* the file cannot be created or written: errno says why */
 
 /* "First" for iterations, "any" for BrxFind.key */
 #define BRX_FIRST 0xFFFFFFFFu
@@ -197,12 +211,13 @@ BRIX_API int32_t _brx_set_value(BrxHandle object, uint32_t key, const void *valu
 BRIX_API int32_t _brx_create_object(BrxHandle parent, int32_t format, uint32_t kind,
                                     uint32_t count, const BrxAttr *attrs, BrxHandle *out,
                                     uint32_t reserved);
-/* Opens an existing object file for reading; *mode receives the object kind (key 19). */
+/* Opens an existing object file for reading; *mode receives the object kind (key 19). A refused
+ * file gives one of the results above that says why (errno is kept for BRX_ERR_CANNOT_READ). */
 BRIX_API int32_t _brx_open_file(const char *path, uint32_t *mode, BrxHandle *out_file,
                                 uint32_t reserved);
 /* An empty object of format 1, 2 or 3 with its symbol table, to be written to path. */
 BRIX_API int32_t _brx_new_file(const char *path, int32_t format, BrxHandle *out_file);
-/* Serialises a file made by _brx_new_file to its path. */
+/* Serialises a file made by _brx_new_file to its path (BRX_ERR_CANNOT_WRITE keeps errno). */
 BRIX_API int32_t _brx_write_file(BrxHandle file);
 /* Releases the file and every handle of it. */
 BRIX_API int32_t _brx_close_file(BrxHandle file);

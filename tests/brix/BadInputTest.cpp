@@ -1,11 +1,12 @@
 // Malformed files and wrong arguments: every one gives a non-zero result and nothing crashes
-// (the sanitizer build runs these too).
+// (the sanitizer build runs these too); a refused file gets the result that says why.
 #include "TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <random>
@@ -86,7 +87,9 @@ TEST_P(Malformed, EveryTruncationIsRefused) {
     ASSERT_EQ(OpenAndWalk(dir, image), 0);
     for (size_t length = 0; length < image.size(); ++length) {
         std::vector<uint8_t> cut(image.begin(), image.begin() + length);
-        EXPECT_NE(OpenAndWalk(dir, cut), 0) << "length " << length;
+        int32_t result = OpenAndWalk(dir, cut);
+        EXPECT_NE(result, 0) << "length " << length;
+        EXPECT_NE(result, BRX_ERR_FAILED) << "length " << length << ": the refusal says why";
     }
 }
 
@@ -115,11 +118,18 @@ TEST_P(Malformed, RandomDamageNeverCrashes) {
 INSTANTIATE_TEST_SUITE_P(Formats, Malformed, ::testing::ValuesIn(kSamples),
                          [](const auto &info) { return std::string(info.param.name); });
 
-// Targeted damage at the fields that locate and size everything else.
+// Targeted damage at the fields that locate and size everything else, and the result that
+// names it.
 struct Damage {
     const char *what;
+    int32_t result;
     std::function<void(std::vector<uint8_t> &)> apply;
 };
+
+constexpr int32_t kMalformed = BRX_ERR_MALFORMED;
+constexpr int32_t kTableOutside = BRX_ERR_SECTION_TABLE_OUTSIDE;
+constexpr int32_t kSectionOutside = BRX_ERR_SECTION_OUTSIDE;
+constexpr int32_t kSymbolsOutside = BRX_ERR_SYMBOLS_OUTSIDE;
 
 void Put32(std::vector<uint8_t> &v, size_t at, uint32_t x) {
     for (int i = 0; i < 4; ++i)
@@ -170,29 +180,31 @@ std::vector<Damage> ElfDamage(bool is64) {
     ElfLayout L{is64};
     constexpr uint32_t PROGBITS = 1, SYMTAB = 2, STRTAB = 3, RELA = 4;
     return {
-        {"section table past the end",
+        {"section table past the end", kTableOutside,
          [=](auto &v) { L.PutWord(v, is64 ? 0x28 : 0x20, 0xfffffff0u); }},
-        {"section count past the end", [=](auto &v) { Put16(v, L.CountField(), 0xfffe); }},
-        {"section header too small", [=](auto &v) { Put16(v, L.EntrySizeField(), 8); }},
-        {"name table index past the count", [=](auto &v) { Put16(v, L.NameIndexField(), 0xfff0); }},
-        {"section bytes past the end",
+        {"section count past the end", kTableOutside,
+         [=](auto &v) { Put16(v, L.CountField(), 0xfffe); }},
+        {"section header too small", kMalformed, [=](auto &v) { Put16(v, L.EntrySizeField(), 8); }},
+        {"name table index past the count", kMalformed,
+         [=](auto &v) { Put16(v, L.NameIndexField(), 0xfff0); }},
+        {"section bytes past the end", kSectionOutside,
          [=](auto &v) { L.PutWord(v, L.Header(v, PROGBITS) + L.Offset(), v.size() - 2); }},
-        {"section size past the end",
+        {"section size past the end", kSectionOutside,
          [=](auto &v) { L.PutWord(v, L.Header(v, PROGBITS) + L.Size(), 0xfffffff0u); }},
-        {"section name past its table",
+        {"section name past its table", kMalformed,
          [=](auto &v) { Put32(v, L.Header(v, PROGBITS), 0xffffff); }},
-        {"symbol strings index past the count",
+        {"symbol strings index past the count", kMalformed,
          [=](auto &v) { Put32(v, L.Header(v, SYMTAB) + L.Link(), 0xffff); }},
-        {"symbol table past the end",
+        {"symbol table past the end", kSymbolsOutside,
          [=](auto &v) { L.PutWord(v, L.Header(v, SYMTAB) + L.Size(), 0xfffffff0u); }},
-        {"symbol entry size too small",
+        {"symbol entry size too small", kMalformed,
          [=](auto &v) { L.PutWord(v, L.Header(v, SYMTAB) + L.EntrySize(), 1); }},
-        {"symbol name past the strings",
+        {"symbol name past the strings", kMalformed,
          [=](auto &v) {
              size_t table = size_t(Get(v, L.Header(v, SYMTAB) + L.Offset(), unsigned(L.Word())));
              Put32(v, table + (is64 ? 24 : 16), 0x0fffffff);
          }},
-        {"relocation symbol past the symbols",
+        {"relocation symbol past the symbols", kMalformed,
          [=](auto &v) {
              size_t rela = size_t(Get(v, L.Header(v, RELA) + L.Offset(), unsigned(L.Word())));
              if (is64)
@@ -200,9 +212,9 @@ std::vector<Damage> ElfDamage(bool is64) {
              else
                  Put32(v, rela + 4, 0xffffff00u | v[rela + 4]);
          }},
-        {"relocations past the end",
+        {"relocations past the end", kSectionOutside,
          [=](auto &v) { L.PutWord(v, L.Header(v, RELA) + L.Offset(), 0xfffffff0u); }},
-        {"unterminated section name",
+        {"unterminated section name", kMalformed,
          [=](auto &v) {
              // Point a section's name at ".shstrtab", the last name, and overwrite its NUL.
              size_t names = L.SectionTable(v) + Get(v, L.NameIndexField(), 2) * (is64 ? 64 : 40);
@@ -212,8 +224,8 @@ std::vector<Damage> ElfDamage(bool is64) {
              Put32(v, L.Header(v, PROGBITS), uint32_t(size - 10));
              v[end - 1] = 'x';
          }},
-        {"wrong class", [](auto &v) { v[4] = 3; }},
-        {"wrong byte order", [](auto &v) { v[5] = 0; }},
+        {"wrong class", BRX_ERR_UNSUPPORTED, [](auto &v) { v[4] = 3; }},
+        {"wrong byte order", BRX_ERR_UNSUPPORTED, [](auto &v) { v[5] = 0; }},
     };
 }
 
@@ -236,25 +248,32 @@ std::vector<Damage> CoffDamage() {
         return size_t(0);
     };
     return {
-        {"section count past the end", [](auto &v) { Put16(v, 2, 0xfffe); }},
-        {"optional header past the end", [](auto &v) { Put16(v, 16, 0xfff0); }},
-        {"symbol table past the end", [](auto &v) { Put32(v, 8, 0xffffff00u); }},
-        {"symbol count past the end", [](auto &v) { Put32(v, 12, 0x0fffffff); }},
-        {"section bytes past the end",
+        {"section count past the end", kTableOutside, [](auto &v) { Put16(v, 2, 0xfffe); }},
+        {"optional header past the end", BRX_ERR_NOT_AN_OBJECT,
+         [](auto &v) { Put16(v, 16, 0xfff0); }},
+        {"symbol table past the end", kSymbolsOutside, [](auto &v) { Put32(v, 8, 0xffffff00u); }},
+        {"symbol count past the end", kSymbolsOutside, [](auto &v) { Put32(v, 12, 0x0fffffff); }},
+        {"section bytes past the end", kSectionOutside,
          [=](auto &v) { Put32(v, section(0) + 20, uint32_t(v.size() - 1)); }},
-        {"section size past the end", [=](auto &v) { Put32(v, section(0) + 16, 0xfffffff0u); }},
-        {"relocations past the end", [=](auto &v) { Put32(v, section(2) + 24, 0xfffffff0u); }},
-        {"relocation count past the end", [=](auto &v) { Put16(v, section(2) + 32, 0xfffe); }},
-        {"relocation symbol past the symbols",
+        {"section size past the end", kSectionOutside,
+         [=](auto &v) { Put32(v, section(0) + 16, 0xfffffff0u); }},
+        {"relocations past the end", kSectionOutside,
+         [=](auto &v) { Put32(v, section(2) + 24, 0xfffffff0u); }},
+        {"relocation count past the end", kSectionOutside,
+         [=](auto &v) { Put16(v, section(2) + 32, 0xfffe); }},
+        {"relocation symbol past the symbols", kMalformed,
          [=](auto &v) { Put32(v, size_t(Get(v, section(2) + 24, 4)) + 4, 0xffffff); }},
-        {"long section name past the strings",
+        {"long section name past the strings", kMalformed,
          [=](auto &v) { std::memcpy(&v[section(1)], "/9999999", 8); }},
-        {"long section name not a number",
+        {"long section name not a number", kMalformed,
          [=](auto &v) { std::memcpy(&v[section(1)], "/12x\0\0\0\0", 8); }},
-        {"string table size past the end", [=](auto &v) { Put32(v, stringTable(v), 0xfffffff0u); }},
-        {"string table size below its own field", [=](auto &v) { Put32(v, stringTable(v), 2); }},
-        {"auxiliary records past the symbols", [=](auto &v) { v[stringTable(v) - 18 + 17] = 200; }},
-        {"associated section number past the sections",
+        {"string table size past the end", kSymbolsOutside,
+         [=](auto &v) { Put32(v, stringTable(v), 0xfffffff0u); }},
+        {"string table size below its own field", kMalformed,
+         [=](auto &v) { Put32(v, stringTable(v), 2); }},
+        {"auxiliary records past the symbols", kMalformed,
+         [=](auto &v) { v[stringTable(v) - 18 + 17] = 200; }},
+        {"associated section number past the sections", kMalformed,
          [=](auto &v) {
              // The definition record of the associative .debug$S section's symbol.
              size_t symbols = symbolTable(v);
@@ -262,24 +281,24 @@ std::vector<Damage> CoffDamage() {
                  if (std::memcmp(&v[s], ".debug$S", 8) == 0 && v[s + 18 + 14] == 5)
                      Put16(v, s + 18 + 12, 99);
          }},
-        {"lines subsection longer than its section",
+        {"lines subsection longer than its section", kMalformed,
          [=](auto &v) { Put32(v, find(v, 0xf2) + 4, 0x7ffffff0); }},
-        {"line block longer than its subsection",
+        {"line block longer than its subsection", kMalformed,
          [=](auto &v) {
              size_t lines = find(v, 0xf2) + 8;
              Put32(v, lines + 12 + 8, 0xfffff000u);
          }},
-        {"line block with more pairs than bytes",
+        {"line block with more pairs than bytes", kMalformed,
          [=](auto &v) {
              size_t lines = find(v, 0xf2) + 8;
              Put32(v, lines + 12 + 4, 0x10000000u);
          }},
-        {"checksum offset past the table",
+        {"checksum offset past the table", kMalformed,
          [=](auto &v) {
              size_t lines = find(v, 0xf2) + 8;
              Put32(v, lines + 12, 0x1000);
          }},
-        {"string offset past the string table",
+        {"string offset past the string table", kMalformed,
          [=](auto &v) { Put32(v, find(v, 0xf4) + 8, 0x1000); }},
     };
 }
@@ -300,7 +319,7 @@ TEST_P(TargetedDamage, IsRefused) {
             image = s.make(dir);
     ASSERT_EQ(OpenAndWalk(dir, image), 0);
     c.damage.apply(image);
-    EXPECT_NE(OpenAndWalk(dir, image), 0) << c.damage.what;
+    EXPECT_EQ(OpenAndWalk(dir, image), c.damage.result) << c.damage.what;
 }
 
 std::vector<DamageCase> AllDamage() {
@@ -324,20 +343,41 @@ INSTANTIATE_TEST_SUITE_P(Fields, TargetedDamage, ::testing::ValuesIn(AllDamage()
                              return name + "_" + std::to_string(info.index);
                          });
 
-TEST(NotAnObject, IsRefused) {
+// Files that are not objects, or not of a kind brix reads, and the result that says so.
+struct NotAnObjectCase {
+    const char *what;
+    std::vector<uint8_t> bytes;
+    int32_t result;
+};
+
+std::vector<uint8_t> Padded(std::vector<uint8_t> start, size_t size) {
+    start.resize(size);
+    return start;
+}
+
+const NotAnObjectCase kNotObjects[] = {
+    {"empty", {}, BRX_ERR_NOT_AN_OBJECT},
+    {"text", {'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'}, BRX_ERR_NOT_AN_OBJECT},
+    {"letters", std::vector<uint8_t>(64, 0x41), BRX_ERR_NOT_AN_OBJECT},
+    {"nearly the ELF magic", Padded({0x7f, 'E', 'L', 'G', 2, 1, 1}, 64), BRX_ERR_NOT_AN_OBJECT},
+    {"ELF magic alone", {0x7f, 'E', 'L', 'F'}, BRX_ERR_TRUNCATED_HEADER},
+    {"ELF64 identification alone", Padded({0x7f, 'E', 'L', 'F', 2, 1, 1}, 16),
+     BRX_ERR_TRUNCATED_HEADER},
+    {"big-object COFF or import library", Padded({0x00, 0x00, 0xff, 0xff}, 64),
+     BRX_ERR_UNSUPPORTED},
+};
+
+TEST(NotAnObject, IsRefusedWithTheReason) {
     TempDir dir;
-    const std::vector<std::vector<uint8_t>> inputs = {
-        {},
-        {0x7f, 'E', 'L', 'G', 2, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0},
-        std::vector<uint8_t>{'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'},
-        std::vector<uint8_t>(64, 0x41),
-        {0x00, 0x00, 0xff, 0xff}, // an import or big-object header start
-    };
-    for (const auto &input : inputs)
-        EXPECT_NE(OpenAndWalk(dir, input), 0) << input.size();
+    for (const NotAnObjectCase &c : kNotObjects)
+        EXPECT_EQ(OpenAndWalk(dir, c.bytes), c.result) << c.what;
+    // What the system refuses keeps its reason in errno.
     BrxHandle file = 0;
-    EXPECT_NE(_brx_open_file(dir.File("missing.o").c_str(), nullptr, &file, 0), 0);
-    EXPECT_NE(_brx_open_file(dir.Path().c_str(), nullptr, &file, 0), 0); // a directory
+    errno = 0;
+    EXPECT_EQ(_brx_open_file(dir.File("missing.o").c_str(), nullptr, &file, 0),
+              BRX_ERR_CANNOT_READ);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(_brx_open_file(dir.Path().c_str(), nullptr, &file, 0), BRX_ERR_IS_DIRECTORY);
 }
 
 TEST(WrongArguments, AreRefused) {
@@ -410,7 +450,9 @@ TEST(WrongArguments, AreRefused) {
     _brx_close_file(read);
     _brx_close_file(file);
     ASSERT_EQ(_brx_new_file(dir.File("no/such/dir/a.o").c_str(), BRX_FORMAT_COFF, &file), 0);
-    EXPECT_NE(_brx_write_file(file), 0);
+    errno = 0;
+    EXPECT_EQ(_brx_write_file(file), BRX_ERR_CANNOT_WRITE);
+    EXPECT_EQ(errno, ENOENT);
     _brx_close_file(file);
 }
 
