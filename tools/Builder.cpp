@@ -8,6 +8,9 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <vector>
 
 namespace qdbg {
@@ -33,9 +36,13 @@ private:
     bool m_bInitialised = false;
 };
 
-void Require(DbgStatus status, int line, const std::string &what) {
-    if (status != DBG_ERR_NONE)
-        throw DescriptionError(line, what + " refused: " + DescribeStatus(status));
+// `valueLimit` is the rule that a refused property value of this call breaks, where one is known.
+void Require(DbgStatus status, int line, const std::string &what,
+             const std::string &valueLimit = std::string()) {
+    if (status == DBG_ERR_NONE)
+        return;
+    std::string limit = status == DBG_ERR_BAD_PROPERTY_VALUE ? valueLimit : std::string();
+    throw DescriptionError(line, what + " refused: " + DescribeStatus(status, limit));
 }
 
 void RequireBrix(int32_t result, int line, const std::string &what) {
@@ -71,13 +78,18 @@ public:
         for (const Step &step : m_Desc.steps)
             Replay(step);
         DbgStatus emitted = Dbg_emit();
-        if (emitted == DBG_ERR_WRITE_FAILED && m_nFormat == BRX_FORMAT_COFF)
-            throw DescriptionError(
-                0, "emitting the debugging information refused: " + DescribeStatus(emitted) +
-                       "; COFF output reads every source file that a line "
-                       "entry names: do they all exist?");
+        if (emitted == DBG_ERR_WRITE_FAILED && m_nFormat == BRX_FORMAT_COFF) {
+            std::string unreadable = UnreadableSources();
+            if (!unreadable.empty())
+                throw DescriptionError(0, "emitting the debugging information refused: " +
+                                              DescribeStatus(emitted) + ": " + unreadable);
+        }
         Require(emitted, 0, "emitting the debugging information");
-        RequireBrix(_brx_write_file(m_Session.m_hFile), 0, "writing " + output);
+        int32_t written = _brx_write_file(m_Session.m_hFile);
+        int error = errno;
+        if (written == BRX_ERR_CANNOT_WRITE)
+            throw DescriptionError(0, "cannot write " + output + ": " + std::strerror(error));
+        RequireBrix(written, 0, "writing " + output);
     }
 
 private:
@@ -89,6 +101,34 @@ private:
     std::vector<DbgSource> m_Sources;
     std::vector<DbgType> m_ProcTypes;
     DbgScope m_Module = nullptr;
+
+    // CodeView output holds a checksum of every source file that a line entry of a section
+    // names, so the library reads each of them; those that cannot be read, with the system's
+    // reason. Line entries of the module itself are not written and their files not read.
+    std::string UnreadableSources() const {
+        std::vector<bool> named(m_Desc.sources.size(), false);
+        bool inSection = false;
+        for (const Step &step : m_Desc.steps) {
+            inSection = inSection || step.kind == Step::OpenSection;
+            if (step.kind == Step::Line && inSection)
+                named[step.source] = true;
+        }
+        std::string found;
+        for (size_t k = 0; k < named.size(); ++k) {
+            if (!named[k])
+                continue;
+            const SourceDecl &decl = m_Desc.sources[k];
+            if (std::FILE *in = std::fopen(decl.path.c_str(), "rb")) {
+                std::fclose(in);
+                continue;
+            }
+            int error = errno;
+            found += (found.empty() ? "" : "; ") + std::string("source file '") + decl.path +
+                     "' (line " + std::to_string(decl.line) +
+                     ") cannot be read for its checksum: " + std::strerror(error);
+        }
+        return found;
+    }
 
     void CreateSections() {
         for (const SectionDecl &decl : m_Desc.sections) {
@@ -181,11 +221,11 @@ private:
     }
 
     void CreateObject(const Step &step, int32_t kind, const std::vector<DbgObjectProp> &props,
-                      const std::string &what) {
+                      const std::string &what, const std::string &valueLimit = std::string()) {
         DbgObject object = nullptr;
         Require(Dbg_create_object(kind, props.data(), static_cast<uint32_t>(props.size()), nullptr,
                                   &object),
-                step.line, what);
+                step.line, what, valueLimit);
     }
 
     void Replay(const Step &step) {
@@ -220,7 +260,8 @@ private:
             props.push_back({DBG_PROP_NAME, step.name.c_str()});
             AddType(step, props);
             props.push_back({DBG_PROP_REGISTER, &step.registerNumber});
-            CreateObject(step, DBG_OBJ_ENREG_SYM, props, "register symbol '" + step.name + "'");
+            CreateObject(step, DBG_OBJ_ENREG_SYM, props, "register symbol '" + step.name + "'",
+                         kRegisterLimit);
             break;
         case Step::OpenProcedure:
             OpenProcedure(step);
@@ -260,9 +301,10 @@ private:
         }
         const std::string &name = m_Desc.symbols[step.entries.front()].name;
         DbgObject procedure = nullptr;
+        // A procedure's only value with a limit is its return register.
         Require(Dbg_create_object(DBG_OBJ_PROCEDURE, props.data(),
                                   static_cast<uint32_t>(props.size()), nullptr, &procedure),
-                step.line, "procedure '" + name + "'");
+                step.line, "procedure '" + name + "'", kRegisterLimit);
         DbgScope scope = nullptr;
         Require(Dbg_open_procedure_scope(procedure, &scope), step.line,
                 "opening procedure '" + name + "'");

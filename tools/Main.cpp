@@ -6,10 +6,10 @@
 #include "Targets.h"
 #include "Text.h"
 
+#include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <new>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,6 +21,22 @@ int Usage(const std::string &message, const std::string &command) {
     std::fprintf(stderr, "qdbg: %s\n", message.c_str());
     std::fprintf(stderr, "Try 'qdbg %s--help'.\n", command.empty() ? "" : (command + " ").c_str());
     return kExitUsage;
+}
+
+// False with errno set when the file cannot be opened or read (a directory opens but does not
+// read).
+bool ReadWholeFile(const std::string &path, std::string &text) {
+    std::FILE *in = std::fopen(path.c_str(), "rb");
+    if (!in)
+        return false;
+    char buffer[1 << 16];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0)
+        text.append(buffer, n);
+    int error = std::ferror(in) ? errno : 0;
+    std::fclose(in);
+    errno = error;
+    return error == 0;
 }
 
 bool WantsHelp(const std::vector<std::string> &args) {
@@ -62,15 +78,13 @@ int Build(const std::vector<std::string> &args) {
     if (!MachineFor(target, formatNumber, machine, misfit))
         return Usage(misfit, "build");
 
-    std::ifstream in(description, std::ios::binary);
-    if (!in) {
-        std::fprintf(stderr, "qdbg: cannot read %s\n", description.c_str());
+    std::string text;
+    if (!ReadWholeFile(description, text)) {
+        std::fprintf(stderr, "qdbg: %s: %s\n", description.c_str(), std::strerror(errno));
         return kExitFailed;
     }
-    std::ostringstream text;
-    text << in.rdbuf();
     try {
-        BuildObject(ParseDescription(text.str()), output, formatNumber, machine);
+        BuildObject(ParseDescription(text), output, formatNumber, machine);
     } catch (const DescriptionError &error) {
         if (error.Line() > 0)
             std::fprintf(stderr, "%s:%d: %s\n", description.c_str(), error.Line(), error.what());

@@ -3,6 +3,7 @@
 #include "Status.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 namespace qdbg {
@@ -71,9 +72,8 @@ bool ObjectLines::Open(const std::string &path, std::string &error) {
     uint32_t kind = 7;
     int32_t result = _brx_open_file(path.c_str(), &kind, &m_hFile, 0);
     if (result != BRX_OK) {
+        error = DescribeOpenFailure(path, result, errno);
         m_hFile = 0;
-        error = "cannot open " + path + " as an object file (brix result " +
-                std::to_string(result) + ")";
         return false;
     }
     m_bLinked = kind != 0;
@@ -94,13 +94,13 @@ bool ObjectLines::Open(const std::string &path, std::string &error) {
         previous = handle;
     }
     if (m_Sections.empty()) {
-        error = path + " has no sections";
+        error = path + ": no line information (no sections)";
         return false;
     }
     // The first line section binds the object and reads all of its line information.
     DbgStatus status = Lines(0, m_Sections[0].lines);
     if (status != DBG_ERR_NONE) {
-        error = "cannot read the line information of " + path + ": " + DescribeStatus(status);
+        error = DescribeLineFailure(path, status);
         return false;
     }
     uint32_t files = 0;

@@ -70,9 +70,6 @@ const ErrorCase kErrorCases[] = {
     {"proctype p returns=data3\n", "4: unknown type 'data3'"},
     {"proctype p kind=3\n", "4: procedure kind must be 1 or 2, not 3"},
     {"register r data4 99999999999\n", "4: register 99999999999 is above 4294967295"},
-    // Refusals of the library name the statement whose call it refused
-    {"register r data4 525\n",
-     "4: register symbol 'r' refused: status 11 (DBG_ERR_BAD_PROPERTY_VALUE)"},
     // Procedures
     {"symbol f 0\nprocedure f end=8\n", "5: procedure has no 'end'"},
     {"end\n", "4: 'end' without an open procedure"},
@@ -156,23 +153,6 @@ TEST_P(UsageErrors, ExitTwoWithAMessage) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, UsageErrors, ::testing::ValuesIn(kUsageCases));
-
-TEST(DescriptionRefusals, CoffOutputNamesTheMissingSourceFiles) {
-    qtest::TempDir dir;
-    WriteFile(dir.File("desc.qd"), std::string(kPrologue) + "line a 3 0\n");
-    CommandResult result =
-        RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o --format coff", dir.Path());
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.err, "desc.qd: emitting the debugging information refused: status 18 "
-                          "(DBG_ERR_WRITE_FAILED); COFF output reads every source file that a "
-                          "line entry names: do they all exist?\n");
-    EXPECT_FALSE(FileExists(dir.File("out.o")));
-    WriteFile(dir.File("a.s"), "; now it exists\n");
-    result =
-        RunCommand(std::string(QDBG_PATH) + " build desc.qd -o out.o --format coff", dir.Path());
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_TRUE(FileExists(dir.File("out.o")));
-}
 
 TEST(QdbgHelp, EveryCommandHasAPageWithTheExitCodes) {
     for (const char *command : {"build", "lines", "addr", "line", "files"}) {

@@ -259,18 +259,6 @@ INSTANTIATE_TEST_SUITE_P(ElfAndCoff, LineQueries,
                              return std::to_string(info.index / 2) + "_" + std::get<1>(info.param);
                          });
 
-TEST(QdbgQueries, AnObjectThatCannotBeOpenedIsAFailure) {
-    qtest::TempDir dir;
-    WriteFile(dir.File("not-an-object.o"), "plain text, not an object file\n");
-    for (const char *command : {"lines", "files"}) {
-        CommandResult result =
-            RunCommand(kQdbg + " " + command + " " + Quote(dir.File("not-an-object.o")));
-        EXPECT_EQ(result.exitCode, 1) << command;
-        EXPECT_NE(result.err.find("cannot open"), std::string::npos) << result.err;
-        EXPECT_EQ(result.out, "");
-    }
-}
-
 // A program that keeps qdbg running and asks one address at a time gets each answer before it
 // asks the next: answers are not held back until the input ends.
 TEST(QdbgQueries, AddrAnswersEachLineOfStandardInputAsItArrives) {
