@@ -1,7 +1,8 @@
 // Installation: `cmake --install` into a scratch prefix gives the headers, the versioned shared
-// libraries, qdbg, the pkg-config files and the CMake package; a C program outside the tree
-// (the README's example) builds against them both ways, runs, and writes an ELF64 object that
-// readelf reads without a complaint. The public headers compile strictly as C99 and C++17.
+// libraries, qdbg, the pkg-config files and the CMake package; the README's C programs build
+// against them outside the tree: the production example both ways, writing an ELF64 object that
+// readelf reads without a complaint, and the retrieval example with -lquillet alone, which
+// reads that object back. The public headers compile strictly as C99 and C++17.
 #include "qdbg/Process.h"
 
 #include <gtest/gtest.h>
@@ -31,15 +32,32 @@ std::string InstallLibDir() {
     return cache.substr(at, cache.find('\n', at) - at);
 }
 
-// The README's C example: the first ```c block.
-std::string ReadmeExample() {
+// The README's ```c block that holds `marker`; empty when there is none.
+std::string ReadmeExample(const std::string &marker) {
     std::string readme = ReadFile(kSourceDir + "/README.md");
-    size_t begin = readme.find("```c\n");
+    for (size_t begin = readme.find("```c\n"); begin != std::string::npos;
+         begin = readme.find("```c\n", begin)) {
+        begin += 5;
+        std::string block = readme.substr(begin, readme.find("```", begin) - begin);
+        if (block.find(marker) != std::string::npos)
+            return block;
+    }
+    return "";
+}
+
+// What the README says the retrieval example prints: the text in "it prints `...`".
+std::string ReadmeRetrievalOutput() {
+    std::string readme = ReadFile(kSourceDir + "/README.md");
+    const std::string lead = "it prints `";
+    size_t begin = readme.find(lead);
     if (begin == std::string::npos)
         return "";
-    begin += 5;
-    return readme.substr(begin, readme.find("```", begin) - begin);
+    begin += lead.size();
+    return readme.substr(begin, readme.find('`', begin) - begin) + "\n";
 }
+
+const char kProduction[] = "Dbg_emit()";
+const char kRetrieval[] = "Dbg_init(1)";
 
 class Installed : public ::testing::Test {
 protected:
@@ -115,10 +133,10 @@ TEST_F(Installed, QdbgRunsFromThePrefixAndBuildsAnExample) {
     EXPECT_NE(listed.out.find(".text 0x7 6 0 "), std::string::npos) << listed.out;
 }
 
-TEST_F(Installed, ReadmeExampleBuildsThroughPkgConfig) {
+TEST_F(Installed, ReadmeExamplesBuildThroughPkgConfigAndWithTheRunPathAlone) {
     qtest::TempDir dir;
-    std::string example = ReadmeExample();
-    ASSERT_NE(example.find("Dbg_emit"), std::string::npos);
+    std::string example = ReadmeExample(kProduction);
+    ASSERT_FALSE(example.empty());
     WriteFile(dir.File("example.c"), example);
     std::string pkgConfig = "PKG_CONFIG_PATH=" + Quote(LibDir() + "/pkgconfig") + " pkg-config";
     CommandResult flags = RunCommand(pkgConfig + " --cflags --libs quillet");
@@ -134,11 +152,26 @@ TEST_F(Installed, ReadmeExampleBuildsThroughPkgConfig) {
         dir.Path());
     ASSERT_EQ(compiled.exitCode, 0) << compiled.out << compiled.err;
     RunAndReadObject(dir, dir.File("example"));
+
+    // A program that calls only Quillet links with -lquillet alone; started with nothing but its
+    // run path, it finds libbrix.so through libquillet.so's own.
+    std::string retrieval = ReadmeExample(kRetrieval);
+    ASSERT_FALSE(retrieval.empty());
+    WriteFile(dir.File("where.c"), retrieval);
+    CommandResult linked =
+        RunCommand("cc -std=c11 -Wall -Wextra -Wpedantic -Werror" + kSanitize + " where.c -I" +
+                       Quote(Prefix("include")) + " -L" + Quote(LibDir()) +
+                       " -lquillet -Wl,-rpath," + Quote(LibDir()) + " -o where",
+                   dir.Path());
+    ASSERT_EQ(linked.exitCode, 0) << linked.out << linked.err;
+    CommandResult found = RunCommand("env -u LD_LIBRARY_PATH ./where", dir.Path());
+    EXPECT_EQ(found.exitCode, 0) << found.err;
+    EXPECT_EQ(found.out, ReadmeRetrievalOutput());
 }
 
 TEST_F(Installed, ReadmeExampleBuildsThroughFindPackage) {
     qtest::TempDir dir;
-    WriteFile(dir.File("example.c"), ReadmeExample());
+    WriteFile(dir.File("example.c"), ReadmeExample(kProduction));
     WriteFile(dir.File("CMakeLists.txt"),
               "cmake_minimum_required(VERSION 3.16)\n"
               "project(consumer C)\n"
