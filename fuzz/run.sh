@@ -118,10 +118,33 @@ printf '\x01\x05\x04\x03\x05\x00\x00\x03\x08\x00\x06\x05\x00\x00\x01\x0c' >> "$O
 if [[ "${1:-}" == "--build-only" ]]; then
     exit 0
 fi
-# libFuzzer exits non-zero (and keeps the crashing input in $OUT) when an input fails.
+# libFuzzer reports every input that finds something new; that goes to a log per fuzzer, and the
+# terminal gets each one's closing summary or, when an input fails, the report (libFuzzer exits
+# non-zero and keeps the crashing input in $OUT).
 cd "$OUT"
+fuzz() {
+    local name="$1" seconds="$2" corpus="$3" seeds="$4"
+    local log="$OUT/$name.log" status=0
+    local shown="${log#"$ROOT"/}" # named from the project root when it lies inside it
+    "./$name" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+        -print_final_stats=1 -print_funcs=0 "$corpus" "$seeds" >"$log" 2>&1 || status=$?
+    if [[ $status -eq 0 ]]; then
+        local runs added
+        runs=$(sed -n 's/^Done \([0-9]*\) runs in \([0-9]*\) second.*/\1 inputs in \2 s/p' "$log")
+        added=$(sed -n 's/^stat::new_units_added: *//p' "$log")
+        echo "$name: no failure in ${runs:-?}, ${added:-0} new corpus entries (log: $shown)"
+    else
+        # The report starts at the sanitizer's or libFuzzer's first word on the failure.
+        local first
+        first=$(grep -n -m1 -E '^==[0-9]+==|^ERROR: libFuzzer|runtime error:|^SUMMARY:' "$log" |
+                cut -d: -f1 || true)
+        tail -n +"${first:-1}" "$log" | head -n 80
+        echo "$name: FAILED (exit $status); the input is kept in ${OUT#"$ROOT"/}; log: $shown"
+    fi
+    return $status
+}
 HALF=$(( (SECONDS_TO_RUN + 1) / 2 ))
-./fuzz_retrieve -max_total_time="$HALF" -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 -print_funcs=0 "$OUT/corpus" "$SEEDS"
-./fuzz_api -max_total_time="$(( SECONDS_TO_RUN - HALF ))" -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 -print_funcs=0 "$OUT/corpus-api" "$OUT/seeds-api"
+status=0
+fuzz fuzz_retrieve "$HALF" "$OUT/corpus" "$SEEDS" || status=1
+fuzz fuzz_api "$(( SECONDS_TO_RUN - HALF ))" "$OUT/corpus-api" "$OUT/seeds-api" || status=1
+exit $status

@@ -87,10 +87,6 @@ const ErrorCase kErrorCases[] = {
     {"line a 1 0x\n", "4: offset '0x' is not a number"},
 };
 
-std::ostream &operator<<(std::ostream &out, const ErrorCase &c) {
-    return out << c.expected;
-}
-
 class DescriptionErrors : public ::testing::TestWithParam<ErrorCase> {};
 
 TEST_P(DescriptionErrors, NameFileLineAndFault) {
@@ -106,7 +102,10 @@ TEST_P(DescriptionErrors, NameFileLineAndFault) {
     EXPECT_FALSE(FileExists(dir.File("out.o")));
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, DescriptionErrors, ::testing::ValuesIn(kErrorCases));
+INSTANTIATE_TEST_SUITE_P(Table, DescriptionErrors, ::testing::ValuesIn(kErrorCases),
+                         [](const auto &info) {
+                             return qtest::CaseName(info.param.expected, info.index);
+                         });
 
 struct UsageCase {
     const char *arguments;
@@ -137,10 +136,6 @@ const UsageCase kUsageCases[] = {
     {"--help frob", "qdbg: unknown command 'frob'"},
 };
 
-std::ostream &operator<<(std::ostream &out, const UsageCase &c) {
-    return out << "qdbg " << c.arguments;
-}
-
 class UsageErrors : public ::testing::TestWithParam<UsageCase> {};
 
 TEST_P(UsageErrors, ExitTwoWithAMessage) {
@@ -152,7 +147,10 @@ TEST_P(UsageErrors, ExitTwoWithAMessage) {
     EXPECT_EQ(result.out, "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, UsageErrors, ::testing::ValuesIn(kUsageCases));
+INSTANTIATE_TEST_SUITE_P(Table, UsageErrors, ::testing::ValuesIn(kUsageCases),
+                         [](const auto &info) {
+                             return qtest::CaseName(info.param.message, info.index);
+                         });
 
 TEST(QdbgHelp, EveryCommandHasAPageWithTheExitCodes) {
     for (const char *command : {"build", "lines", "addr", "line", "files"}) {

@@ -87,4 +87,22 @@ CommandResult RunConsumer(const std::string &command, const std::string &path) {
     return RunCommand(command + " '" + path + "'");
 }
 
+std::string CaseName(const std::string &text, size_t index) {
+    std::string name;
+    bool gap = false;
+    for (char c : text) {
+        if (!std::isalnum(static_cast<unsigned char>(c))) {
+            gap = !name.empty();
+            continue;
+        }
+        if (name.size() >= 60)
+            break;
+        if (gap)
+            name += '_';
+        name += c;
+        gap = false;
+    }
+    return name + (name.empty() ? "" : "_") + std::to_string(index);
+}
+
 } // namespace qtest

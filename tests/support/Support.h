@@ -43,4 +43,8 @@ std::vector<uint8_t> ReadFileBytes(const std::string &path);
 // Runs a consumer command on `path` (for example "readelf --debug-dump=info").
 CommandResult RunConsumer(const std::string &command, const std::string &path);
 
+// A parameterised test's name made from a case's text: its letters and digits, words joined by
+// '_', at most about 60 characters, then the case's index (which keeps names unique).
+std::string CaseName(const std::string &text, size_t index);
+
 } // namespace qtest
