@@ -102,6 +102,17 @@ private:
     std::vector<DbgType> m_ProcTypes;
     DbgScope m_Module = nullptr;
 
+    // The rule that a register number breaks when the library refuses it: the default target
+    // numbers its registers itself; the others take DWARF register numbers, and a register
+    // symbol in CodeView needs one that the target's CodeView numbering has.
+    std::string RegisterLimit(bool symbol) const {
+        if (m_nMachine == BRX_MACHINE_ELF_DEFAULT || m_nMachine == BRX_MACHINE_COFF_DEFAULT)
+            return "register numbers are 0 to 524";
+        if (symbol && m_nFormat == BRX_FORMAT_COFF)
+            return "the register has no CodeView number on this target";
+        return "DWARF register numbers are 0 to 65535";
+    }
+
     // CodeView output holds a checksum of every source file that a line entry of a section
     // names, so the library reads each of them; those that cannot be read, with the system's
     // reason. Line entries of the module itself are not written and their files not read.
@@ -261,7 +272,7 @@ private:
             AddType(step, props);
             props.push_back({DBG_PROP_REGISTER, &step.registerNumber});
             CreateObject(step, DBG_OBJ_ENREG_SYM, props, "register symbol '" + step.name + "'",
-                         kRegisterLimit);
+                         RegisterLimit(true));
             break;
         case Step::OpenProcedure:
             OpenProcedure(step);
@@ -304,7 +315,7 @@ private:
         // A procedure's only value with a limit is its return register.
         Require(Dbg_create_object(DBG_OBJ_PROCEDURE, props.data(),
                                   static_cast<uint32_t>(props.size()), nullptr, &procedure),
-                step.line, "procedure '" + name + "'", kRegisterLimit);
+                step.line, "procedure '" + name + "'", RegisterLimit(false));
         DbgScope scope = nullptr;
         Require(Dbg_open_procedure_scope(procedure, &scope), step.line,
                 "opening procedure '" + name + "'");

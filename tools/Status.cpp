@@ -8,8 +8,6 @@
 
 namespace qdbg {
 
-const char kRegisterLimit[] = "register numbers are 0 to 524";
-
 namespace {
 
 struct Meaning {

@@ -9,9 +9,6 @@
 
 namespace qdbg {
 
-// The rule a register number breaks on the default target.
-extern const char kRegisterLimit[];
-
 // "status 11 (bad property value: register numbers are 0 to 524)": the status, its meaning and,
 // when the caller knows it, the limit that was broken.
 std::string DescribeStatus(uint32_t status, const std::string &limit = std::string());

@@ -19,9 +19,12 @@ const char kMissingSource[] = "module source=a.s\n"
                               "section .text code size=16\n"
                               "line a 3 0\n";
 
-const char kBadRegister[] = "module source=a.s\n"
-                            "section .text code size=16\n"
-                            "register r data4 525\n";
+// Register r is 525 (above the default target's numbering), 70000 (above DWARF's) or 9999
+// (a DWARF number without a CodeView register on x86-64).
+std::string RegisterDescription(const char *number) {
+    return std::string("module source=a.s\nsection .text code size=16\nregister r data4 ") +
+           number + "\n";
+}
 
 struct ErrorCase {
     const char *name;
@@ -53,6 +56,15 @@ const ErrorCase kErrorCases[] = {
      "build register.qd -o out.o",
      {"register.qd:3: register symbol 'r' refused: status 11 (bad property value: register "
       "numbers are 0 to 524)"}},
+    {"RegisterAboveDwarfNumbers",
+     "build register70000.qd -o out.o --target x86-64",
+     {"register70000.qd:3: register symbol 'r' refused: status 11 (bad property value: DWARF "
+      "register "
+      "numbers are 0 to 65535)"}},
+    {"RegisterWithoutACodeViewNumber",
+     "build register9999.qd -o out.o --target x86-64 --format coff",
+     {"register symbol 'r' refused: status 11 (bad property value: the register has no "
+      "CodeView number on this target)"}},
     {"OutputInAMissingDirectory",
      "build whole.qd -o nowhere/out.o",
      {"cannot write nowhere/out.o: No such file or directory"}},
@@ -67,7 +79,9 @@ protected:
     void SetUp() override {
         RunCommand("mkdir folder", m_Dir.Path());
         WriteFile(m_Dir.File("notes.txt"), "plain text, not an object file\n");
-        WriteFile(m_Dir.File("register.qd"), kBadRegister);
+        WriteFile(m_Dir.File("register.qd"), RegisterDescription("525"));
+        WriteFile(m_Dir.File("register70000.qd"), RegisterDescription("70000"));
+        WriteFile(m_Dir.File("register9999.qd"), RegisterDescription("9999"));
         WriteFile(m_Dir.File("source.qd"), kMissingSource);
         // An ELF identification of class 3, padded to a whole header.
         std::string class3 = {'\x7f', 'E', 'L', 'F', 3, 1, 1};
