@@ -1,12 +1,14 @@
-// Reading CodeView back from an object made through the shared module builder: sections by
-// name (a COFF object has several .debug$S), their bytes, COMDAT records and relocations, and a
-// symbol section taken apart into subsections and records with its framing checked on the way.
+// Reading CodeView back from an object made through the shared module builder: a symbol section
+// taken apart into subsections and records with its framing checked on the way, COMDAT records
+// and relocation targets; and the expected bytes of line subsections and checksum records.
 #pragma once
 
+#include "support/Bytes.h"
 #include "support/ModuleBuilder.h"
 #include "support/Support.h"
 
 #include "brix/brix.h"
+#include "codeview/Md5.h"
 
 #include <gtest/gtest.h>
 
@@ -17,33 +19,13 @@
 
 namespace cvtest {
 
-using Bytes = std::vector<uint8_t>;
-
-inline uint32_t U32(const Bytes &b, size_t at) {
-    return uint32_t(b[at]) | uint32_t(b[at + 1]) << 8 | uint32_t(b[at + 2]) << 16 |
-           uint32_t(b[at + 3]) << 24;
-}
-inline uint16_t U16(const Bytes &b, size_t at) {
-    return uint16_t(b[at] | b[at + 1] << 8);
-}
-inline void PutU32(Bytes &out, uint32_t v) {
-    for (int i = 0; i < 4; ++i)
-        out.push_back(uint8_t(v >> (8 * i)));
-}
-inline void PutU16(Bytes &out, uint16_t v) {
-    out.push_back(uint8_t(v));
-    out.push_back(uint8_t(v >> 8));
-}
-inline void PutString(Bytes &out, const std::string &s) {
-    out.insert(out.end(), s.begin(), s.end());
-    out.push_back(0);
-}
-inline Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
+using qtest::Bytes;
+using qtest::Concat;
+using qtest::PutString;
+using qtest::PutU16;
+using qtest::PutU32;
+using qtest::U16;
+using qtest::U32;
 
 inline std::u16string Wide(const std::string &s) {
     return std::u16string(s.begin(), s.end());
@@ -67,13 +49,15 @@ struct Record {
 };
 
 // Splits a symbol section into its subsections, checking the signature, the 4-byte alignment
-// of every header and that the fill between subsections is zero.
+// of every header, that the fill after each subsection is zero and that the section ends on a
+// multiple of 4 bytes.
 inline std::vector<Subsection> Subsections(const Bytes &section) {
     std::vector<Subsection> out;
     EXPECT_GE(section.size(), 4u);
     if (section.size() < 4)
         return out;
     EXPECT_EQ(U32(section, 0), 4u) << "signature";
+    EXPECT_EQ(section.size() % 4, 0u) << "the section ends on a multiple of 4 bytes";
     size_t at = 4;
     while (at < section.size()) {
         EXPECT_EQ(at % 4, 0u) << "subsection header at " << at;
@@ -127,27 +111,40 @@ inline std::vector<uint16_t> RecordKinds(const Bytes &content) {
     return kinds;
 }
 
-// Every section of the file with this name, in creation order.
-inline std::vector<BrxHandle> SectionsNamed(BrxHandle file, const std::string &name) {
-    std::vector<BrxHandle> found;
-    BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_KEY_NAME, name.c_str()};
-    BrxHandle section = 0;
-    while (_brx_get_keyed(file, BRX_KEY_FIND, &find, &section, 0) == BRX_OK) {
-        found.push_back(section);
-        find.after = section;
-    }
-    return found;
+// A lines subsection's header: the start of its code (relocated against its anchor), segment
+// and flags 0, the code size.
+inline Bytes LineHeader(uint32_t start, uint32_t codeSize) {
+    Bytes out;
+    PutU32(out, start);
+    PutU32(out, 0);
+    PutU32(out, codeSize);
+    return out;
 }
 
-inline Bytes Contents(BrxHandle section) {
-    uint64_t size = 0;
-    EXPECT_EQ(_brx_get_keyed(section, BRX_KEY_SECTION_SIZE, nullptr, &size, 0), BRX_OK);
-    Bytes bytes(size);
-    BrxBytes record{size, 0, bytes.data()};
-    if (size) {
-        EXPECT_EQ(_brx_get_keyed(section, BRX_KEY_SECTION_DATA, nullptr, &record, 0), BRX_OK);
+// A file block of (offset, line) pairs; every line word carries the statement bit.
+inline Bytes Block(uint32_t file, std::vector<std::pair<uint32_t, uint32_t>> pairs) {
+    Bytes out;
+    PutU32(out, file);
+    PutU32(out, uint32_t(pairs.size()));
+    PutU32(out, uint32_t(12 + 8 * pairs.size()));
+    for (auto [offset, line] : pairs) {
+        PutU32(out, offset);
+        PutU32(out, line | 0x80000000u);
     }
-    return bytes;
+    return out;
+}
+
+// A checksum record: the file's string-table offset, digest size 16, kind MD5, the digest of
+// `content`, two bytes of fill.
+inline Bytes ChecksumRecord(uint32_t stringOffset, const std::string &content) {
+    const quillet::Md5Digest digest = quillet::CMd5::Of(content.data(), content.size());
+    Bytes out;
+    PutU32(out, stringOffset);
+    out.push_back(16);
+    out.push_back(1);
+    out.insert(out.end(), digest.begin(), digest.end());
+    PutU16(out, 0);
+    return out;
 }
 
 // What a relocation names: a section by its name, a symbol by its name and offset ("p1@0x8").
@@ -163,19 +160,13 @@ inline std::string TargetName(BrxHandle target) {
     return name + std::string(at);
 }
 
-inline BrxComdat Comdat(BrxHandle section) {
-    BrxComdat record{0, 0};
-    EXPECT_EQ(_brx_get_keyed(section, BRX_KEY_COMDAT, nullptr, &record, 0), BRX_OK);
-    return record;
-}
-
 inline void MakeComdat(BrxHandle section) {
     BrxComdat record{BRX_COMDAT_ANY, 0};
     EXPECT_EQ(_brx_set_value(section, BRX_KEY_COMDAT, &record, 0), BRX_OK);
 }
 
 // The shared module builder on a COFF object, with the handles the tests need returned directly
-// and the CodeView sections read back by name.
+// and every call expected to succeed.
 class CoffModule {
 public:
     explicit CoffModule(const std::string &objectPath) : m_Builder(objectPath, BRX_FORMAT_COFF) {}
@@ -221,10 +212,15 @@ public:
     }
 
     std::vector<BrxHandle> SectionsNamed(const std::string &name) const {
-        return cvtest::SectionsNamed(File(), name);
+        return m_Builder.SectionsNamed(name);
     }
-    static Bytes Contents(BrxHandle section) { return cvtest::Contents(section); }
-    static BrxComdat Comdat(BrxHandle section) { return cvtest::Comdat(section); }
+    Bytes Contents(BrxHandle section) const { return m_Builder.SectionBytes(section); }
+    // The subsections of the first (main) symbol section.
+    std::vector<Subsection> MainSubsections() const {
+        const auto symbols = SectionsNamed(".debug$S");
+        EXPECT_FALSE(symbols.empty());
+        return symbols.empty() ? std::vector<Subsection>{} : Subsections(Contents(symbols[0]));
+    }
     std::vector<qtest::ModuleBuilder::Relocation> Relocations(BrxHandle section) const {
         return m_Builder.Relocations(section);
     }

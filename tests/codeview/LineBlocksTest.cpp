@@ -2,6 +2,7 @@
 // between procedures, cut where the file changes, never overlapping; inside each, file blocks
 // with repeated lines dropped, 24-bit line words with the statement bit, offsets from the start.
 #include "codeview/LineBlocks.h"
+#include "codeview/CodeViewReading.h"
 
 #include <gtest/gtest.h>
 
@@ -13,40 +14,7 @@ namespace {
 using quillet::CvCodeRange;
 using quillet::CvLinePoint;
 using quillet::CvLineSubsection;
-using Bytes = std::vector<uint8_t>;
-
-void PutU32(Bytes &out, uint32_t v) {
-    for (int i = 0; i < 4; ++i)
-        out.push_back(uint8_t(v >> (8 * i)));
-}
-
-Bytes Header(uint32_t start, uint32_t codeSize) {
-    Bytes out;
-    PutU32(out, start);
-    PutU32(out, 0); // segment and flags
-    PutU32(out, codeSize);
-    return out;
-}
-
-// The expected block, written out field by field.
-Bytes Block(uint32_t file, std::vector<std::pair<uint32_t, uint32_t>> pairs) {
-    Bytes out;
-    PutU32(out, file);
-    PutU32(out, uint32_t(pairs.size()));
-    PutU32(out, uint32_t(12 + 8 * pairs.size()));
-    for (auto [offset, word] : pairs) {
-        PutU32(out, offset);
-        PutU32(out, word);
-    }
-    return out;
-}
-
-Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
+using namespace cvtest; // Bytes, LineHeader, Block
 
 constexpr uint32_t A = 0, B = 24; // checksum offsets of two files
 
@@ -60,29 +28,28 @@ TEST(LineBlocks, PointsBecomeBlocksPerRun) {
         {"runs cut on file change, repeated line dropped",
          0,
          {{0x10, 5, A}, {0x12, 5, A}, {0x14, 6, A}, {0x18, 7, B}, {0x20, 8, A}},
-         Concat({Block(A, {{0x10, 0x80000005}, {0x14, 0x80000006}}), Block(B, {{0x18, 0x80000007}}),
-                 Block(A, {{0x20, 0x80000008}})})},
+         Concat({Block(A, {{0x10, 5}, {0x14, 6}}), Block(B, {{0x18, 7}}), Block(A, {{0x20, 8}})})},
         {"a line number is cut to 24 bits",
          0,
          {{0, 0x1234567, B}, {4, 0xFFFFFFFF, B}, {8, 0, B}},
-         Block(B, {{0, 0x80234567}, {4, 0x80FFFFFF}, {8, 0x80000000}})},
+         Block(B, {{0, 0x234567}, {4, 0xFFFFFF}, {8, 0}})},
         {"offsets count from the start of the range",
          0x100000010ull,
          {{0x100000012ull, 1, A}, {0x100000020ull, 2, A}},
-         Block(A, {{2, 0x80000001}, {0x10, 0x80000002}})},
+         Block(A, {{2, 1}, {0x10, 2}})},
         {"a file change forgets the previous line",
          0,
          {{0, 9, A}, {2, 9, B}, {4, 9, B}},
-         Concat({Block(A, {{0, 0x80000009}}), Block(B, {{2, 0x80000009}})})},
+         Concat({Block(A, {{0, 9}}), Block(B, {{2, 9}})})},
         {"a line that comes back later is written again",
          0,
          {{0, 1, A}, {2, 2, A}, {4, 1, A}},
-         Block(A, {{0, 0x80000001}, {2, 0x80000002}, {4, 0x80000001}})},
+         Block(A, {{0, 1}, {2, 2}, {4, 1}})},
     };
     for (const auto &c : cases) {
         const CvLineSubsection subsection{c.start, 0x40, 0, c.points.size()};
         EXPECT_EQ(quillet::EncodeLineSubsection(c.points, subsection, 0x1234),
-                  Concat({Header(0x1234, 0x40), c.blocks}))
+                  Concat({LineHeader(0x1234, 0x40), c.blocks}))
             << c.what;
     }
 }
@@ -90,7 +57,7 @@ TEST(LineBlocks, PointsBecomeBlocksPerRun) {
 TEST(LineBlocks, EncodesOnlyItsSliceOfThePoints) {
     const std::vector<CvLinePoint> points = {{0, 1, A}, {4, 2, A}, {8, 3, B}, {12, 4, B}};
     EXPECT_EQ(quillet::EncodeLineSubsection(points, {4, 8, 1, 2}, 4),
-              Concat({Header(4, 8), Block(A, {{0, 0x80000002}}), Block(B, {{4, 0x80000003}})}));
+              Concat({LineHeader(4, 8), Block(A, {{0, 2}}), Block(B, {{4, 3}})}));
 }
 
 constexpr size_t None = quillet::kNoProcedure;

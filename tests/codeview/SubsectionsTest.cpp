@@ -49,7 +49,7 @@ TEST(Subsections, ClosingPatchesTheLengthOfWhatWasWritten) {
         }
         ASSERT_EQ(CloseSubsection(section), 0u) << c.what;
         EXPECT_EQ(section.SubsectionStart(), section.Size()) << c.what;
-        const Bytes bytes = Contents(section.Section());
+        const Bytes bytes = builder.SectionBytes(section.Section());
         // The symbols subsection that the first append opened holds the 13 bytes.
         EXPECT_EQ(U32(bytes, 8), 13u) << c.what;
         if (c.startSubsection) {

@@ -2,7 +2,7 @@
 // record, subsection, string, checksum and line block must be dumped without a complaint, and
 // what is dumped must be what was described. LLVM opens no COFF object of machine 0x0200, so
 // the tools read a copy whose machine field is 0; the CodeView content does not depend on it.
-#include "ReadobjDump.h"
+#include "ReadobjTree.h"
 #include "codeview/CodeViewReading.h"
 
 #include <gtest/gtest.h>
@@ -14,173 +14,126 @@
 namespace {
 
 using namespace cvtest;
+using readobj::Node;
 
 struct LineSpec {
     std::string file; // base name
     uint32_t line;
     uint64_t offset;
 };
-struct Segment {
-    std::string file;
-    std::vector<std::pair<uint32_t, uint32_t>> lines; // (offset, line)
-};
-// A symbol record as the dump shows it: its kind and the name it carries.
-struct SymbolSpec {
-    std::string kind;
-    std::string name;
-};
 
 class CodeViewConsumer : public ::testing::Test {
 protected:
     qtest::TempDir m_Dir;
-    std::map<std::string, std::string> m_Sources; // base name -> content
 
     std::string Source(const std::string &name, const std::string &content) {
-        m_Sources[name] = content;
         const std::string path = m_Dir.File(name);
         EXPECT_TRUE(qtest::WriteTextFile(path, content));
         return path;
     }
-    // The string table names a file by the path it was described with.
-    std::string TablePath(const std::string &baseName) const { return m_Dir.File(baseName); }
     // The digest as md5sum computes it, independently of the library.
     std::string Md5Sum(const std::string &baseName) const {
         const auto result = qtest::RunCommand("md5sum '" + m_Dir.File(baseName) + "'");
         EXPECT_EQ(result.exitCode, 0);
         return result.output.substr(0, 32);
     }
-    // A copy of the object whose machine field is 0, for LLVM.
-    std::string MachineZeroCopy(const std::string &object) const {
+    // Reads a copy of the object whose machine field is 0 with llvm-readobj, which must exit
+    // cleanly without any complaint.
+    Node Readobj(const std::string &options, const std::string &object) const {
         std::vector<uint8_t> bytes = qtest::ReadFileBytes(object);
         EXPECT_GE(bytes.size(), 2u);
         if (bytes.size() >= 2)
             bytes[0] = bytes[1] = 0;
         const std::string copy = m_Dir.File("machine0.obj");
         EXPECT_TRUE(qtest::WriteTextFile(copy, std::string(bytes.begin(), bytes.end())));
-        return copy;
-    }
-    // Runs a readobj command and requires a clean exit without any complaint.
-    static std::string Readobj(const std::string &options, const std::string &object) {
-        const auto result = qtest::RunConsumer("llvm-readobj-14 " + options, object);
+        const auto result = qtest::RunConsumer("llvm-readobj-14 " + options, copy);
         EXPECT_EQ(result.exitCode, 0) << result.output;
         for (const std::string &line : qtest::ConsumerComplaints(result.output))
             ADD_FAILURE() << "llvm-readobj " << options << ": " << line;
-        return result.output;
+        return readobj::Parse(result.output);
     }
 };
 
-std::string KindOf(const cvdump::Symbol &symbol) {
-    const auto kind = symbol.fields.find("Kind");
-    return kind == symbol.fields.end() ? "" : kind->second.substr(0, kind->second.find(' '));
+// The kinds of a symbol section's subsections.
+std::vector<uint64_t> SubsectionKinds(const Node &section) {
+    std::vector<uint64_t> kinds;
+    for (const Node *s : section.Children("Subsection"))
+        kinds.push_back(readobj::Number(s->Field("SubSectionType")));
+    return kinds;
 }
-std::string NameOf(const cvdump::Symbol &symbol) {
+
+// The records of a symbol section's symbols subsections.
+std::vector<const Node *> SymbolRecords(const Node &section) {
+    std::vector<const Node *> records;
+    for (const Node *s : section.Children("Subsection"))
+        if (readobj::Number(s->Field("SubSectionType")) == 0xF1)
+            for (const Node *record : s->Children())
+                records.push_back(record);
+    return records;
+}
+
+std::string NameOf(const Node &record) {
     for (const char *key : {"DisplayName", "Name"})
-        if (auto it = symbol.fields.find(key); it != symbol.fields.end())
-            return it->second;
+        if (const Node &name = record.Child(key); !name.name.empty())
+            return name.value;
     return "";
 }
-std::string Field(const cvdump::Symbol &symbol, const std::string &key) {
-    const auto it = symbol.fields.find(key);
-    return it == symbol.fields.end() ? "<missing " + key + ">" : it->second;
-}
-const cvdump::Symbol *FindSymbol(const cvdump::SymbolSection &section, const std::string &name) {
-    for (const cvdump::Symbol &s : section.symbols)
-        if (NameOf(s) == name)
-            return &s;
-    return nullptr;
-}
 
-void ExpectSymbols(const cvdump::SymbolSection &section, const std::vector<SymbolSpec> &expected,
-                   const std::string &what) {
-    std::vector<std::string> seen, wanted;
-    for (const cvdump::Symbol &s : section.symbols)
-        seen.push_back(KindOf(s) + " " + NameOf(s));
-    for (const SymbolSpec &s : expected)
-        wanted.push_back(s.kind + " " + s.name);
-    EXPECT_EQ(seen, wanted) << what;
-}
-
-// The segments of a line table, each file named through the object's one checksum table (the
-// block's file field is an offset into it), relative to `directory`. The dump's own reading of
-// the name must agree.
-std::vector<Segment> Resolve(const cvdump::LineTable &table, const cvdump::SymbolSection &main,
-                             const std::string &directory) {
-    std::vector<Segment> out;
-    for (const cvdump::LineSegment &segment : table.segments) {
-        Segment s;
-        const uint32_t index = segment.checksumOffset / 24;
-        if (segment.checksumOffset % 24 == 0 && index < main.checksums.size()) {
-            const std::string &path = main.checksums[index].filename;
-            s.file = path.compare(0, directory.size() + 1, directory + "/") == 0
-                         ? path.substr(directory.size() + 1)
-                         : "<" + path + ">";
-            if (segment.filename != path)
-                s.file += " <dumped as " + segment.filename + ">";
-        } else {
-            s.file = "<bad checksum offset " + std::to_string(segment.checksumOffset) + ">";
-        }
-        s.lines = segment.lines;
-        out.push_back(s);
+// "KIND name" of every record, the kind without its number.
+std::vector<std::string> Symbols(const Node &section) {
+    std::vector<std::string> out;
+    for (const Node *record : SymbolRecords(section)) {
+        const std::string name = NameOf(*record);
+        out.push_back(readobj::WithoutNumber(record->Field("Kind")) +
+                      (name.empty() ? "" : " " + name));
     }
     return out;
 }
 
-std::string Describe(const std::vector<Segment> &segments) {
-    std::ostringstream out;
-    for (const Segment &s : segments) {
-        out << s.file << ":";
-        for (auto [offset, line] : s.lines)
-            out << " " << std::hex << offset << std::dec << "=" << line;
-        out << "; ";
-    }
-    return out.str();
+const Node &RecordNamed(const Node &section, const std::string &name) {
+    static const Node none;
+    for (const Node *record : SymbolRecords(section))
+        if (NameOf(*record) == name)
+            return *record;
+    return none;
 }
 
-// One lines subsection as the dump shows it: the symbol it is relocated against, its code size
-// and its segments.
-struct TableSpec {
-    std::string linkage;
-    uint32_t codeSize;
-    std::vector<Segment> segments;
-};
-
-void ExpectLineTables(const cvdump::SymbolSection &section, const cvdump::SymbolSection &main,
-                      const std::string &directory, const std::vector<TableSpec> &expected,
-                      const std::string &what) {
-    std::vector<std::string> seen, wanted;
-    for (const cvdump::LineTable &t : section.lineTables)
-        seen.push_back(t.linkageName + " " + std::to_string(t.codeSize) + " " +
-                       Describe(Resolve(t, main, directory)));
-    for (const TableSpec &t : expected)
-        wanted.push_back(t.linkage + " " + std::to_string(t.codeSize) + " " + Describe(t.segments));
-    EXPECT_EQ(seen, wanted) << what;
-}
-
-// Relocations of a symbol section come in pairs against one symbol, sorted by offset: a
-// section-relative offset (14), then the section index (11) of the segment field after it.
-void ExpectRelocationPairs(const cvdump::Section &section,
-                           const std::vector<std::string> &symbols) {
-    std::vector<std::string> targets;
-    ASSERT_EQ(section.relocations.size() % 2, 0u) << section.name;
-    for (size_t i = 0; i + 1 < section.relocations.size(); i += 2) {
-        const cvdump::Relocation &offset = section.relocations[i],
-                                 &index = section.relocations[i + 1];
-        EXPECT_EQ(offset.type, 14u) << section.name << " relocation " << i;
-        EXPECT_EQ(index.type, 11u) << section.name << " relocation " << i + 1;
-        EXPECT_EQ(index.offset, offset.offset + 4) << section.name << " relocation " << i;
-        EXPECT_EQ(index.symbol, offset.symbol) << section.name << " relocation " << i;
-        if (i > 0) {
-            EXPECT_GT(offset.offset, section.relocations[i - 1].offset) << section.name;
+// "anchor codeSize file: offset=line ...; " for every line table of a symbol section. A block
+// names its file by the offset of its record in the object's one checksum table (in the main
+// symbol section); the file is shown relative to `directory`, and the dump's own reading of the
+// name must agree.
+std::vector<std::string> LineTables(const Node &section, const Node &main,
+                                    const std::string &directory) {
+    const auto checksums = main.Find("FileChecksum");
+    std::vector<std::string> out;
+    for (const Node *table : section.Children("FunctionLineTable")) {
+        std::ostringstream text;
+        text << table->Field("LinkageName") << " " << table->Field("CodeSize") << " ";
+        for (const Node *segment : table->Children("FilenameSegment")) {
+            const std::string filename = segment->Field("Filename");
+            const uint64_t offset = readobj::Number(filename);
+            std::string path = "<bad checksum offset " + std::to_string(offset) + ">";
+            if (offset % 24 == 0 && offset / 24 < checksums.size())
+                path = readobj::WithoutNumber(checksums[offset / 24]->Field("Filename"));
+            text << (path.rfind(directory + "/", 0) == 0 ? path.substr(directory.size() + 1)
+                                                         : "<" + path + ">");
+            if (readobj::WithoutNumber(filename) != path)
+                text << " <dumped as " << filename << ">";
+            text << ":";
+            for (const Node *pair : segment->Children())
+                text << " " << pair->name.substr(1) << "=" << pair->Field("LineNumberStart");
+            text << "; ";
         }
-        targets.push_back(index.symbol);
+        out.push_back(text.str());
     }
-    EXPECT_EQ(targets, symbols) << section.name;
+    return out;
 }
 
 TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
     const std::string alpha = Source("alpha.asm", "start: nop\nloop: jmp loop\n");
     const std::string beta = Source("beta.asm", "beta\nsource\n");
-    const std::string gamma = Source("gamma.asm", ""); // the digest of zero bytes
+    const std::string gamma = Source("gamma.asm", "");         // the digest of zero bytes
+    const std::string delta = Source("delta.asm", "inline\n"); // named only in a COMDAT section
     const std::string object = m_Dir.File("module.obj");
     {
         CoffModule m(object);
@@ -190,9 +143,11 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         const BrxHandle text2 = m.Section(".text2", 0x20);
         const BrxHandle inl = m.Section(".text$inl", 0x18, true, true);
         const BrxHandle nol = m.Section(".text$nol", 0x10, true, true);
+        const BrxHandle lin = m.Section(".text$lin", 0x10, true, true);
         std::map<std::string, DbgSource> files = {{"alpha.asm", m.Source(alpha)},
                                                   {"beta.asm", m.Source(beta)},
-                                                  {"gamma.asm", m.Source(gamma)}};
+                                                  {"gamma.asm", m.Source(gamma)},
+                                                  {"delta.asm", m.Source(delta)}};
         auto lines = [&](DbgScope scope, const std::vector<LineSpec> &specs) {
             for (const LineSpec &l : specs)
                 m.Line(scope, files.at(l.file), l.line, l.offset);
@@ -220,7 +175,9 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         DbgScope s = m.OpenSection(text);
         ASSERT_EQ(b.CodeLabel(m.Symbol("start", text, 0, false, BRX_SYMBOL_PLAIN)), DBG_ERR_NONE);
         lines(s, {{"alpha.asm", 1, 0}, {"alpha.asm", 2, 4}});
-        DbgScope p = m.OpenProcedure(m.Symbol("main", text, 0x10), 0x10, 0x40, nearType);
+        const BrxHandle mainSymbol = m.Symbol("main", text, 0x10);
+        DbgScope p = m.OpenProcedure(mainSymbol, 0x10, 0x40, nearType);
+        ASSERT_EQ(b.CodeLabel(mainSymbol), DBG_ERR_NONE); // no record: main's own names it
         ASSERT_EQ(b.CodeLabel(m.Symbol("loop", text, 0x20, false, BRX_SYMBOL_PLAIN)), DBG_ERR_NONE);
         ASSERT_EQ(b.Register("counter", 5, 200), DBG_ERR_NONE);
         ASSERT_EQ(b.Register("acc", 7, 1), DBG_ERR_NONE);
@@ -248,98 +205,101 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         m.Close();
         m.Reenter(module);
 
+        // COMDAT sections: one whose symbols begin with a label, so that its relocations must
+        // point behind the headers that its first append brought in front of it; one without
+        // lines; one with lines but no records.
         DbgScope c = m.OpenSection(inl);
         ASSERT_EQ(b.CodeLabel(m.Symbol("inl_entry", inl, 2, false, BRX_SYMBOL_PLAIN), nullptr, c),
                   DBG_ERR_NONE);
         DbgScope p3 = m.OpenProcedure(m.Symbol("inl", inl, 0), 0, 0x18, nearType);
-        lines(p3, {{"gamma.asm", 30, 0}, {"alpha.asm", 31, 6}});
+        lines(p3, {{"delta.asm", 30, 0}, {"alpha.asm", 31, 6}});
         m.Close();
         m.Reenter(module);
-
         m.OpenSection(nol);
         m.OpenProcedure(m.Symbol("nol", nol, 0), 0, 0x10);
         m.Close();
+        m.Reenter(module);
+        lines(m.OpenSection(lin), {{"beta.asm", 50, 4}, {"beta.asm", 51, 8}});
 
         ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
         ASSERT_TRUE(b.Write());
     }
-    const std::string copy = MachineZeroCopy(object);
-    const cvdump::CodeViewDump dump = cvdump::ParseCodeView(Readobj("--codeview", copy));
+    const Node dump = Readobj("--codeview", object);
     const std::string cwd = WorkingDirectory();
 
     // Types: the near procedure type first (asked for by main), then the default one (helper),
     // then the far one (second).
-    ASSERT_EQ(dump.types.size(), 6u);
+    const Node &types = dump.Child("CodeViewTypes");
+    std::vector<std::string> typeNames;
+    for (const Node *t : types.Children())
+        typeNames.push_back(t->name);
+    EXPECT_EQ(typeNames, (std::vector<std::string>{"ArgList (0x1000)", "Procedure (0x1001)",
+                                                   "ArgList (0x1002)", "Procedure (0x1003)",
+                                                   "ArgList (0x1004)", "Procedure (0x1005)"}));
     const struct {
-        uint32_t index;
-        const char *field, *value;
+        const char *type, *field, *value;
     } typeFields[] = {
-        {0x1000, "TypeLeafKind", "LF_ARGLIST (0x1201)"},
-        {0x1000, "NumArgs", "0"},
-        {0x1001, "TypeLeafKind", "LF_PROCEDURE (0x1008)"},
-        {0x1001, "ArgListType", "() (0x1000)"},
-        {0x1003, "ArgListType", "() (0x1002)"},
-        {0x1005, "ArgListType", "() (0x1004)"},
-        {0x1001, "CallingConvention", "Generic (0xD)"},
-        {0x1005, "CallingConvention", "NearC (0x0)"},
+        {"ArgList (0x1000)", "NumArgs", "0"},
+        {"Procedure (0x1001)", "ArgListType", "() (0x1000)"},
+        {"Procedure (0x1001)", "ReturnType", "unsigned long (0x22)"},
+        {"Procedure (0x1001)", "CallingConvention", "Generic (0xD)"},
+        {"Procedure (0x1003)", "ArgListType", "() (0x1002)"},
+        {"Procedure (0x1003)", "ReturnType", "void (0x3)"},
+        {"Procedure (0x1005)", "ArgListType", "() (0x1004)"},
+        {"Procedure (0x1005)", "ReturnType", "double (0x41)"},
+        {"Procedure (0x1005)", "CallingConvention", "NearC (0x0)"},
     };
-    for (const auto &f : typeFields) {
-        ASSERT_LT(f.index - 0x1000, dump.types.size());
-        const cvdump::TypeRecord &t = dump.types[f.index - 0x1000];
-        EXPECT_EQ(t.index, f.index);
-        EXPECT_EQ(t.fields.count(f.field) ? t.fields.at(f.field) : "", f.value) << f.field;
-    }
-    EXPECT_NE(dump.types[1].fields.at("ReturnType").find("(0x22)"), std::string::npos);
-    EXPECT_NE(dump.types[3].fields.at("ReturnType").find("(0x3)"), std::string::npos);
-    EXPECT_NE(dump.types[5].fields.at("ReturnType").find("(0x41)"), std::string::npos);
+    for (const auto &f : typeFields)
+        EXPECT_EQ(types.Child(f.type).Field(f.field), f.value) << f.type << " " << f.field;
 
-    // Symbol sections: the main one and one for each COMDAT section with records.
-    ASSERT_EQ(dump.symbolSections.size(), 3u);
-    const cvdump::SymbolSection &main = dump.symbolSections[0], &own = dump.symbolSections[1],
-                                &quiet = dump.symbolSections[2];
-    EXPECT_EQ(main.subsections,
-              (std::vector<uint32_t>{0xF1, 0xF3, 0xF4, 0xF2, 0xF2, 0xF2, 0xF2, 0xF2, 0xF2}));
-    EXPECT_EQ(own.subsections, (std::vector<uint32_t>{0xF1, 0xF2, 0xF2}));
-    EXPECT_EQ(quiet.subsections, (std::vector<uint32_t>{0xF1}));
+    // Symbol sections: the main one and one for each COMDAT section with records or lines.
+    const auto symbolSections = dump.Children("CodeViewDebugInfo");
+    ASSERT_EQ(symbolSections.size(), 4u);
+    const Node &main = *symbolSections[0], &own = *symbolSections[1], &quiet = *symbolSections[2],
+               &linesOnly = *symbolSections[3];
+    EXPECT_EQ(SubsectionKinds(main),
+              (std::vector<uint64_t>{0xF1, 0xF3, 0xF4, 0xF2, 0xF2, 0xF2, 0xF2, 0xF2, 0xF2}));
+    EXPECT_EQ(SubsectionKinds(own), (std::vector<uint64_t>{0xF1, 0xF2, 0xF2}));
+    EXPECT_EQ(SubsectionKinds(quiet), (std::vector<uint64_t>{0xF1}));
+    EXPECT_EQ(SubsectionKinds(linesOnly), (std::vector<uint64_t>{0xF2}));
 
-    ExpectSymbols(main,
-                  {{"S_OBJNAME", ""},
-                   {"S_COMPILE3", ""},
-                   {"S_ENVBLOCK", ""},
-                   {"S_CONSTANT", "K_SMALL"},
-                   {"S_CONSTANT", "K_SHORT"},
-                   {"S_CONSTANT", "K_BIG"},
-                   {"S_CONSTANT", "K_NEG"},
-                   {"S_CONSTANT", "K_WIDE"},
-                   {"S_LABEL32", "start"},
-                   {"S_GPROC32", "main"},
-                   {"S_LABEL32", "loop"},
-                   {"S_REGISTER", "counter"},
-                   {"S_REGISTER", "acc"},
-                   {"S_END", ""},
-                   {"S_LPROC32", "helper"},
-                   {"S_END", ""},
-                   {"S_GDATA32", "counter_var"},
-                   {"S_LDATA32", "table"},
-                   {"S_GPROC32", "second"},
-                   {"S_END", ""}},
-                  "main symbols");
-    ExpectSymbols(own, {{"S_LABEL32", "inl_entry"}, {"S_GPROC32", "inl"}, {"S_END", ""}},
-                  "COMDAT symbols");
-    ExpectSymbols(quiet, {{"S_GPROC32", "nol"}, {"S_END", ""}}, "COMDAT symbols without lines");
+    EXPECT_EQ(Symbols(main), (std::vector<std::string>{"S_OBJNAME",
+                                                       "S_COMPILE3",
+                                                       "S_ENVBLOCK",
+                                                       "S_CONSTANT K_SMALL",
+                                                       "S_CONSTANT K_SHORT",
+                                                       "S_CONSTANT K_BIG",
+                                                       "S_CONSTANT K_NEG",
+                                                       "S_CONSTANT K_WIDE",
+                                                       "S_LABEL32 start",
+                                                       "S_GPROC32 main",
+                                                       "S_LABEL32 loop",
+                                                       "S_REGISTER counter",
+                                                       "S_REGISTER acc",
+                                                       "S_END",
+                                                       "S_LPROC32 helper",
+                                                       "S_END",
+                                                       "S_GDATA32 counter_var",
+                                                       "S_LDATA32 table",
+                                                       "S_GPROC32 second",
+                                                       "S_END"}));
+    EXPECT_EQ(Symbols(own),
+              (std::vector<std::string>{"S_LABEL32 inl_entry", "S_GPROC32 inl", "S_END"}));
+    EXPECT_EQ(Symbols(quiet), (std::vector<std::string>{"S_GPROC32 nol", "S_END"}));
 
-    ASSERT_FALSE(main.symbols.empty());
-    EXPECT_EQ(Field(main.symbols[0], "ObjectName"), object);
-    EXPECT_EQ(Field(main.symbols[1], "VersionName"), "quillet test");
-    EXPECT_EQ(Field(main.symbols[1], "Language"), "Masm (0x3)");
-    EXPECT_EQ(Field(main.symbols[1], "FrontendVersion"), "1.2.3.0");
-    EXPECT_EQ(main.symbols[2].entries,
+    const auto records = SymbolRecords(main);
+    ASSERT_GE(records.size(), 3u);
+    EXPECT_EQ(records[0]->Field("ObjectName"), object);
+    EXPECT_EQ(records[1]->Field("VersionName"), "quillet test");
+    EXPECT_EQ(records[1]->Field("Language"), "Masm (0x3)");
+    EXPECT_EQ(records[1]->Field("FrontendVersion"), "1.2.3.0");
+    EXPECT_EQ(records[2]->Child("Entries").Names(),
               (std::vector<std::string>{"cwd", cwd, "exe", "c:\\tools\\qasm.exe", "src",
                                         "/src/main.asm"}));
 
     // Fields of the objects, by name.
     const struct {
-        const cvdump::SymbolSection *section;
+        const Node *section;
         const char *name, *field, *value;
     } fields[] = {
         {&main, "K_SMALL", "Value", "127"},
@@ -368,90 +328,126 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         {&quiet, "nol", "CodeOffset", "nol+0x0"},
         {&quiet, "nol", "CodeSize", "0x10"},
     };
-    for (const auto &f : fields) {
-        const cvdump::Symbol *symbol = FindSymbol(*f.section, f.name);
-        ASSERT_NE(symbol, nullptr) << f.name;
-        EXPECT_EQ(Field(*symbol, f.field), f.value) << f.name;
-    }
+    for (const auto &f : fields)
+        EXPECT_EQ(RecordNamed(*f.section, f.name).Field(f.field), f.value)
+            << f.name << " " << f.field;
 
-    // Checksums: files in the order the entries first name them, MD5 of their bytes.
-    const auto expectChecksums = [&](const cvdump::SymbolSection &section,
-                                     const std::vector<std::string> &names, const char *what) {
-        ASSERT_EQ(section.checksums.size(), names.size()) << what;
-        for (size_t i = 0; i < names.size(); ++i) {
-            EXPECT_EQ(section.checksums[i].filename, TablePath(names[i])) << what;
-            EXPECT_EQ(section.checksums[i].kind, "MD5 (0x1)") << what;
-            EXPECT_EQ(section.checksums[i].bytes, Md5Sum(names[i])) << what << " " << names[i];
-        }
-    };
-    // One table for the object, in the main section.
-    expectChecksums(main, {"alpha.asm", "beta.asm", "gamma.asm"}, "main table");
-    expectChecksums(own, {}, "COMDAT section");
+    // One checksum table for the object, in the main section: files in the order the entries
+    // first name them (delta too, named only in a COMDAT section), MD5 of their bytes.
+    std::vector<std::string> checksums, expectedChecksums;
+    for (const Node *c : main.Find("FileChecksum"))
+        checksums.push_back(readobj::WithoutNumber(c->Field("Filename")) + " " +
+                            c->Field("ChecksumKind") + " " + c->Field("ChecksumBytes"));
+    for (const std::string name : {"alpha.asm", "beta.asm", "gamma.asm", "delta.asm"}) {
+        // The dump shows the digest as "(D4 1D ...)".
+        std::string digest = Md5Sum(name), bytes;
+        std::transform(digest.begin(), digest.end(), digest.begin(), ::toupper);
+        for (size_t i = 0; i < digest.size(); i += 2)
+            bytes += (i ? " " : "") + digest.substr(i, 2);
+        expectedChecksums.push_back(m_Dir.File(name) + " MD5 (0x1) (" + bytes + ")");
+    }
+    EXPECT_EQ(checksums, expectedChecksums);
+    for (const Node *section : {&own, &quiet, &linesOnly})
+        EXPECT_TRUE(section->Find("FileChecksum").empty());
 
     // Lines: a subsection per procedure and per stretch of code between procedures, cut where
     // the file changes; offsets count from each subsection's start.
     const std::string directory = m_Dir.Path();
-    ExpectLineTables(main, main, directory,
-                     {{".text", 0x10, {{"alpha.asm", {{0, 1}, {4, 2}}}}},
-                      {"main", 0x10, {{"alpha.asm", {{0, 10}, {4, 11}}}}},
-                      {"$$$L1", 0x04, {{"beta.asm", {{0, 3}}}}},
-                      {"$$$L2", 0x1C, {{"alpha.asm", {{0, 12}}}}},
-                      {"helper", 0x20, {{"gamma.asm", {{0, 5}, {8, 6}}}}},
-                      {"second", 0x20, {{"beta.asm", {{0, 20}, {8, 21}}}}}},
-                     "main lines");
-    ExpectLineTables(own, main, directory,
-                     {{"inl", 0x06, {{"gamma.asm", {{0, 30}}}}},
-                      {".text$inl", 0x12, {{"alpha.asm", {{0, 31}}}}}},
-                     "COMDAT lines");
+    EXPECT_EQ(
+        LineTables(main, main, directory),
+        (std::vector<std::string>{
+            ".text 0x10 alpha.asm: 0x0=1 0x4=2; ", "main 0x10 alpha.asm: 0x0=10 0x4=11; ",
+            "$$$L1 0x4 beta.asm: 0x0=3; ", "$$$L2 0x1C alpha.asm: 0x0=12; ",
+            "helper 0x20 gamma.asm: 0x0=5 0x8=6; ", "second 0x20 beta.asm: 0x0=20 0x8=21; "}));
+    EXPECT_EQ(LineTables(own, main, directory),
+              (std::vector<std::string>{"inl 0x6 delta.asm: 0x0=30; ",
+                                        ".text$inl 0x12 alpha.asm: 0x0=31; "}));
+    EXPECT_EQ(LineTables(linesOnly, main, directory),
+              (std::vector<std::string>{".text$lin 0xC beta.asm: 0x0=50 0x4=51; "}));
 
     // Sections, relocations and the COMDAT association of the symbol sections.
-    const auto sections =
-        cvdump::ParseSections(Readobj("--sections --relocations --symbols --expand-relocs", copy));
-    std::vector<const cvdump::Section *> symbolSections;
-    for (const cvdump::Section &s : sections)
-        if (s.name == ".debug$S")
-            symbolSections.push_back(&s);
-    ASSERT_EQ(symbolSections.size(), 3u);
-    auto has = [](const cvdump::Section &s, const std::string &c) {
-        return std::find(s.characteristics.begin(), s.characteristics.end(), c) !=
-               s.characteristics.end();
-    };
-    EXPECT_FALSE(has(*symbolSections[0], "IMAGE_SCN_LNK_COMDAT"));
-    EXPECT_TRUE(has(*symbolSections[0], "IMAGE_SCN_MEM_DISCARDABLE"));
-    const char *associated[] = {".text$inl", ".text$nol"};
-    for (int i = 0; i < 2; ++i) {
-        const cvdump::Section &s = *symbolSections[1 + i];
-        EXPECT_TRUE(has(s, "IMAGE_SCN_LNK_COMDAT")) << i;
-        EXPECT_EQ(s.selection, "Associative (0x5)") << i;
-        EXPECT_EQ(s.associatedSection, associated[i]) << i;
-    }
-    ExpectRelocationPairs(*symbolSections[0],
-                          {"start", "main", "loop", "helper", "counter_var", "table", "second",
-                           ".text", "main", "$$$L1", "$$$L2", "helper", "second"});
-    ExpectRelocationPairs(*symbolSections[1], {"inl_entry", "inl", "inl", ".text$inl"});
-    ExpectRelocationPairs(*symbolSections[2], {"nol"});
-    for (const cvdump::Section &s : sections) {
-        if (s.name == ".debug$T") {
-            EXPECT_TRUE(s.relocations.empty());
+    const Node objectFile = Readobj("--sections --relocations --symbols --expand-relocs", object);
+    std::vector<const Node *> sections;
+    for (const Node *s : objectFile.Child("Sections").Children("Section"))
+        if (readobj::WithoutNumber(s->Field("Name")) == ".debug$S")
+            sections.push_back(s);
+    ASSERT_EQ(sections.size(), 4u);
+    const char *associated[] = {nullptr, ".text$inl", ".text$nol", ".text$lin"};
+    // Relocations come in pairs against one symbol, sorted by offset: a section-relative offset
+    // (14), then the section index (11) of the segment field after it.
+    const std::vector<std::string> relocated[] = {{"start", "main", "loop", "helper", "counter_var",
+                                                   "table", "second", ".text", "main", "$$$L1",
+                                                   "$$$L2", "helper", "second"},
+                                                  {"inl_entry", "inl", "inl", ".text$inl"},
+                                                  {"nol"},
+                                                  {".text$lin"}};
+    for (size_t i = 0; i < sections.size(); ++i) {
+        const std::string number = sections[i]->Field("Number");
+        const auto characteristics = sections[i]->Child("Characteristics").Names();
+        auto has = [&](const std::string &flag) {
+            return std::any_of(characteristics.begin(), characteristics.end(),
+                               [&](const std::string &c) { return c.rfind(flag + " ", 0) == 0; });
+        };
+        EXPECT_TRUE(has("IMAGE_SCN_MEM_DISCARDABLE")) << i;
+        EXPECT_EQ(has("IMAGE_SCN_LNK_COMDAT"), associated[i] != nullptr) << i;
+        for (const Node *symbol : objectFile.Child("Symbols").Children("Symbol")) {
+            if (symbol->Field("Section") != ".debug$S (" + number + ")" ||
+                symbol->Field("Name") != ".debug$S" || !associated[i])
+                continue;
+            EXPECT_EQ(symbol->Child("AuxSectionDef").Field("Selection"), "Associative (0x5)");
+            EXPECT_EQ(readobj::WithoutNumber(symbol->Child("AuxSectionDef").Field("AssocSection")),
+                      associated[i]);
         }
+        const auto relocations = objectFile.Child("Relocations")
+                                     .Child("Section (" + number + ") .debug$S")
+                                     .Children("Relocation");
+        ASSERT_EQ(relocations.size(), 2 * relocated[i].size()) << i;
+        std::vector<std::string> targets;
+        for (size_t r = 0; r < relocations.size(); r += 2) {
+            const Node &offset = *relocations[r], &index = *relocations[r + 1];
+            EXPECT_EQ(readobj::Number(offset.Field("Type")), 14u) << i << " " << r;
+            EXPECT_EQ(readobj::Number(index.Field("Type")), 11u) << i << " " << r;
+            EXPECT_EQ(readobj::Number(index.Field("Offset")),
+                      readobj::Number(offset.Field("Offset")) + 4)
+                << i << " " << r;
+            EXPECT_EQ(index.Field("Symbol"), offset.Field("Symbol")) << i << " " << r;
+            if (r > 0) {
+                EXPECT_GT(readobj::Number(offset.Field("Offset")),
+                          readobj::Number(relocations[r - 1]->Field("Offset")))
+                    << i << " " << r;
+            }
+            targets.push_back(index.Field("Symbol"));
+        }
+        EXPECT_EQ(targets, relocated[i]) << i;
     }
+    for (const std::string &relocated : objectFile.Child("Relocations").Names())
+        EXPECT_EQ(relocated.find(".debug$T"), std::string::npos) << "the type section has none";
 }
 
-TEST_F(CodeViewConsumer, EmptyModuleIsDumpedWithItsThreeRecords) {
-    const std::string object = m_Dir.File("empty.obj");
-    {
-        CoffModule m(object);
-        m.OpenModule();
-        ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
-        ASSERT_TRUE(m.Builder().Write());
+// A module without objects or lines holds the object name, the compile record and, unless the
+// module has no debugging information, the environment block; no type section, no relocations.
+TEST_F(CodeViewConsumer, ModuleRecordsAloneAreDumped) {
+    const struct {
+        uint32_t noDebugInfo;
+        std::vector<std::string> symbols;
+    } cases[] = {{0, {"S_OBJNAME", "S_COMPILE3", "S_ENVBLOCK"}}, {1, {"S_OBJNAME", "S_COMPILE3"}}};
+    for (const auto &c : cases) {
+        const std::string object = m_Dir.File("empty.obj");
+        {
+            CoffModule m(object);
+            m.OpenModule(c.noDebugInfo);
+            ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
+            ASSERT_TRUE(m.Builder().Write());
+        }
+        const Node dump = Readobj("--codeview --relocations", object);
+        EXPECT_TRUE(dump.Child("CodeViewTypes").name.empty()) << c.noDebugInfo;
+        ASSERT_EQ(dump.Child("Relocations").name, "Relocations");
+        EXPECT_TRUE(dump.Child("Relocations").children.empty()) << c.noDebugInfo;
+        const auto symbolSections = dump.Children("CodeViewDebugInfo");
+        ASSERT_EQ(symbolSections.size(), 1u);
+        EXPECT_EQ(SubsectionKinds(*symbolSections[0]), std::vector<uint64_t>{0xF1});
+        EXPECT_EQ(Symbols(*symbolSections[0]), c.symbols) << c.noDebugInfo;
     }
-    const cvdump::CodeViewDump dump =
-        cvdump::ParseCodeView(Readobj("--codeview", MachineZeroCopy(object)));
-    EXPECT_TRUE(dump.types.empty());
-    ASSERT_EQ(dump.symbolSections.size(), 1u);
-    EXPECT_EQ(dump.symbolSections[0].subsections, std::vector<uint32_t>{0xF1});
-    ExpectSymbols(dump.symbolSections[0],
-                  {{"S_OBJNAME", ""}, {"S_COMPILE3", ""}, {"S_ENVBLOCK", ""}}, "empty module");
 }
 
 } // namespace

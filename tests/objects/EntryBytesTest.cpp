@@ -4,6 +4,7 @@
 #include "objects/LabelObjects.h"
 #include "objects/ProcObject.h"
 #include "objects/ValueObjects.h"
+#include "support/Bytes.h"
 #include "support/ModuleBuilder.h"
 
 #include <gtest/gtest.h>
@@ -12,20 +13,9 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes out;
-    for (const Bytes &p : parts)
-        out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-Bytes Text(const std::string &s) {
-    Bytes b(s.begin(), s.end());
-    b.push_back(0);
-    return b;
-}
+using qtest::Bytes;
+using qtest::Concat;
+using qtest::Text;
 
 Bytes Zeros(size_t n) {
     return Bytes(n, 0);
@@ -180,24 +170,48 @@ TEST_F(RecordBytes, RegisterRecord) {
     EXPECT_EQ(Record(r), (Bytes{0x0A, 0, 0x06, 0x11, 0x22, 0, 0, 0, 0x47, 0x08, 'R', 0}));
 }
 
-TEST_F(RecordBytes, LabelAndProcedureRecordLengths) {
+// Each kind's record, by the length its name and value give it; the length field counts all but
+// itself.
+TEST_F(RecordBytes, EachKindHasTheLengthOfItsLayout) {
     BrxHandle main = m.AddSymbol("main", text, 0);
-    BrxHandle other = m.AddSymbol("label_0010", text, 0x10);
-    DbgObject proc = nullptr, label = nullptr;
+    DbgObject proc = nullptr, label = nullptr, typed = nullptr, untyped = nullptr;
+    DbgObject minusOne = nullptr, shortValue = nullptr;
     ASSERT_EQ(m.OpenProcedure({main}, 0, 0x20, nullptr, &proc), 0u);
     uint16_t flags = 0xFFFF;
     DbgObjectProp prop{DBG_PROP_PROC_FLAGS, &flags};
     ASSERT_EQ(Dbg_add_object_prop(proc, &prop, 1), 0u);
-    ASSERT_EQ(m.CodeLabel(other, &label), 0u);
-    Bytes p = Record(proc);
-    ASSERT_EQ(p.size(), 45u);
-    EXPECT_EQ(p[0], 43);
+    ASSERT_EQ(m.CodeLabel(m.AddSymbol("label_0010", text, 0x10), &label), 0u);
+    ASSERT_EQ(m.DataLabel(m.AddSymbol("buffer", text, 0x40), 5, &typed), 0u);
+    ASSERT_EQ(m.DataLabel(m.AddSymbol(".flag", text, 0x48), 0, &untyped), 0u);
+    const int32_t minus1 = -1;
+    const int16_t minus300 = -300;
+    ASSERT_EQ(m.Constant("K", 6, &minus1, &minusOne), 0u);
+    ASSERT_EQ(m.Constant("K", 4, &minus300, &shortValue), 0u);
+    const struct {
+        const char *what;
+        DbgObject object;
+        size_t size;
+        uint32_t typeIndex; // at offset 4, where the kind has one
+    } cases[] = {
+        {"a procedure named main", proc, 45, 0},
+        {"a label with a 10-character name", label, 22, 0},
+        {"a typed data label with a 6-character name", typed, 21, 0x22},
+        {"an untyped data label keeps its dot and has the void type", untyped, 20, 0x03},
+        {"a constant whose value fits LF_CHAR", minusOne, 13, 0x12},
+        {"a constant whose value needs LF_SHORT", shortValue, 14, 0x11},
+    };
+    for (const auto &c : cases) {
+        const Bytes record = Record(c.object);
+        ASSERT_EQ(record.size(), c.size) << c.what;
+        EXPECT_EQ(qtest::U16(record, 0), c.size - 2) << c.what;
+        if (c.typeIndex) {
+            EXPECT_EQ(qtest::U32(record, 4), c.typeIndex) << c.what;
+        }
+    }
+    const Bytes p = Record(proc);
     EXPECT_EQ(p[16], 0x20) << "length";
     EXPECT_EQ(p[24], 0x20) << "debug end defaults to the length";
     EXPECT_EQ(p[38], 0x1F) << "five flag bits";
-    Bytes l = Record(label);
-    EXPECT_EQ(l.size(), 22u);
-    EXPECT_EQ(l[0], 20);
 }
 
 // ---- Register numbers ------------------------------------------------------------------------

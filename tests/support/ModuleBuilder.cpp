@@ -169,6 +169,17 @@ BrxHandle ModuleBuilder::FindSection(const std::string &name) const {
     return section;
 }
 
+std::vector<BrxHandle> ModuleBuilder::SectionsNamed(const std::string &name) const {
+    std::vector<BrxHandle> found;
+    BrxFind find{BRX_FIRST, BRX_KIND_SECTION, BRX_KEY_NAME, name.c_str()};
+    BrxHandle section = 0;
+    while (_brx_get_keyed(m_File, BRX_KEY_FIND, &find, &section, 0) == BRX_OK) {
+        found.push_back(section);
+        find.after = section;
+    }
+    return found;
+}
+
 std::vector<uint8_t> ModuleBuilder::SectionBytes(const std::string &name) const {
     return SectionBytes(FindSection(name));
 }

@@ -76,6 +76,9 @@ public:
     std::vector<uint8_t> SectionBytes(const std::string &name) const;
     std::vector<uint8_t> SectionBytes(BrxHandle section) const;
     BrxHandle FindSection(const std::string &name) const;
+    // Every section of the file with this name, in creation order (a COFF object has several
+    // .debug$S).
+    std::vector<BrxHandle> SectionsNamed(const std::string &name) const;
     struct Relocation {
         uint64_t offset;
         uint32_t type;
