@@ -1,5 +1,5 @@
-// A COFF object with two COMDAT functions and three source files, linked by lld-link into a
-// program with a PDB: the linker must not complain, llvm-pdbutil must name every line's file,
+// An x86-64 COFF object with two COMDAT functions and three source files, linked by lld-link into
+// a program with a PDB: the linker must not complain, llvm-pdbutil must name every line's file,
 // and llvm-symbolizer must answer every row's line from the linked program.
 #include "codeview/CodeViewReading.h"
 
@@ -12,44 +12,6 @@
 namespace {
 
 using namespace cvtest;
-
-// x86-64 COFF numbers of the linked copy.
-constexpr uint16_t kMachineX64 = 0x8664;
-constexpr uint16_t kRelSectionX64 = 0x0A, kRelSecRelX64 = 0x0B;
-// Relocation types Quillet writes for the default target.
-constexpr uint16_t kRelSectionDefault = 11, kRelSecRelDefault = 14;
-
-// A copy of the object for x86-64: the machine field and the two CodeView relocation types of
-// every section rewritten. The CodeView content is machine-independent.
-std::vector<uint8_t> RetargetToX64(std::vector<uint8_t> image) {
-    constexpr size_t kFileHeader = 20, kSectionHeader = 40, kRelocation = 10;
-    if (image.size() < kFileHeader)
-        return {};
-    image[0] = uint8_t(kMachineX64);
-    image[1] = uint8_t(kMachineX64 >> 8);
-    const uint16_t sections = U16(image, 2);
-    const uint16_t optional = U16(image, 16);
-    for (size_t i = 0; i < sections; ++i) {
-        const size_t header = kFileHeader + optional + i * kSectionHeader;
-        if (header + kSectionHeader > image.size())
-            return {};
-        const uint32_t at = U32(image, header + 24);
-        const uint16_t count = U16(image, header + 32);
-        for (size_t r = 0; r < count; ++r) {
-            const size_t type = at + r * kRelocation + 8;
-            if (type + 2 > image.size())
-                return {};
-            uint16_t value = U16(image, type);
-            if (value == kRelSectionDefault)
-                value = kRelSectionX64;
-            else if (value == kRelSecRelDefault)
-                value = kRelSecRelX64;
-            image[type] = uint8_t(value);
-            image[type + 1] = uint8_t(value >> 8);
-        }
-    }
-    return image;
-}
 
 struct Row {
     std::string file; // base name
@@ -181,6 +143,7 @@ TEST(LinkedProgram, LinkerPdbAndSymbolizerAgreeOnEveryRow) {
     const std::string object = dir.File("prog.obj");
     {
         CoffModule m(object);
+        ASSERT_TRUE(m.Builder().SetMachine(BRX_MACHINE_COFF_X86_64));
         DbgScope module = m.OpenModule();
         std::map<std::string, DbgSource> files;
         for (const auto &source : sources)
@@ -202,15 +165,10 @@ TEST(LinkedProgram, LinkerPdbAndSymbolizerAgreeOnEveryRow) {
         ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
         ASSERT_TRUE(m.Builder().Write());
     }
-    const std::vector<uint8_t> retargeted = RetargetToX64(qtest::ReadFileBytes(object));
-    ASSERT_FALSE(retargeted.empty());
-    const std::string x64 = dir.File("prog64.obj");
-    ASSERT_TRUE(qtest::WriteTextFile(x64, std::string(retargeted.begin(), retargeted.end())));
-
     const std::string program = dir.File("prog.exe"), pdb = dir.File("prog.pdb");
     const auto link = qtest::RunCommand("lld-link /debug /subsystem:console /nodefaultlib "
                                         "/entry:start /machine:x64 /out:'" +
-                                        program + "' '" + x64 + "'");
+                                        program + "' '" + object + "'");
     EXPECT_EQ(link.exitCode, 0) << link.output;
     EXPECT_EQ(link.output, "") << "the linker complains";
 
