@@ -2,7 +2,6 @@
 // LLVM: the decoded line rows must be exactly the line entries described, every entry must be
 // shown with its tag, name and attributes, and the verifier must find nothing wrong.
 #include "frame/LibraryState.h"
-#include "scopes/ScopeNode.h"
 #include "support/ModuleBuilder.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +10,6 @@
 #include <functional>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <tuple>
 
 namespace {
@@ -214,25 +212,26 @@ void BuildRichModule(const std::string &path, int32_t format, std::vector<Sequen
     ASSERT_TRUE(m.Write());
 }
 
-TEST_P(DwarfConsumer, ReadelfDecodesExactlyTheDescribedRows) {
+// readelf decodes exactly the described rows, the verifier and objdump find nothing wrong, and
+// llvm-dwarfdump shows every entry with its attributes.
+TEST_P(DwarfConsumer, RichModuleIsReadAsDescribed) {
     m_Path = m_Dir.File("rich.o");
     std::vector<Sequence> expected;
     BuildRichModule(m_Path, GetParam(), expected);
     ASSERT_FALSE(HasFatalFailure());
 
-    qtest::CommandResult r =
+    qtest::CommandResult rows =
         qtest::RunConsumer("readelf --debug-dump=info,abbrev,rawline,decodedline -W", m_Path);
-    EXPECT_EQ(r.exitCode, 0);
-    EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
-        << Join(qtest::ConsumerComplaints(r.output));
-    EXPECT_EQ(ReadelfSequences(r.output), expected) << r.output;
-}
+    EXPECT_EQ(rows.exitCode, 0);
+    EXPECT_TRUE(qtest::ConsumerComplaints(rows.output).empty())
+        << Join(qtest::ConsumerComplaints(rows.output));
+    EXPECT_EQ(ReadelfSequences(rows.output), expected) << rows.output;
 
-TEST_P(DwarfConsumer, DwarfdumpShowsEveryEntryWithItsAttributes) {
-    m_Path = m_Dir.File("rich.o");
-    std::vector<Sequence> expected;
-    BuildRichModule(m_Path, GetParam(), expected);
-    ASSERT_FALSE(HasFatalFailure());
+    qtest::CommandResult verify = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
+    EXPECT_EQ(verify.exitCode, 0) << verify.output;
+    // The verdict itself is the one line that mentions errors.
+    EXPECT_EQ(qtest::ConsumerComplaints(verify.output), std::vector<std::string>{"No errors."});
+    ExpectNoComplaints("objdump --dwarf=info,abbrev,line");
 
     qtest::CommandResult r =
         qtest::RunConsumer("llvm-dwarfdump-14 --debug-info --debug-line", m_Path);
@@ -304,19 +303,6 @@ TEST_P(DwarfConsumer, DwarfdumpShowsEveryEntryWithItsAttributes) {
     EXPECT_EQ(typeOffset(11), entries[10].offset) << "LIMIT is data4 signed";
 }
 
-TEST_P(DwarfConsumer, VerifierFindsNoErrors) {
-    m_Path = m_Dir.File("rich.o");
-    std::vector<Sequence> expected;
-    BuildRichModule(m_Path, GetParam(), expected);
-    ASSERT_FALSE(HasFatalFailure());
-    qtest::CommandResult r = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
-    EXPECT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_NE(r.output.find("No errors."), std::string::npos) << r.output;
-    // The verdict itself is the one line that mentions errors.
-    EXPECT_EQ(qtest::ConsumerComplaints(r.output), std::vector<std::string>{"No errors."});
-    ExpectNoComplaints("objdump --dwarf=info,abbrev,line");
-}
-
 // An empty module still gets its three sections, a unit and a line-program header.
 TEST_P(DwarfConsumer, EmptyModuleIsValid) {
     m_Path = m_Dir.File("empty.o");
@@ -330,98 +316,6 @@ TEST_P(DwarfConsumer, EmptyModuleIsValid) {
     qtest::CommandResult r = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
     EXPECT_EQ(r.exitCode, 0) << r.output;
     EXPECT_NE(r.output.find("No errors."), std::string::npos) << r.output;
-}
-
-// Procedures of every shape (typed or not, with objects or not, and one whose start is not its
-// main symbol's address, which loses its type at output) each agree with the declaration they
-// name; a section opened twice gets two sequences, each with its own address; a row whose line
-// and file repeat the one before is not written, while a first row on line 1 is.
-TEST_P(DwarfConsumer, ProceduresOfEveryShapeAndSectionsOpenedTwice) {
-    m_Path = m_Dir.File("shapes.o");
-    std::vector<Sequence> expected;
-    {
-        ModuleBuilder m(m_Path, GetParam());
-        BrxHandle text = m.AddSection(".text", true, 0x100);
-        std::vector<BrxHandle> entries;
-        for (int i = 0; i < 5; ++i)
-            entries.push_back(m.AddSymbol("f" + std::to_string(i), text, 0x20 * i));
-        BrxHandle inner = m.AddSymbol("inner", text, 0x28);
-        DbgScope module = nullptr;
-        ASSERT_EQ(m.OpenModule(u"c:\\work", u"main.asm", u"qasm", 0, &module), 0u);
-        DbgSource a = m.Source(u"c:\\src\\a.asm");
-        DbgType data2 = nullptr, typed = nullptr;
-        ASSERT_EQ(Dbg_base_type(3, &data2), 0u);
-        ASSERT_EQ(Dbg_procedure_type(data2, 2, &typed), 0u);
-        int16_t one = 1;
-        struct Shape {
-            bool typed, objects;
-            uint64_t start;
-        } shapes[] = {{true, true, 0x00},
-                      {true, false, 0x20},
-                      {false, true, 0x40},
-                      {false, false, 0x60},
-                      {true, true, 0x81}};
-        for (int i = 0; i < 5; ++i) {
-            // The first three procedures in one section scope, the others in a second scope of
-            // the same section.
-            if (i == 0 || i == 3) {
-                ASSERT_EQ(Dbg_set_current_scope(module), 0u);
-                ASSERT_EQ(m.OpenSection(text), 0u);
-            }
-            ASSERT_EQ(m.OpenProcedure({entries[i]}, shapes[i].start, shapes[i].start + 0x20,
-                                      nullptr, nullptr, shapes[i].typed ? typed : nullptr, 9),
-                      0u);
-            if (shapes[i].objects) {
-                ASSERT_EQ(m.Constant("k" + std::to_string(i), 4, &one), 0u);
-                if (i == 0) {
-                    ASSERT_EQ(m.CodeLabel(inner), 0u);
-                }
-            }
-            ASSERT_EQ(m.Close(), 0u);
-        }
-        // Lines of the first scope: 1 opens the sequence, 5 repeats (no row).
-        auto &children = reinterpret_cast<CScopeNode *>(module)->Children();
-        ASSERT_EQ(children.size(), 2u);
-        DbgScope s1 = reinterpret_cast<DbgScope>(children[0].get());
-        DbgScope s2 = reinterpret_cast<DbgScope>(children[1].get());
-        ASSERT_EQ(m.Line(a, 1, 0x00, s1), 0u);
-        ASSERT_EQ(m.Line(a, 5, 0x04, s1), 0u);
-        ASSERT_EQ(m.Line(a, 5, 0x08, s1), 0u);
-        ASSERT_EQ(m.Line(a, 6, 0x0c, s1), 0u);
-        ASSERT_EQ(m.Line(a, 20, 0x64, s2), 0u);
-        ASSERT_EQ(m.Line(a, 21, 0x90, s2), 0u);
-        expected.push_back(Expect({{"a.asm", 1, 0x00}, {"a.asm", 5, 0x04}, {"a.asm", 6, 0x0c}}));
-        expected.push_back(Expect({{"a.asm", 20, 0x64}, {"a.asm", 21, 0x90}}));
-        ASSERT_EQ(m.Emit(), 0u);
-        // Each sequence sets its address, relocated against the section.
-        auto relocations = m.Relocations(m.FindSection(".debug_line"));
-        ASSERT_EQ(relocations.size(), 2u);
-        EXPECT_EQ(relocations[0].target, text);
-        EXPECT_EQ(relocations[1].target, text);
-        ASSERT_TRUE(m.Write());
-    }
-    qtest::CommandResult r =
-        qtest::RunConsumer("readelf --debug-dump=info,abbrev,rawline,decodedline -W", m_Path);
-    EXPECT_EQ(r.exitCode, 0);
-    EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
-        << Join(qtest::ConsumerComplaints(r.output));
-    EXPECT_EQ(ReadelfSequences(r.output), expected) << r.output;
-
-    qtest::CommandResult dump = qtest::RunConsumer("llvm-dwarfdump-14 --debug-info", m_Path);
-    std::vector<Entry> entries = DwarfdumpEntries(dump.output);
-    std::map<std::string, const Entry *> procedures;
-    for (const Entry &e : entries)
-        if (e.tag == "DW_TAG_subprogram")
-            procedures[e.name] = &e;
-    ASSERT_EQ(procedures.size(), 5u) << dump.output;
-    // Typed as described, except f4, whose start is not its symbol's address.
-    for (auto [name, typed] : std::vector<std::pair<std::string, bool>>{
-             {"f0", true}, {"f1", true}, {"f2", false}, {"f3", false}, {"f4", false}})
-        EXPECT_EQ(procedures[name]->attributes.count("DW_AT_type"), typed ? 1u : 0u) << name;
-
-    qtest::CommandResult verify = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
-    EXPECT_EQ(verify.exitCode, 0) << verify.output;
-    EXPECT_EQ(qtest::ConsumerComplaints(verify.output), std::vector<std::string>{"No errors."});
 }
 
 // Legal modules of unusual shapes: each is read by readelf without a complaint and passes the
@@ -560,6 +454,70 @@ std::vector<LegalModule> AllLegalModules() {
          },
          {},
          TypesPointAtEntries},
+        {"ProceduresOfEveryShapeInASectionOpenedTwice",
+         "procedures typed or not, with objects or not, and one whose start is not its main "
+         "symbol's address (it loses its type at output), in two scopes of one section",
+         [](ModuleBuilder &m, BrxHandle, BrxHandle) {
+             BrxHandle text = m.AddSection(".text.shapes", true, 0x100);
+             std::vector<BrxHandle> entries;
+             for (int i = 0; i < 5; ++i)
+                 entries.push_back(m.AddSymbol("f" + std::to_string(i), text, 0x20 * i));
+             BrxHandle inner = m.AddSymbol("inner", text, 0x28);
+             DbgScope module = nullptr, scopes[2] = {};
+             ASSERT_EQ(m.OpenModule(u"c:\\work", u"main.asm", u"qasm", 0, &module), 0u);
+             DbgSource a = m.Source(u"c:\\src\\a.asm");
+             DbgType data2 = nullptr, typed = nullptr;
+             ASSERT_EQ(Dbg_base_type(3, &data2), 0u);
+             ASSERT_EQ(Dbg_procedure_type(data2, 2, &typed), 0u);
+             int16_t one = 1;
+             const struct {
+                 bool typed, objects;
+                 uint64_t start;
+             } shapes[] = {{true, true, 0x00},
+                           {true, false, 0x20},
+                           {false, true, 0x40},
+                           {false, false, 0x60},
+                           {true, true, 0x81}};
+             for (int i = 0; i < 5; ++i) {
+                 // f0 to f2 in one scope of the section, f3 and f4 in a second one.
+                 if (i == 0 || i == 3) {
+                     ASSERT_EQ(Dbg_set_current_scope(module), 0u);
+                     ASSERT_EQ(m.OpenSection(text, &scopes[i == 3]), 0u);
+                 }
+                 ASSERT_EQ(m.OpenProcedure({entries[i]}, shapes[i].start, shapes[i].start + 0x20,
+                                           nullptr, nullptr, shapes[i].typed ? typed : nullptr, 9),
+                           0u);
+                 if (shapes[i].objects) {
+                     ASSERT_EQ(m.Constant("k" + std::to_string(i), 4, &one), 0u);
+                     if (i == 0) {
+                         ASSERT_EQ(m.CodeLabel(inner), 0u);
+                     }
+                 }
+                 ASSERT_EQ(m.Close(), 0u);
+             }
+             // Each scope has a sequence of its own; line 5 repeats and gives no row.
+             for (auto [scope, line, offset] : {std::tuple{scopes[0], 1u, 0x00},
+                                                {scopes[0], 5u, 0x04},
+                                                {scopes[0], 5u, 0x08},
+                                                {scopes[0], 6u, 0x0c},
+                                                {scopes[1], 20u, 0x64},
+                                                {scopes[1], 21u, 0x90}})
+                 ASSERT_EQ(m.Line(a, line, offset, scope), 0u);
+         },
+         {Expect({{"a.asm", 1, 0x00}, {"a.asm", 5, 0x04}, {"a.asm", 6, 0x0c}}),
+          Expect({{"a.asm", 20, 0x64}, {"a.asm", 21, 0x90}})},
+         [](const std::vector<Entry> &entries) {
+             std::map<std::string, const Entry *> procedures;
+             for (const Entry &e : entries)
+                 if (e.tag == "DW_TAG_subprogram")
+                     procedures[e.name] = &e;
+             ASSERT_EQ(procedures.size(), 5u);
+             // Typed as described, except f4, whose start is not its symbol's address.
+             for (auto [name, typed] : std::vector<std::pair<std::string, bool>>{
+                      {"f0", true}, {"f1", true}, {"f2", false}, {"f3", false}, {"f4", false}})
+                 EXPECT_EQ(procedures[name]->attributes.count("DW_AT_type"), typed ? 1u : 0u)
+                     << name;
+         }},
         {"TextEnteredTwiceKeepsTheUnitRange",
          "a module whose .text is entered twice keeps its address range",
          [](ModuleBuilder &m, BrxHandle text, BrxHandle data) {

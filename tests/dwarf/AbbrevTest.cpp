@@ -43,6 +43,13 @@ TEST_F(Abbreviations, DeclarationsAreNumberedInOrderOfFirstUse) {
         {[] { return new CProcAbbrev(false, true); },
          {0x2e, 0x00, 0x01, 0x14, 0x03, 0x08, 0x11, 0x01, 0x12, 0x01, 0x3f, 0x0c, 0x49, 0x14, 0x2a,
           0x0a, 0, 0}},
+        // A unit without a code section leaves out its address range.
+        {[] {
+             auto *unit = new CCompUnitAbbrev();
+             unit->m_bNoRange = 1;
+             return static_cast<CBaseAbbrev *>(unit);
+         },
+         {0x11, 0x01, 0x03, 0x08, 0x1b, 0x08, 0x25, 0x08, 0x10, 0x06, 0x42, 0x0b, 0x00, 0x00}},
     };
     std::vector<uint8_t> expected;
     uint32_t nextCode = 1;
@@ -62,27 +69,6 @@ TEST_F(Abbreviations, DeclarationsAreNumberedInOrderOfFirstUse) {
         EXPECT_EQ(code, nextCode - 1);
     }
     EXPECT_EQ(m_Module.SectionBytes(".debug_abbrev"), expected);
-}
-
-TEST_F(Abbreviations, CompileUnitLeavesOutTheRangeWithoutACodeSection) {
-    CBaseAbbrev *shared = new CCompUnitAbbrev();
-    ShareAbbrev(shared);
-    auto *unit = static_cast<CCompUnitAbbrev *>(shared);
-    unit->m_bNoRange = 1;
-    uint32_t code = 0;
-    ASSERT_TRUE(unit->WriteDeclaration(m_Section, code).Ok());
-    std::vector<uint8_t> expected = {0x01, 0x11, 0x01, 0x03, 0x08, 0x1b, 0x08, 0x25,
-                                     0x08, 0x10, 0x06, 0x42, 0x0b, 0x00, 0x00};
-    EXPECT_EQ(m_Module.SectionBytes(".debug_abbrev"), expected);
-}
-
-TEST_F(Abbreviations, ProceduresAreSharedByChildrenAndTypeFlags) {
-    std::vector<uint32_t> kinds;
-    for (bool children : {false, true})
-        for (bool typed : {false, true})
-            kinds.push_back(CProcAbbrev(children, typed).GetKind());
-    EXPECT_EQ(kinds, (std::vector<uint32_t>{ABBREV_PROC, ABBREV_PROC_TYPED, ABBREV_PROC_CHILDREN,
-                                            ABBREV_PROC_CHILDREN_TYPED}));
 }
 
 } // namespace

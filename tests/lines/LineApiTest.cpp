@@ -75,7 +75,9 @@ TEST(LineApi, CodeSectionsWithoutRowsHaveNoSequence) {
     ASSERT_EQ(Dbg_set_current_scope(module), 0u);
     ASSERT_EQ(m.OpenSection(more), 0u);
     ASSERT_EQ(m.Emit(), 0u);
-    EXPECT_EQ(m.SectionBytes(".debug_line").size(), 26u) << "the header without files";
+    const std::vector<uint8_t> line = m.SectionBytes(".debug_line");
+    EXPECT_EQ(line.size(), 26u) << "the header without files";
+    EXPECT_EQ(line.at(6), 16u) << "header_length: both tables empty";
 }
 
 // An entry past its section's end is written as described, and the check names the section

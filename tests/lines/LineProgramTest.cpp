@@ -173,12 +173,4 @@ TEST(LineHeader, DirectoriesAndFiles) {
     EXPECT_EQ(static_cast<CDwarfSourceFile *>(*a)->index, 0u);
 }
 
-TEST(LineHeader, WithoutFilesIsTwentySixBytes) {
-    State().Reset();
-    CSourceFileList files;
-    Bytes header = BuildLineProgramHeader(u"c:\\work", files);
-    EXPECT_EQ(header.size(), 26u);
-    EXPECT_EQ(header[6], 16);
-}
-
 } // namespace
