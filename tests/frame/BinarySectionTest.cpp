@@ -61,12 +61,8 @@ TEST_F(BinarySection, ComdatSymbolSectionStartsWithItsHeaders) {
     ASSERT_TRUE(own.Append(record, 2).Ok());
     EXPECT_EQ(own.PendingSubsectionType(), 0u);
     ASSERT_NE(own.Section(), 0u);
-    uint64_t size = 0;
-    ASSERT_EQ(_brx_get_keyed(own.Section(), BRX_KEY_SECTION_SIZE, nullptr, &size, 0), 0);
-    Bytes bytes(size);
-    BrxBytes read{size, 0, bytes.data()};
-    ASSERT_EQ(_brx_get_keyed(own.Section(), BRX_KEY_SECTION_DATA, nullptr, &read, 0), 0);
-    EXPECT_EQ(bytes, (Bytes{4, 0, 0, 0, 0xf1, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB}));
+    EXPECT_EQ(m_Module.SectionBytes(own.Section()),
+              (Bytes{4, 0, 0, 0, 0xf1, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB}));
     BrxComdat comdat{0, 0};
     ASSERT_EQ(_brx_get_keyed(own.Section(), BRX_KEY_COMDAT, nullptr, &comdat, 0), 0);
     EXPECT_EQ(comdat.selection, uint32_t(BRX_COMDAT_ASSOCIATIVE));
@@ -78,12 +74,8 @@ TEST_F(BinarySection, ComdatSymbolSectionStartsWithItsHeaders) {
     ASSERT_TRUE(linesFirst.StartSubsection(DEBUG_S_LINES).Ok());
     EXPECT_EQ(linesFirst.SubsectionStart(), 4u);
     ASSERT_TRUE(linesFirst.Append(record, 2).Ok());
-    size = 0;
-    ASSERT_EQ(_brx_get_keyed(linesFirst.Section(), BRX_KEY_SECTION_SIZE, nullptr, &size, 0), 0);
-    bytes.assign(size, 0);
-    read = {size, 0, bytes.data()};
-    ASSERT_EQ(_brx_get_keyed(linesFirst.Section(), BRX_KEY_SECTION_DATA, nullptr, &read, 0), 0);
-    EXPECT_EQ(bytes, (Bytes{4, 0, 0, 0, 0xf2, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB}));
+    EXPECT_EQ(m_Module.SectionBytes(linesFirst.Section()),
+              (Bytes{4, 0, 0, 0, 0xf2, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB}));
 }
 
 // Subsection headers start on a multiple of 4: a size of 13 gets three zero bytes first.

@@ -202,22 +202,22 @@ TEST(IncompleteObjects, MakeTheEmissionFail) {
     struct Case {
         const char *what;
         DbgStatus status;
-        std::function<void(qtest::ModuleBuilder &, BrxHandle)> describe;
+        std::function<void()> describe;
     } cases[] = {
         {"label without symbol", DBG_ERR_WRITE_FAILED,
-         [](qtest::ModuleBuilder &, BrxHandle) {
+         [] {
              DbgObject o = nullptr;
              Dbg_create_object(DBG_OBJ_CODE_LABEL, nullptr, 0, nullptr, &o);
          }},
         {"constant without value", DBG_ERR_WRITE_FAILED,
-         [](qtest::ModuleBuilder &, BrxHandle) {
+         [] {
              int32_t code = 5;
              DbgObjectProp props[] = {{DBG_PROP_NAME, "K"}, {DBG_PROP_BASE_TYPE, &code}};
              DbgObject o = nullptr;
              Dbg_create_object(DBG_OBJ_CONSTANT, props, 2, nullptr, &o);
          }},
         {"register without name", DBG_ERR_WRITE_FAILED,
-         [](qtest::ModuleBuilder &, BrxHandle) {
+         [] {
              int32_t code = 5;
              DbgObjectProp props[] = {{DBG_PROP_BASE_TYPE, &code}};
              DbgObject o = nullptr;
@@ -225,7 +225,7 @@ TEST(IncompleteObjects, MakeTheEmissionFail) {
          }},
         // A section ignores its procedures' layout failures; the entry then fails to write.
         {"procedure without entries", DBG_ERR_WRITE_FAILED,
-         [](qtest::ModuleBuilder &, BrxHandle) {
+         [] {
              DbgObject proc = nullptr;
              Dbg_create_object(DBG_OBJ_PROCEDURE, nullptr, 0, nullptr, &proc);
              Dbg_open_procedure_scope(proc, nullptr);
@@ -237,7 +237,7 @@ TEST(IncompleteObjects, MakeTheEmissionFail) {
         BrxHandle text = m.AddSection(".text", true, 16);
         ASSERT_EQ(m.OpenModule(), 0u);
         ASSERT_EQ(m.OpenSection(text), 0u);
-        c.describe(m, text);
+        c.describe();
         EXPECT_EQ(m.Emit(), c.status) << c.what;
     }
 }

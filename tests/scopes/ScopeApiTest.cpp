@@ -1,5 +1,3 @@
-#include "objects/ValueObjects.h"
-#include "scopes/ProcScope.h"
 #include "support/ModuleBuilder.h"
 
 #include <gtest/gtest.h>
@@ -110,23 +108,6 @@ TEST_F(ScopeApi, UnknownScopeHandlesAreRefused) {
     EXPECT_EQ(m.CodeLabel(f), DBG_ERR_NO_CURRENT_SCOPE);
     EXPECT_EQ(Dbg_open_procedure_scope(reinterpret_cast<DbgObject>(&notAScope), nullptr),
               DBG_ERR_SCOPE_NOT_OPENED);
-}
-
-// The main-symbol label leaves the list at layout: the last object takes its place.
-TEST_F(ScopeApi, MainSymbolLabelIsFoldedIntoItsProcedure) {
-    ASSERT_EQ(m.OpenModule(), 0u);
-    ASSERT_EQ(m.OpenSection(text), 0u);
-    DbgScope scope = nullptr;
-    ASSERT_EQ(m.OpenProcedure({f}, 0, 32, &scope), 0u);
-    ASSERT_EQ(m.CodeLabel(f), 0u);
-    int8_t one = 1;
-    for (const char *name : {"X", "Y", "Z"})
-        ASSERT_EQ(m.Constant(name, 2, &one), 0u);
-    ASSERT_EQ(m.Emit(), 0u);
-    std::vector<std::string> names;
-    for (CBaseLangObject *object : reinterpret_cast<CScopeNode *>(scope)->Objects())
-        names.push_back(static_cast<CConstantObject *>(object)->m_Name);
-    EXPECT_EQ(names, (std::vector<std::string>{"Z", "X", "Y"}));
 }
 
 } // namespace
