@@ -15,6 +15,7 @@ SYNOPSIS
     qdbg line [--json] OBJECT SOURCE LINE [COLUMN]
     qdbg files [--json] OBJECT
     qdbg --help | qdbg COMMAND --help
+    qdbg --version
 
 DESCRIPTION
     qdbg is the command-line front end of Quillet. `build` reads a module description (a

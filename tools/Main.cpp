@@ -113,6 +113,10 @@ int main(int argc, char **argv) {
         std::fputs(text.c_str(), stdout);
         return kExitOk;
     }
+    if (command == "--version") {
+        std::printf("qdbg (Quillet) %s\n", QUILLET_VERSION);
+        return kExitOk;
+    }
     if (HelpText(command).empty())
         return Usage("unknown command '" + command + "'", "");
     if (WantsHelp(args)) {

@@ -7,6 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+#include <sstream>
+#include <vector>
+
 namespace {
 
 using namespace qdbgtest;
@@ -21,15 +25,28 @@ const std::string kSanitize = " -fsanitize=address,undefined";
 const std::string kSanitize = "";
 #endif
 
-// The library directory below the prefix, as the build was configured.
-std::string InstallLibDir() {
+// A value of the build's configuration (`KEY:TYPE=value` in its cache); `fallback` when the
+// cache has no such key or leaves it empty, as it leaves the directories derived from others.
+std::string Configured(const std::string &key, const std::string &fallback) {
     std::string cache = ReadFile(kBuildDir + "/CMakeCache.txt");
-    const std::string key = "CMAKE_INSTALL_LIBDIR:PATH=";
-    size_t at = cache.find(key);
+    size_t at = cache.find("\n" + key + ":");
     if (at == std::string::npos)
-        return "lib";
-    at += key.size();
-    return cache.substr(at, cache.find('\n', at) - at);
+        return fallback;
+    at = cache.find('=', at) + 1;
+    std::string value = cache.substr(at, cache.find('\n', at) - at);
+    return value.empty() ? fallback : value;
+}
+
+// The library and manual directories below the prefix, and the project's version.
+std::string InstallLibDir() {
+    return Configured("CMAKE_INSTALL_LIBDIR", "lib");
+}
+std::string InstallManDir() {
+    return Configured("CMAKE_INSTALL_MANDIR",
+                      Configured("CMAKE_INSTALL_DATAROOTDIR", "share") + "/man");
+}
+std::string ProjectVersion() {
+    return Configured("CMAKE_PROJECT_VERSION", "");
 }
 
 // The README's ```c block that holds `marker`; empty when there is none.
@@ -103,22 +120,75 @@ TEST_F(Installed, EveryFileIsInPlace) {
           InstallLibDir() + "/pkgconfig/brix.pc",
           InstallLibDir() + "/cmake/Quillet/QuilletConfig.cmake",
           InstallLibDir() + "/cmake/Quillet/QuilletConfigVersion.cmake",
-          InstallLibDir() + "/cmake/Quillet/QuilletTargets.cmake"})
+          InstallLibDir() + "/cmake/Quillet/QuilletTargets.cmake",
+          InstallManDir() + "/man1/qdbg.1"})
         EXPECT_TRUE(FileExists(Prefix(path))) << path;
 }
 
-TEST_F(Installed, LibrariesCarryTheirSonameVersion) {
-    for (const char *name : {"quillet", "brix"}) {
+// The project's version is stated once in the build; the libraries' file names and sonames,
+// the package files and `qdbg --version` all carry it.
+TEST_F(Installed, LibrariesPackagesAndQdbgCarryTheProjectVersion) {
+    const std::string version = ProjectVersion();
+    ASSERT_FALSE(version.empty());
+    const std::string major = version.substr(0, version.find('.'));
+    for (const std::string name : {"quillet", "brix"}) {
         std::string lib = LibDir() + "/lib" + name;
         CommandResult links =
-            RunCommand("readlink " + Quote(lib + ".so") + " " + Quote(lib + ".so.1"));
-        EXPECT_EQ(links.out, std::string("lib") + name + ".so.1\nlib" + name + ".so.1.0.0\n")
-            << name;
-        CommandResult dynamic = RunCommand("readelf -d " + Quote(lib + ".so.1.0.0"));
-        EXPECT_NE(dynamic.out.find(std::string("Library soname: [lib") + name + ".so.1]"),
+            RunCommand("readlink " + Quote(lib + ".so") + " " + Quote(lib + ".so." + major));
+        EXPECT_EQ(links.out,
+                  "lib" + name + ".so." + major + "\nlib" + name + ".so." + version + "\n");
+        CommandResult dynamic = RunCommand("readelf -d " + Quote(lib + ".so." + version));
+        EXPECT_NE(dynamic.out.find("Library soname: [lib" + name + ".so." + major + "]"),
                   std::string::npos)
             << dynamic.out;
     }
+    CommandResult packages = RunCommand("PKG_CONFIG_PATH=" + Quote(LibDir() + "/pkgconfig") +
+                                        " pkg-config --modversion quillet brix");
+    EXPECT_EQ(packages.out, version + "\n" + version + "\n") << packages.err;
+    CommandResult qdbg = RunCommand(Quote(Prefix("bin/qdbg")) + " --version");
+    EXPECT_EQ(qdbg.exitCode, 0);
+    EXPECT_EQ(qdbg.out, "qdbg (Quillet) " + version + "\n");
+}
+
+// The manual page is made from `qdbg --help`: it renders without a warning, and every line of
+// the help text (the NAME summary aside, which the formatter refills) is on it as written, so
+// that each command the synopsis names is there and nothing was lost to the formatter's escapes.
+TEST_F(Installed, ManualPageRendersTheHelpText) {
+    std::string page = Prefix(InstallManDir() + "/man1/qdbg.1");
+    CommandResult rendered = RunCommand("groff -man -Tutf8 -ww -P -cbou " + Quote(page));
+    ASSERT_EQ(rendered.exitCode, 0) << rendered.err;
+    EXPECT_EQ(rendered.err, "");
+    EXPECT_NE(rendered.out.find("Quillet " + ProjectVersion()), std::string::npos);
+    // The summary that whatis and apropos index.
+    EXPECT_NE(ReadFile(page).find(".SH NAME\nqdbg \\- describe "), std::string::npos);
+
+    auto trim = [](const std::string &line) {
+        size_t begin = line.find_first_not_of(' ');
+        return begin == std::string::npos
+                   ? std::string()
+                   : line.substr(begin, line.find_last_not_of(' ') - begin + 1);
+    };
+    std::set<std::string> onPage;
+    std::istringstream pageText(rendered.out);
+    for (std::string line; std::getline(pageText, line);)
+        onPage.insert(trim(line));
+
+    CommandResult help = RunCommand(Quote(Prefix("bin/qdbg")) + " --help");
+    ASSERT_EQ(help.exitCode, 0);
+    std::istringstream helpText(help.out);
+    std::string section;
+    std::vector<std::string> commands;
+    for (std::string line; std::getline(helpText, line);) {
+        if (!line.empty() && line[0] != ' ')
+            section = line;
+        if (section == "NAME" || trim(line).empty())
+            continue;
+        EXPECT_EQ(onPage.count(trim(line)), 1u) << "not on the manual page: " << line;
+        if (section == "SYNOPSIS" && line != section)
+            commands.push_back(trim(line));
+    }
+    // The synopsis of build, lines, addr, line, files, --help and --version was among them.
+    EXPECT_EQ(commands.size(), 7u);
 }
 
 TEST_F(Installed, QdbgRunsFromThePrefixAndBuildsAnExample) {
@@ -144,8 +214,6 @@ TEST_F(Installed, ReadmeExamplesBuildThroughPkgConfigAndWithTheRunPathAlone) {
     // quillet.pc requires brix.pc: both libraries come with one name.
     EXPECT_NE(flags.out.find("-lquillet"), std::string::npos) << flags.out;
     EXPECT_NE(flags.out.find("-lbrix"), std::string::npos) << flags.out;
-    CommandResult version = RunCommand(pkgConfig + " --modversion quillet brix");
-    EXPECT_EQ(version.out, "1.0.0\n1.0.0\n");
     CommandResult compiled = RunCommand(
         "cc -std=c11 -Wall -Wextra -Wpedantic -Werror" + kSanitize + " example.c $(" + pkgConfig +
             " --cflags --libs quillet) -Wl,-rpath," + Quote(LibDir()) + " -o example",
