@@ -93,7 +93,6 @@ public:
     const uint8_t *LowData() const { return m_pLowRawdata.get(); }
     bool IsCreated() const { return m_hSection != 0; }
 
-    uint32_t PendingSubsectionType() const { return m_nPendingSubsection; }
     void SetPendingSubsectionType(uint32_t kind) { m_nPendingSubsection = kind; }
     uint64_t SubsectionStart() const { return m_nSubsectionStart; }
     void SetSubsectionStart(uint64_t offset) { m_nSubsectionStart = offset; }

@@ -1,6 +1,6 @@
 // Reading CodeView back from an object made through the shared module builder: a symbol section
-// taken apart into subsections and records with its framing checked on the way, COMDAT records
-// and relocation targets; and the expected bytes of line subsections and checksum records.
+// taken apart into subsections and records with its framing checked on the way, COMDAT
+// sections; and the expected bytes of line subsections and checksum records.
 #pragma once
 
 #include "support/Bytes.h"
@@ -12,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -104,13 +103,6 @@ inline std::vector<Record> Records(const Bytes &content) {
     return out;
 }
 
-inline std::vector<uint16_t> RecordKinds(const Bytes &content) {
-    std::vector<uint16_t> kinds;
-    for (const Record &r : Records(content))
-        kinds.push_back(r.kind);
-    return kinds;
-}
-
 // A lines subsection's header: the start of its code (relocated against its anchor), segment
 // and flags 0, the code size.
 inline Bytes LineHeader(uint32_t start, uint32_t codeSize) {
@@ -145,19 +137,6 @@ inline Bytes ChecksumRecord(uint32_t stringOffset, const std::string &content) {
     out.insert(out.end(), digest.begin(), digest.end());
     PutU16(out, 0);
     return out;
-}
-
-// What a relocation names: a section by its name, a symbol by its name and offset ("p1@0x8").
-inline std::string TargetName(BrxHandle target) {
-    char name[256] = {};
-    uint32_t capacity = sizeof name;
-    EXPECT_EQ(_brx_get_keyed(target, BRX_KEY_SYMBOL_NAME, &capacity, name, 0), BRX_OK);
-    uint64_t offset = 0;
-    if (_brx_get_keyed(target, BRX_KEY_SYMBOL_OFFSET, nullptr, &offset, 0) != BRX_OK)
-        return name; // a section
-    char at[32];
-    std::snprintf(at, sizeof at, "@0x%llx", static_cast<unsigned long long>(offset));
-    return name + std::string(at);
 }
 
 inline void MakeComdat(BrxHandle section) {
@@ -220,9 +199,6 @@ public:
         const auto symbols = SectionsNamed(".debug$S");
         EXPECT_FALSE(symbols.empty());
         return symbols.empty() ? std::vector<Subsection>{} : Subsections(Contents(symbols[0]));
-    }
-    std::vector<qtest::ModuleBuilder::Relocation> Relocations(BrxHandle section) const {
-        return m_Builder.Relocations(section);
     }
 
 private:

@@ -1,10 +1,7 @@
-// String-table paths and checksum records.
+// The path under which a source file is read, and named in the string table.
 #include "codeview/FileTables.h"
 
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -29,17 +26,6 @@ TEST(FileTables, SourcePathIsThePathTheFileIsReadFrom) {
     for (const auto &c : cases)
         EXPECT_TRUE(quillet::ComposeSourcePath(c.directory, c.name) == c.path)
             << "case " << (&c - cases);
-}
-
-TEST(FileTables, ChecksumRecordIsOffsetSizeKindDigestFill) {
-    quillet::Md5Digest digest;
-    for (int i = 0; i < 16; ++i)
-        digest[i] = uint8_t(0xA0 + i);
-    const auto record = quillet::EncodeChecksumRecord(0x01020304, digest);
-    const std::vector<uint8_t> expected = {0x04, 0x03, 0x02, 0x01, 16,   1,    0xA0, 0xA1,
-                                           0xA2, 0xA3, 0xA4, 0xA5, 0xA6, 0xA7, 0xA8, 0xA9,
-                                           0xAA, 0xAB, 0xAC, 0xAD, 0xAE, 0xAF, 0x00, 0x00};
-    EXPECT_EQ(std::vector<uint8_t>(record.begin(), record.end()), expected);
 }
 
 } // namespace

@@ -1,3 +1,5 @@
+// Section buffers: the low buffer of a CodeView section, relocations by format, loading a section
+// back, and patches of collected bytes.
 #include "frame/BinarySection.h"
 #include "frame/LibraryState.h"
 #include "support/ModuleBuilder.h"
@@ -8,91 +10,30 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-class BinarySection : public ::testing::Test {
-protected:
-    BinarySection() : m_Module(m_Dir.File("s.o"), BRX_FORMAT_COFF) {}
-
-    qtest::TempDir m_Dir;
-    qtest::ModuleBuilder m_Module;
-};
-
 // The main symbol section keeps its 12-byte header in memory; the first append beyond it
 // creates the section and writes the buffered bytes at offset 0.
-TEST_F(BinarySection, LowBufferIsWrittenOutOnOverflow) {
-    CBinarySection main(m_Module.File(), BRX_FORMAT_COFF, ".debug$S", 4, 4, 1,
+TEST(BinarySection, LowBufferIsWrittenOutOnOverflow) {
+    qtest::TempDir dir;
+    qtest::ModuleBuilder module(dir.File("s.o"), BRX_FORMAT_COFF);
+    CBinarySection main(module.File(), BRX_FORMAT_COFF, ".debug$S", 4, 4, 1,
                         CBinarySection::LowBuffer{12});
     ASSERT_TRUE(main.StartSubsection(CV_SIGNATURE).Ok());
     ASSERT_TRUE(main.StartSubsection(DEBUG_S_SYMBOLS).Ok());
     EXPECT_EQ(main.Size(), 12u);
     EXPECT_FALSE(main.IsCreated());
-    EXPECT_EQ(m_Module.FindSection(".debug$S"), 0u);
+    EXPECT_EQ(module.FindSection(".debug$S"), 0u);
     EXPECT_EQ(main.SubsectionStart(), 4u);
 
     const uint8_t record[5] = {1, 2, 3, 4, 5};
     ASSERT_TRUE(main.Append(record, 5).Ok());
     EXPECT_TRUE(main.IsCreated());
     EXPECT_EQ(main.Size(), 17u);
-    EXPECT_EQ(m_Module.SectionBytes(".debug$S"),
+    EXPECT_EQ(module.SectionBytes(".debug$S"),
               (Bytes{4, 0, 0, 0, 0xf1, 0, 0, 0, 0, 0, 0, 0, 1, 2, 3, 4, 5}));
     // A length patch goes to the object file once the section exists.
     ASSERT_TRUE(main.WriteU32At(8, 5).Ok());
-    EXPECT_EQ(m_Module.SectionBytes(".debug$S")[8], 5);
+    EXPECT_EQ(module.SectionBytes(".debug$S")[8], 5);
     EXPECT_TRUE(main.WriteU32At(15, 1).Failed()) << "beyond what was written";
-}
-
-TEST_F(BinarySection, TypeSectionWithOnlyItsSignatureIsNeverCreated) {
-    {
-        CBinarySection types(m_Module.File(), BRX_FORMAT_COFF, ".debug$T", 4, 4, 1,
-                             CBinarySection::LowBuffer{4});
-        ASSERT_TRUE(types.StartSubsection(CV_SIGNATURE).Ok());
-        EXPECT_EQ(types.Size(), 4u);
-    }
-    EXPECT_EQ(m_Module.FindSection(".debug$T"), 0u);
-}
-
-// A COMDAT code section's symbol section starts its signature and symbols subsection in front
-// of its first bytes, and is tied to its code section.
-TEST_F(BinarySection, ComdatSymbolSectionStartsWithItsHeaders) {
-    BrxHandle code = m_Module.AddSection(".text$x", true, 16);
-    CBinarySection own(m_Module.File(), BRX_FORMAT_COFF, ".debug$S", 4, 4, 1,
-                       CBinarySection::AssociatedWith{code});
-    EXPECT_EQ(own.PendingSubsectionType(), CV_SIGNATURE);
-    const uint8_t record[2] = {0xAA, 0xBB};
-    ASSERT_TRUE(own.Append(record, 2).Ok());
-    EXPECT_EQ(own.PendingSubsectionType(), 0u);
-    ASSERT_NE(own.Section(), 0u);
-    EXPECT_EQ(m_Module.SectionBytes(own.Section()),
-              (Bytes{4, 0, 0, 0, 0xf1, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB}));
-    BrxComdat comdat{0, 0};
-    ASSERT_EQ(_brx_get_keyed(own.Section(), BRX_KEY_COMDAT, nullptr, &comdat, 0), 0);
-    EXPECT_EQ(comdat.selection, uint32_t(BRX_COMDAT_ASSOCIATIVE));
-    EXPECT_EQ(comdat.section, code);
-
-    // One whose first bytes open another subsection gets no empty symbols subsection.
-    CBinarySection linesFirst(m_Module.File(), BRX_FORMAT_COFF, ".debug$S", 4, 4, 1,
-                              CBinarySection::AssociatedWith{code});
-    ASSERT_TRUE(linesFirst.StartSubsection(DEBUG_S_LINES).Ok());
-    EXPECT_EQ(linesFirst.SubsectionStart(), 4u);
-    ASSERT_TRUE(linesFirst.Append(record, 2).Ok());
-    EXPECT_EQ(m_Module.SectionBytes(linesFirst.Section()),
-              (Bytes{4, 0, 0, 0, 0xf2, 0, 0, 0, 0, 0, 0, 0, 0xAA, 0xBB}));
-}
-
-// Subsection headers start on a multiple of 4: a size of 13 gets three zero bytes first.
-TEST_F(BinarySection, SubsectionsAreAligned) {
-    struct Case {
-        uint32_t before;
-        uint64_t start;
-    } cases[] = {{13, 16}, {12, 12}, {14, 16}, {15, 16}, {16, 16}};
-    for (const Case &c : cases) {
-        CBinarySection section(m_Module.File(), BRX_FORMAT_COFF, ".debug$S", 4, 4, 1,
-                               CBinarySection::LowBuffer{0});
-        Bytes filler(c.before, 0x11);
-        ASSERT_TRUE(section.Append(filler.data(), c.before).Ok());
-        ASSERT_TRUE(section.StartSubsection(DEBUG_S_LINES).Ok());
-        EXPECT_EQ(section.SubsectionStart(), c.start) << c.before;
-        EXPECT_EQ(section.Size(), c.start + 8) << c.before;
-    }
 }
 
 // Relocations go against the section, which they create when it does not exist yet; the type
@@ -142,10 +83,6 @@ TEST(BaseDebugSection, LoadsAWholeSectionOrFails) {
     EXPECT_TRUE(missing.Load(module.File()).Failed());
     EXPECT_TRUE(missing.Load(0).Failed());
 }
-
-} // namespace
-
-namespace {
 
 // Collected appends reach the file in pieces; patches land whether the bytes are still
 // collected, already written, or both.

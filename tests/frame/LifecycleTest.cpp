@@ -8,12 +8,6 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-TEST(Lifecycle, EmitWithoutAModuleHasNoFormat) {
-    Dbg_init(0);
-    EXPECT_EQ(Dbg_emit(), DBG_ERR_NO_OBJECT_FORMAT);
-    Dbg_finish();
-}
-
 TEST(Lifecycle, RetrievalModesShareOneReader) {
     Dbg_init(1);
     CBaseRetrieve *reader = State().reader.get();

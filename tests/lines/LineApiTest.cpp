@@ -1,3 +1,5 @@
+// Line entries through the C API: where they are recorded, how their address is made, what is
+// refused, and what is reported of an entry past its section's end.
 #include "scopes/ScopeNode.h"
 #include "support/ModuleBuilder.h"
 
@@ -51,35 +53,6 @@ TEST(LineApi, BadSourceHandlesAreReportedNeverRead) {
     EXPECT_EQ(checks.Count(), 3);
 }
 
-TEST(LineApi, SameNameRegisteredTwiceGivesTwoFiles) {
-    Dbg_init(0);
-    DbgSource first = nullptr, second = nullptr;
-    ASSERT_EQ(DbgLine_create_source(u"a.asm", &first), 0u);
-    ASSERT_EQ(DbgLine_create_source(u"a.asm", &second), 0u);
-    EXPECT_NE(first, second);
-    Dbg_finish();
-}
-
-} // namespace
-
-// Only sections that wrote rows have a sequence: the line program of a module whose code
-// sections hold no entries is its header alone.
-TEST(LineApi, CodeSectionsWithoutRowsHaveNoSequence) {
-    qtest::TempDir dir;
-    qtest::ModuleBuilder m(dir.File("l.o"), BRX_FORMAT_ELF64);
-    BrxHandle text = m.AddSection(".text", true, 64);
-    BrxHandle more = m.AddSection(".text.more", true, 64);
-    DbgScope module = nullptr;
-    ASSERT_EQ(m.OpenModule(u"c:\\work", u"m.asm", u"p", 0, &module), 0u);
-    ASSERT_EQ(m.OpenSection(text), 0u);
-    ASSERT_EQ(Dbg_set_current_scope(module), 0u);
-    ASSERT_EQ(m.OpenSection(more), 0u);
-    ASSERT_EQ(m.Emit(), 0u);
-    const std::vector<uint8_t> line = m.SectionBytes(".debug_line");
-    EXPECT_EQ(line.size(), 26u) << "the header without files";
-    EXPECT_EQ(line.at(6), 16u) << "header_length: both tables empty";
-}
-
 // An entry past its section's end is written as described, and the check names the section
 // and the offset.
 TEST(LineApi, EntriesPastTheSectionEndAreWrittenAndReported) {
@@ -105,3 +78,5 @@ TEST(LineApi, EntriesPastTheSectionEndAreWrittenAndReported) {
     EXPECT_EQ(rows, (std::vector<uint8_t>{uint8_t(10 + 2 + 15 * 0x0c), uint8_t(10 + 2 + 15 * 4),
                                           0x02, 0x08, 0x03, 0x7f, 0x01}));
 }
+
+} // namespace
