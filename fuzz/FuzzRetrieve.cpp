@@ -146,6 +146,10 @@ void FuzzObjectFile(const uint8_t *data, size_t size) {
                 (void)DbgLine_get_inst_info_by_offset(data[i + 1] & 1, &query, &info);
                 DbgLineRow row;
                 (void)DbgLine_find_row(lines, data[i], &row, nullptr);
+                char function[32];
+                uint32_t capacity = sizeof(function);
+                uint64_t start = 0, end = 0;
+                (void)DbgLine_find_function(lines, data[i], function, &capacity, &start, &end);
             }
             DbgLineRow rows[8];
             uint64_t count = 8;

@@ -266,10 +266,13 @@ QUILLET_API DbgStatus DbgLine_get_rows(DbgLineSectionHandle *handle, uint64_t fi
 QUILLET_API DbgStatus DbgLine_find_row(DbgLineSectionHandle *handle, uint64_t offset,
                                        DbgLineRow *row, uint64_t *index);
 /* The function whose code holds `offset` in the section, as the DWARF subprograms of an ELF
- * object describe it: its name (the linkage name where it has no other) in UTF-8 into buffer
- * (*size in: capacity; out: length + 1, also when 38 says the buffer is too small) and its range
- * [*start, *end) as section offsets (start and end may be NULL). 29 when no subprogram holds it
- * (and for COFF objects, whose functions the symbol table names); 26 as above. */
+ * object describe it (the innermost, where ranges nest): its name in UTF-8 into buffer (*size in:
+ * capacity; out: length + 1, also when 38 says the buffer is too small) and its range
+ * [*start, *end) as section offsets (start and end may be NULL). The name is the linkage name
+ * where the subprogram or the declaration it completes has one (as the symbol table names the
+ * function), else its plain name. Subprograms whose code is given only as a list of ranges are
+ * not found. 29 when no subprogram holds the offset (and for COFF objects, whose functions the
+ * symbol table names); 26 as above (or a null size). */
 QUILLET_API DbgStatus DbgLine_find_function(DbgLineSectionHandle *handle, uint64_t offset,
                                             char *buffer, uint32_t *size, uint64_t *start,
                                             uint64_t *end);

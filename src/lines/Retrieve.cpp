@@ -234,7 +234,7 @@ uint32_t CBaseRetrieve::LoadByFormat() {
     }
 }
 
-uint32_t CBaseRetrieve::LoadElfLines() {
+uint32_t CBaseRetrieve::ReadDwarfSections(bool withLines, CReadSections &out) const {
     // The sections the reader needs, and no others: the line programs, the units that lead to
     // them, and the strings and addresses their entries point at.
     struct Wanted {
@@ -243,7 +243,7 @@ uint32_t CBaseRetrieve::LoadElfLines() {
         bool relocated; // holds offsets or addresses that relocations patch
         CDwarfSection CDwarfSections::*member;
     };
-    const Wanted wanted[] = {
+    static const Wanted wanted[CReadSections::kCount] = {
         {".debug_abbrev", true, false, &CDwarfSections::abbrev},
         {".debug_info", true, true, &CDwarfSections::info},
         {".debug_line", true, true, &CDwarfSections::line},
@@ -252,26 +252,34 @@ uint32_t CBaseRetrieve::LoadElfLines() {
         {".debug_str_offsets", false, true, &CDwarfSections::strOffsets},
         {".debug_addr", false, true, &CDwarfSections::addr},
     };
-    constexpr size_t kWanted = sizeof(wanted) / sizeof(wanted[0]);
-    std::vector<uint8_t> bytes[kWanted];
-    CRelocationMap relocations[kWanted];
-    CDwarfSections sections;
-    for (size_t i = 0; i < kWanted; ++i) {
+    for (size_t i = 0; i < CReadSections::kCount; ++i) {
+        if (!withLines && wanted[i].member == &CDwarfSections::line)
+            continue;
         BrxHandle section = 0;
-        if (!ReadSection(m_hObject, wanted[i].name, bytes[i], &section)) {
+        if (!ReadSection(m_hObject, wanted[i].name, out.m_Bytes[i], &section)) {
             if (wanted[i].required)
                 return DBG_ERR_OBJECT_FILE;
-            bytes[i].clear();
+            out.m_Bytes[i].clear();
             continue;
         }
         // In a relocatable object the fields hold their values only once relocated.
-        if (m_nObjectKind == 0 && wanted[i].relocated && !ReadRelocations(section, relocations[i]))
+        if (m_nObjectKind == 0 && wanted[i].relocated &&
+            !ReadRelocations(section, out.m_Relocations[i]))
             return DBG_ERR_OBJECT_FILE;
-        CDwarfSection &view = sections.*wanted[i].member;
-        view.m_pData = bytes[i].data();
-        view.m_nSize = bytes[i].size();
-        view.m_pRelocations = relocations[i].Empty() ? nullptr : &relocations[i];
+        CDwarfSection &view = out.m_View.*wanted[i].member;
+        view.m_pData = out.m_Bytes[i].data();
+        view.m_nSize = out.m_Bytes[i].size();
+        view.m_pRelocations = out.m_Relocations[i].Empty() ? nullptr : &out.m_Relocations[i];
     }
+    return DBG_ERR_NONE;
+}
+
+uint32_t CBaseRetrieve::LoadElfLines() {
+    CReadSections read;
+    uint32_t status = ReadDwarfSections(true, read);
+    if (status != DBG_ERR_NONE)
+        return status;
+    const CDwarfSections &sections = read.m_View;
     if (sections.line.m_nSize < kMinLineSectionSize)
         return DBG_ERR_LINE_SECTION_TOO_SHORT;
 
@@ -285,6 +293,56 @@ uint32_t CBaseRetrieve::LoadElfLines() {
         return placer.Build(m_hObject) ? LoadDwarf(sections, placer) : DBG_ERR_OBJECT_FILE;
     }
     return DBG_ERR_READ_FAILED;
+}
+
+void CBaseRetrieve::IndexFunctions(const CDwarfSections &sections, CSequencePlacer &placer) {
+    m_bFunctionsIndexed = true;
+    // A malformed unit ends the walk; the functions found before it still answer.
+    (void)m_Functions.Build(sections, placer);
+}
+
+void CBaseRetrieve::IndexObjectFunctions() {
+    // The sections are read again rather than kept from the load: most runs never ask for a
+    // function, and the open stays as small as its rows.
+    m_bFunctionsIndexed = true;
+    if (m_hObject == 0 || (m_nFormat != BRX_FORMAT_ELF32 && m_nFormat != BRX_FORMAT_ELF64))
+        return;
+    CReadSections read;
+    if (ReadDwarfSections(false, read) != DBG_ERR_NONE)
+        return;
+    if (m_nObjectKind == 0) {
+        CRelocationPlacer placer;
+        IndexFunctions(read.m_View, placer);
+    } else if (m_nObjectKind <= 3) {
+        CAddressPlacer placer;
+        if (placer.Build(m_hObject))
+            IndexFunctions(read.m_View, placer);
+    }
+}
+
+uint32_t CBaseRetrieve::FindFunction(const DbgLineSectionHandle *handle, uint64_t offset,
+                                     char *buffer, uint32_t *size, uint64_t *start, uint64_t *end) {
+    const CSectionRows *rows = LiveSection(handle);
+    if (!rows || !size)
+        return DBG_ERR_OBJECT_FILE;
+    BrxHandle section = rows->m_Section;
+    if (!m_bFunctionsIndexed)
+        IndexObjectFunctions();
+    const CFunction *function = m_Functions.Find(section, offset);
+    if (!function)
+        return DBG_ERR_NO_LINE_AT_OFFSET;
+    std::string_view name = m_Functions.Name(*function);
+    uint32_t capacity = *size;
+    *size = static_cast<uint32_t>(name.size() + 1);
+    if (!buffer || capacity < name.size() + 1)
+        return DBG_ERR_BAD_SOURCE_INDEX;
+    std::memcpy(buffer, name.data(), name.size());
+    buffer[name.size()] = '\0';
+    if (start)
+        *start = function->m_nStart;
+    if (end)
+        *end = function->m_nEnd;
+    return DBG_ERR_NONE;
 }
 
 uint32_t CBaseRetrieve::LoadDwarf(const CDwarfSections &sections, CSequencePlacer &placer) {

@@ -12,6 +12,7 @@
 #pragma once
 
 #include "lines/FileTable.h"
+#include "lines/FunctionIndex.h"
 #include "lines/LineSection.h"
 #include "platform/PointerSet.h"
 
@@ -69,6 +70,19 @@ struct CSourceIndexRecord {
     uint32_t m_nRow;
 };
 
+// The debugging sections of an ELF object read into memory (decompressed), with what the
+// relocations of a relocatable object put into their fields; m_View points into them.
+struct CReadSections {
+    static constexpr size_t kCount = 7;
+    CReadSections() = default;
+    CReadSections(const CReadSections &) = delete;
+    CReadSections &operator=(const CReadSections &) = delete;
+
+    std::vector<uint8_t> m_Bytes[kCount];
+    CRelocationMap m_Relocations[kCount];
+    CDwarfSections m_View;
+};
+
 } // namespace quillet
 
 class CBaseRetrieve {
@@ -95,6 +109,14 @@ public:
                      uint64_t *count) const;
     uint32_t FindRow(const DbgLineSectionHandle *handle, uint64_t offset, DbgLineRow *row,
                      uint64_t *index) const;
+    // The function whose code holds `offset` in the handle's section, from the DWARF
+    // subprograms, indexed on the first call: 0, 26, 29 (none, or not an ELF object) or 38 (the
+    // buffer is too small; *size receives the length needed).
+    uint32_t FindFunction(const DbgLineSectionHandle *handle, uint64_t offset, char *buffer,
+                          uint32_t *size, uint64_t *start, uint64_t *end);
+    // Indexes the functions of DWARF sections held in memory, as FindFunction does for the
+    // loaded object on its first call. Used by tests and by the fuzzer.
+    void IndexFunctions(const quillet::CDwarfSections &sections, quillet::CSequencePlacer &placer);
 
     // Decodes DWARF line information held in memory, as the ELF loader does once it has read
     // the sections; `placer` says where each sequence lies. Returns 0, 14 or 31. The bytes need
@@ -122,7 +144,11 @@ public:
 
 private:
     uint32_t BindObject(BrxHandle section);
+    // Reads the DWARF sections of the bound ELF object (.debug_line only when `withLines`); 0 or
+    // 26 when a section that must be there is not.
+    uint32_t ReadDwarfSections(bool withLines, quillet::CReadSections &out) const;
     uint32_t LoadElfLines();
+    void IndexObjectFunctions();
     uint32_t LoadCoffLines();
     uint32_t LoadByFormat();
     // Groups the rows by section (their sequences in table order), gives each section its
@@ -185,6 +211,8 @@ private:
     std::vector<uint32_t> m_FileStarts; // where each file's group begins; one more at the end
     bool m_bSourceIndexBuilt = false;
     int64_t m_nLastSourceHit = -1;
+    quillet::CFunctionIndex m_Functions;
+    bool m_bFunctionsIndexed = false;
     BrxHandle m_LastQueriedSection = 0;
     size_t m_nLastQueriedSlot = SIZE_MAX;
 

@@ -91,4 +91,14 @@ QUILLET_API DbgStatus DbgLine_find_row(DbgLineSectionHandle *handle, uint64_t of
     return StatusOfFailedAllocation();
 }
 
+QUILLET_API DbgStatus DbgLine_find_function(DbgLineSectionHandle *handle, uint64_t offset,
+                                            char *buffer, uint32_t *size, uint64_t *start,
+                                            uint64_t *end) try {
+    CBaseRetrieve *reader = Reader();
+    return reader ? reader->FindFunction(handle, offset, buffer, size, start, end)
+                  : DBG_ERR_NOT_RETRIEVE_MODE;
+} catch (...) {
+    return StatusOfFailedAllocation();
+}
+
 } // extern "C"
