@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -30,7 +28,7 @@ std::vector<uint8_t> SampleCoff(const TempDir &dir) {
 // Opens an image; when it opens, every query a reader makes must work without a crash.
 int32_t OpenAndWalk(const TempDir &dir, const std::vector<uint8_t> &image) {
     std::string path = dir.File("input.bin");
-    WriteFileBytes(path, image);
+    WriteBytes(path, image);
     BrxHandle file = 0;
     uint32_t mode = 7;
     int32_t result = _brx_open_file(path.c_str(), &mode, &file, 0);
@@ -335,12 +333,9 @@ std::vector<DamageCase> AllDamage() {
 
 INSTANTIATE_TEST_SUITE_P(Fields, TargetedDamage, ::testing::ValuesIn(AllDamage()),
                          [](const auto &info) {
-                             std::string name =
-                                 std::string(info.param.sample) + "_" + info.param.damage.what;
-                             for (char &ch : name)
-                                 if (!std::isalnum(static_cast<unsigned char>(ch)))
-                                     ch = '_';
-                             return name + "_" + std::to_string(info.index);
+                             return qtest::CaseName(std::string(info.param.sample) + " " +
+                                                        info.param.damage.what,
+                                                    info.index);
                          });
 
 // Files that are not objects, or not of a kind brix reads, and the result that says so.
@@ -414,6 +409,7 @@ TEST(WrongArguments, AreRefused) {
         EXPECT_NE(_brx_set_value(section, key, &value, 0), 0) << key;
     }
     EXPECT_NE(_brx_get_keyed(file, BRX_KEY_NEXT_RELOCATION, nullptr, &value, 0), 0);
+    EXPECT_NE(_brx_get_keyed(file, BRX_KEY_OWNER, nullptr, &value, 0), 0); // a file has none
     EXPECT_NE(_brx_get_keyed(table, BRX_KEY_FIND, nullptr, &value, 0), 0);
     // Null pointers where a value is needed.
     EXPECT_NE(_brx_get_keyed(file, BRX_KEY_FORMAT, nullptr, nullptr, 0), 0);

@@ -135,12 +135,21 @@ SectionHeader LineSectionHeader(const std::string &object) {
     return header;
 }
 
-// Assembly whose line table is large enough for objcopy to compress it.
-std::string ManyLines() {
-    std::string text;
+// Assembles a line table large enough for objcopy to compress it into `plain`, and the copy that
+// `compress` (objcopy's option) makes of it into `packed`.
+void MakeCompressedCopy(const TempDir &dir, const std::string &triple, const std::string &compress,
+                        std::string &plain, std::string &packed) {
+    std::string source = dir.File("in.s"), text;
+    plain = dir.File("plain.o");
+    packed = dir.File("z.o");
     for (int i = 0; i < 300; ++i)
         text += " nop\n";
-    return text;
+    ASSERT_TRUE(qtest::WriteTextFile(source, text));
+    CommandResult made =
+        RunCommand("llvm-mc-14 -filetype=obj -g -triple " + triple + " " + source + " -o " + plain +
+                   " && objcopy " + compress + " " + plain + " " + packed);
+    ASSERT_EQ(made.exitCode, 0) << made.output;
+    ASSERT_EQ(LineSectionHeader(packed).flags, "C") << "objcopy left .debug_line as it was";
 }
 
 class CompressedSections : public ::testing::TestWithParam<CompressionCase> {};
@@ -150,14 +159,8 @@ class CompressedSections : public ::testing::TestWithParam<CompressionCase> {};
 TEST_P(CompressedSections, ReadAsThePlainObject) {
     const CompressionCase &c = GetParam();
     TempDir dir;
-    std::string source = dir.File("in.s"), plain = dir.File("plain.o"), packed = dir.File("z.o");
-    ASSERT_TRUE(qtest::WriteTextFile(source, ManyLines()));
-    CommandResult made = RunCommand(std::string("llvm-mc-14 -filetype=obj -g -triple ") + c.triple +
-                                    " " + source + " -o " + plain);
-    ASSERT_EQ(made.exitCode, 0) << made.output;
-    made = RunCommand(std::string("objcopy ") + c.compress + " " + plain + " " + packed);
-    ASSERT_EQ(made.exitCode, 0) << made.output;
-    ASSERT_EQ(LineSectionHeader(packed).flags, "C") << "objcopy left .debug_line as it was";
+    std::string plain, packed;
+    ASSERT_NO_FATAL_FAILURE(MakeCompressedCopy(dir, c.triple, c.compress, plain, packed));
 
     uint32_t mode = 0;
     BrxHandle a = 0, b = 0;
@@ -198,13 +201,9 @@ INSTANTIATE_TEST_SUITE_P(Kinds, CompressedSections, ::testing::ValuesIn(kCompres
 // itself still opens.
 TEST(CompressedSections, DamagedStreamsAreRefusedWhenRead) {
     TempDir dir;
-    std::string source = dir.File("in.s"), plain = dir.File("plain.o"), packed = dir.File("z.o");
-    ASSERT_TRUE(qtest::WriteTextFile(source, ManyLines()));
-    ASSERT_EQ(RunCommand("llvm-mc-14 -filetype=obj -g -triple x86_64-linux-gnu " + source + " -o " +
-                         plain + " && objcopy --compress-debug-sections=zlib " + plain + " " +
-                         packed)
-                  .exitCode,
-              0);
+    std::string plain, packed;
+    ASSERT_NO_FATAL_FAILURE(MakeCompressedCopy(dir, "x86_64-linux-gnu",
+                                               "--compress-debug-sections=zlib", plain, packed));
     uint64_t offset = LineSectionHeader(packed).offset;
     ASSERT_NE(offset, 0u);
     std::vector<uint8_t> image = ReadFileBytes(packed);
@@ -221,7 +220,7 @@ TEST(CompressedSections, DamagedStreamsAreRefusedWhenRead) {
         std::vector<uint8_t> copy = image;
         copy[offset + d.at] ^= d.value;
         std::string path = dir.File(std::string(d.name) + ".o");
-        WriteFileBytes(path, copy);
+        WriteBytes(path, copy);
         uint32_t mode = 0;
         BrxHandle file = 0;
         ASSERT_EQ(_brx_open_file(path.c_str(), &mode, &file, 0), BRX_OK);

@@ -7,37 +7,11 @@
 #include <algorithm>
 #include <functional>
 #include <map>
-#include <tuple>
+#include <set>
 
 using namespace brixtest;
 
 namespace {
-
-bool HasFlag(const ReadobjNode &section, const char *listName, const std::string &flag) {
-    const ReadobjNode *list = section.Child(listName);
-    if (!list)
-        return false;
-    for (const auto &a : list->attributes)
-        if (a.second.rfind(flag + " ", 0) == 0)
-            return true;
-    return false;
-}
-
-// The number in the last parentheses of "Name (12)" or "Any (0x2)".
-uint64_t NumberInParentheses(const std::string &value) {
-    size_t open = value.rfind('(');
-    return open == std::string::npos ? 0 : ParseNumber(value.substr(open + 1));
-}
-
-std::vector<const ReadobjNode *> Children(const ReadobjNode &root, const char *list,
-                                          const char *item) {
-    std::vector<const ReadobjNode *> out;
-    if (const ReadobjNode *l = root.Child(list))
-        for (const ReadobjNode &c : l->children)
-            if (c.name == item)
-                out.push_back(&c);
-    return out;
-}
 
 // Architecture-neutral assembly: code bytes, two functions, data words that refer to them.
 std::string Assembly(const char *wordDirective, const char *extra) {
@@ -101,12 +75,9 @@ class ForeignElf : public ::testing::TestWithParam<ElfCase> {};
 
 TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
     const ElfCase &c = GetParam();
-    if (!ToolAvailable("llvm-mc-14") || !ToolAvailable("llvm-readobj-14") ||
-        (c.link && !ToolAvailable("ld")))
-        FAIL() << "llvm-mc-14, llvm-readobj-14 or ld is not installed";
     TempDir dir;
     std::string source = Assembly(c.word, c.extra);
-    WriteFileBytes(dir.File("t.s"), std::vector<uint8_t>(source.begin(), source.end()));
+    qtest::WriteTextFile(dir.File("t.s"), source);
     CommandResult mc = RunCommand("llvm-mc-14 -filetype=obj -triple " + std::string(c.triple) +
                                   " -g '" + dir.File("t.s") + "' -o '" + dir.File("t.o") + "'");
     ASSERT_EQ(mc.exitCode, 0) << mc.output;
@@ -131,7 +102,7 @@ TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
     EXPECT_EQ(U32(file, BRX_KEY_MACHINE), c.machine);
 
     // Sections with content are offered; the format's tables are not.
-    std::vector<const ReadobjNode *> all = Children(root, "Sections", "Section");
+    std::vector<const ReadobjNode *> all = root.Items("Sections", "Section");
     std::vector<BrxHandle> sections = Sections(file);
     size_t offered = 0, symbolTable = 0;
     for (size_t i = 0; i < all.size(); ++i) {
@@ -150,7 +121,7 @@ TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
         EXPECT_EQ(U64(h, BRX_KEY_SECTION_SIZE), ParseNumber(s->Get("Size")));
         EXPECT_EQ(U64(h, BRX_KEY_SECTION_ADDRESS), ParseNumber(s->Get("Address")));
         EXPECT_EQ((U32(h, BRX_KEY_SECTION_FLAGS) & BRX_SECTION_CODE) != 0,
-                  HasFlag(*s, "Flags", "SHF_EXECINSTR"));
+                  s->HasFlag("Flags", "SHF_EXECINSTR"));
         EXPECT_EQ(SectionBytes(h).size(), ParseNumber(s->Get("Size")));
     }
     EXPECT_EQ(offered, sections.size());
@@ -160,7 +131,7 @@ TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
     // Symbols in table order (llvm-readobj also lists the null symbol first). In linked objects
     // a symbol's value is an address, brix's offset is relative to its section.
     std::vector<BrxHandle> symbols = Symbols(file);
-    std::vector<const ReadobjNode *> expected = Children(root, "Symbols", "Symbol");
+    std::vector<const ReadobjNode *> expected = root.Items("Symbols", "Symbol");
     ASSERT_EQ(expected.size(), symbols.size() + 1);
     for (size_t i = 0; i < symbols.size(); ++i) {
         const ReadobjNode &e = *expected[i + 1];
@@ -240,26 +211,6 @@ const char kSourceHelper[] = R"(static int helper(int v) {
 }
 )";
 
-struct LineRow {
-    size_t section; // position among the object's sections
-    std::string file;
-    uint64_t address;
-    uint32_t line;
-    bool operator<(const LineRow &o) const {
-        return std::tie(section, file, address, line) <
-               std::tie(o.section, o.file, o.address, o.line);
-    }
-    bool operator==(const LineRow &o) const {
-        return std::tie(section, file, address, line) ==
-               std::tie(o.section, o.file, o.address, o.line);
-    }
-};
-
-std::ostream &operator<<(std::ostream &os, const LineRow &r) {
-    return os << "{" << r.section << " " << r.file << " +" << r.address << " line " << r.line
-              << "}";
-}
-
 struct CompileCase {
     const char *name;
     const char *flags;
@@ -269,13 +220,9 @@ struct CompileCase {
 class ForeignCoff : public ::testing::TestWithParam<CompileCase> {};
 
 TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
-    if (!ToolAvailable("clang-14") || !ToolAvailable("llvm-readobj-14"))
-        FAIL() << "clang-14 or llvm-readobj-14 is not installed";
     TempDir dir;
-    WriteFileBytes(dir.File("main.c"),
-                   std::vector<uint8_t>(kSourceMain, kSourceMain + sizeof kSourceMain - 1));
-    WriteFileBytes(dir.File("helper.h"),
-                   std::vector<uint8_t>(kSourceHelper, kSourceHelper + sizeof kSourceHelper - 1));
+    qtest::WriteTextFile(dir.File("main.c"), kSourceMain);
+    qtest::WriteTextFile(dir.File("helper.h"), kSourceHelper);
     CommandResult cc = RunCommand("cd '" + dir.Path() +
                                   "' && clang-14 --target=x86_64-pc-windows-msvc -g -gcodeview " +
                                   GetParam().flags + " -c main.c -o main.obj");
@@ -295,7 +242,7 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
     EXPECT_EQ(U32(file, BRX_KEY_MACHINE), 0x8664u);
 
     std::vector<BrxHandle> sections = Sections(file);
-    std::vector<const ReadobjNode *> expectedSections = Children(root, "Sections", "Section");
+    std::vector<const ReadobjNode *> expectedSections = root.Items("Sections", "Section");
     ASSERT_EQ(sections.size(), expectedSections.size());
     for (size_t i = 0; i < sections.size(); ++i) {
         const ReadobjNode &e = *expectedSections[i];
@@ -303,12 +250,12 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
         EXPECT_EQ(SectionName(sections[i]), StripNumber(e.Get("Name")));
         EXPECT_EQ(U64(sections[i], BRX_KEY_SECTION_SIZE), ParseNumber(e.Get("RawDataSize")));
         EXPECT_EQ((U32(sections[i], BRX_KEY_SECTION_FLAGS) & BRX_SECTION_CODE) != 0,
-                  HasFlag(e, "Characteristics", "IMAGE_SCN_CNT_CODE"));
+                  e.HasFlag("Characteristics", "IMAGE_SCN_CNT_CODE"));
     }
 
     // Symbols in table order; a FILE record is offered as a plain symbol named by its file.
     std::vector<BrxHandle> symbols = Symbols(file);
-    std::vector<const ReadobjNode *> expectedSymbols = Children(root, "Symbols", "Symbol");
+    std::vector<const ReadobjNode *> expectedSymbols = root.Items("Symbols", "Symbol");
     ASSERT_LE(expectedSymbols.size(), symbols.size());
     std::map<std::string, uint64_t> functionOffsets;
     std::map<std::string, size_t> functionSections;
@@ -368,9 +315,9 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
     EXPECT_GE(relocationCount, 6u);
 
     // Line information: llvm-readobj gives offsets from the function's symbol; brix gives
-    // section offsets.
+    // section offsets. Sections are named by their position, since COMDAT ones share a name.
     std::vector<LineRow> expectedRows;
-    std::vector<std::string> expectedFiles;
+    std::set<std::string> expectedFiles;
     std::function<void(const ReadobjNode &)> collect = [&](const ReadobjNode &n) {
         if (n.name == "FunctionLineTable") {
             std::string function = n.Get("LinkageName");
@@ -378,14 +325,13 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
                 if (segment.name != "FilenameSegment")
                     continue;
                 std::string fileName = StripNumber(segment.Get("Filename"));
-                if (std::find(expectedFiles.begin(), expectedFiles.end(), fileName) ==
-                    expectedFiles.end())
-                    expectedFiles.push_back(fileName);
+                expectedFiles.insert(fileName);
                 for (const ReadobjNode &row : segment.children)
                     expectedRows.push_back(
-                        {functionSections.at(function), fileName,
+                        {std::to_string(functionSections.at(function)), fileName,
                          functionOffsets.at(function) + ParseNumber(row.name.substr(1)),
-                         uint32_t(ParseNumber(row.Get("LineNumberStart")))});
+                         uint32_t(ParseNumber(row.Get("LineNumberStart"))),
+                         uint32_t(ParseNumber(row.Get("ColStart")))});
             }
         }
         for (const ReadobjNode &c : n.children)
@@ -393,47 +339,13 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
     };
     collect(root);
     ASSERT_GE(expectedRows.size(), 8u);
-
-    std::vector<LineRow> rows;
-    for (size_t i = 0; i < sections.size(); ++i) {
-        BrxHandle previousBlock = BRX_FIRST, block = 0;
-        while (_brx_get_keyed(sections[i], BRX_KEY_NEXT_LINE_BLOCK, &previousBlock, &block, 0) ==
-               0) {
-            BrxHandle reference = U32(block, BRX_KEY_LINE_BLOCK_FILE);
-            BrxHandle fileSymbol = U32(reference, BRX_KEY_LINE_FILE_SYMBOL);
-            EXPECT_EQ(U32(fileSymbol, BRX_KEY_SYMBOL_TYPE), uint32_t(BRX_SYMBOL_SOURCE_FILE));
-            std::string fileName = SymbolName(fileSymbol);
-            uint32_t count = U32(block, BRX_KEY_LINE_ITEM_COUNT);
-            uint32_t seen = 0;
-            BrxHandle previousItem = BRX_FIRST, item = 0;
-            while (_brx_get_keyed(block, BRX_KEY_NEXT_LINE_ITEM, &previousItem, &item, 0) == 0) {
-                rows.push_back({i, fileName, U64(item, BRX_KEY_LINE_ITEM_ADDRESS),
-                                U32(item, BRX_KEY_LINE_ITEM_LINE)});
-                EXPECT_EQ(U32(item, BRX_KEY_OWNER), block);
-                previousItem = item;
-                ++seen;
-            }
-            EXPECT_EQ(seen, count);
-            previousBlock = block;
-        }
-    }
+    std::vector<LineRow> rows = LineRows(file, true);
     std::sort(rows.begin(), rows.end());
     std::sort(expectedRows.begin(), expectedRows.end());
     EXPECT_EQ(rows, expectedRows);
-
-    // The files the line information names are the source-file symbols, in first-seen order.
-    std::vector<std::string> files;
-    BrxHandle table = SymbolTable(file), symbol = 0;
-    uint32_t sourceFile = BRX_SYMBOL_SOURCE_FILE;
-    BrxFindSymbol find{BRX_FIRST, BRX_KEY_SYMBOL_TYPE, &sourceFile};
-    while (_brx_get_keyed(table, BRX_KEY_FIND_SYMBOL, &find, &symbol, 0) == 0) {
-        files.push_back(SymbolName(symbol));
-        find.after = symbol;
-    }
-    std::vector<std::string> sortedFiles = files, sortedExpected = expectedFiles;
-    std::sort(sortedFiles.begin(), sortedFiles.end());
-    std::sort(sortedExpected.begin(), sortedExpected.end());
-    EXPECT_EQ(sortedFiles, sortedExpected);
+    // The files the line information names are the source-file symbols.
+    std::vector<std::string> files = SourceFiles(file);
+    EXPECT_EQ(std::set<std::string>(files.begin(), files.end()), expectedFiles);
     EXPECT_EQ(files.size(), 2u);
     EXPECT_EQ(_brx_close_file(file), 0);
 }
@@ -441,8 +353,6 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
 // COFF states a function's size only in a function-definition record, which compilers seldom
 // write; the section definition that follows a section symbol is no size.
 TEST(ForeignCoffSymbols, FunctionDefinitionRecordGivesTheSize) {
-    if (!ToolAvailable("yaml2obj-14"))
-        FAIL() << "yaml2obj-14 is not installed";
     TempDir dir;
     const std::string yaml = R"(--- !COFF
 header: { Machine: IMAGE_FILE_MACHINE_AMD64, Characteristics: [ ] }
@@ -464,7 +374,7 @@ symbols:
       ComplexType: IMAGE_SYM_DTYPE_FUNCTION, StorageClass: IMAGE_SYM_CLASS_STATIC }
 ...
 )";
-    WriteFileBytes(dir.File("f.yaml"), std::vector<uint8_t>(yaml.begin(), yaml.end()));
+    qtest::WriteTextFile(dir.File("f.yaml"), yaml);
     CommandResult made =
         RunCommand("yaml2obj-14 '" + dir.File("f.yaml") + "' -o '" + dir.File("f.obj") + "'");
     ASSERT_EQ(made.exitCode, 0) << made.output;

@@ -2,40 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <cctype>
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <sstream>
-#include <unistd.h>
+#include <tuple>
 
 namespace brixtest {
-
-bool ToolAvailable(const std::string &tool) {
-    return RunCommand("command -v " + tool + " >/dev/null").exitCode == 0;
-}
-
-void WriteFileBytes(const std::string &path, const std::vector<uint8_t> &bytes) {
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char *>(bytes.data()), std::streamsize(bytes.size()));
-}
-
-std::vector<std::string> ComplaintLines(const std::string &text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        std::string lower = line;
-        std::transform(lower.begin(), lower.end(), lower.begin(),
-                       [](unsigned char c) { return char(std::tolower(c)); });
-        if (lower.find("warning") != std::string::npos || lower.find("error") != std::string::npos)
-            lines.push_back(line);
-    }
-    return lines;
-}
 
 BrxHandle AddSection(BrxHandle file, const char *name, uint16_t flags, uint32_t alignment,
                      uint32_t kind) {
@@ -167,9 +138,62 @@ uint64_t U64(BrxHandle object, uint32_t key) {
     return v;
 }
 
-} // namespace brixtest
+std::vector<std::string> SourceFiles(BrxHandle file) {
+    std::vector<std::string> files;
+    uint32_t sourceFile = BRX_SYMBOL_SOURCE_FILE;
+    BrxFindSymbol find{BRX_FIRST, BRX_KEY_SYMBOL_TYPE, &sourceFile};
+    BrxHandle symbol = 0;
+    while (_brx_get_keyed(SymbolTable(file), BRX_KEY_FIND_SYMBOL, &find, &symbol, 0) == 0) {
+        files.push_back(SymbolName(symbol));
+        find.after = symbol;
+    }
+    return files;
+}
 
-namespace brixtest {
+bool LineRow::operator==(const LineRow &o) const {
+    return std::tie(section, file, address, line, column) ==
+           std::tie(o.section, o.file, o.address, o.line, o.column);
+}
+bool LineRow::operator<(const LineRow &o) const {
+    return std::tie(section, file, address, line, column) <
+           std::tie(o.section, o.file, o.address, o.line, o.column);
+}
+std::ostream &operator<<(std::ostream &os, const LineRow &r) {
+    return os << "{" << r.section << " " << r.file << " +" << r.address << " " << r.line << ":"
+              << r.column << "}";
+}
+
+std::vector<LineRow> LineRows(BrxHandle file, bool sectionsByPosition) {
+    std::vector<LineRow> rows;
+    std::vector<BrxHandle> sections = Sections(file);
+    for (size_t position = 0; position < sections.size(); ++position) {
+        BrxHandle section = sections[position];
+        std::string sectionName =
+            sectionsByPosition ? std::to_string(position) : SectionName(section);
+        BrxHandle previous = BRX_FIRST, block = 0;
+        int32_t result;
+        while ((result = _brx_get_keyed(section, BRX_KEY_NEXT_LINE_BLOCK, &previous, &block, 0)) ==
+               0) {
+            EXPECT_EQ(U32(block, BRX_KEY_OWNER), section);
+            BrxHandle source = U32(U32(block, BRX_KEY_LINE_BLOCK_FILE), BRX_KEY_LINE_FILE_SYMBOL);
+            EXPECT_EQ(U32(source, BRX_KEY_SYMBOL_TYPE), uint32_t(BRX_SYMBOL_SOURCE_FILE));
+            uint32_t seen = 0;
+            BrxHandle previousItem = BRX_FIRST, item = 0;
+            while (_brx_get_keyed(block, BRX_KEY_NEXT_LINE_ITEM, &previousItem, &item, 0) == 0) {
+                EXPECT_EQ(U32(item, BRX_KEY_OWNER), block);
+                rows.push_back(
+                    {sectionName, SymbolName(source), U64(item, BRX_KEY_LINE_ITEM_ADDRESS),
+                     U32(item, BRX_KEY_LINE_ITEM_LINE), U32(item, BRX_KEY_LINE_ITEM_COLUMN)});
+                previousItem = item;
+                ++seen;
+            }
+            EXPECT_EQ(seen, U32(block, BRX_KEY_LINE_ITEM_COUNT));
+            previous = block;
+        }
+        EXPECT_EQ(result, BRX_ERR_NO_MORE);
+    }
+    return rows;
+}
 
 std::string ReadobjNode::Get(const std::string &key) const {
     for (const auto &a : attributes)
@@ -183,6 +207,23 @@ const ReadobjNode *ReadobjNode::Child(const std::string &childName) const {
         if (c.name == childName)
             return &c;
     return nullptr;
+}
+
+std::vector<const ReadobjNode *> ReadobjNode::Items(const char *list, const char *item) const {
+    std::vector<const ReadobjNode *> out;
+    if (const ReadobjNode *l = Child(list))
+        for (const ReadobjNode &c : l->children)
+            if (c.name == item)
+                out.push_back(&c);
+    return out;
+}
+
+bool ReadobjNode::HasFlag(const char *list, const std::string &flag) const {
+    if (const ReadobjNode *l = Child(list))
+        for (const auto &a : l->attributes)
+            if (a.second.rfind(flag + " ", 0) == 0)
+                return true;
+    return false;
 }
 
 static std::string Trim(const std::string &s) {
@@ -236,9 +277,10 @@ uint64_t ParseNumber(const std::string &value) {
     return std::strtoull(value.c_str(), nullptr, 0);
 }
 
-} // namespace brixtest
-
-namespace brixtest {
+uint64_t NumberInParentheses(const std::string &value) {
+    size_t open = value.rfind('(');
+    return open == std::string::npos ? 0 : ParseNumber(value.substr(open + 1));
+}
 
 namespace {
 
@@ -361,10 +403,6 @@ void WriteCodeViewSample(const std::string &path, bool ownTableDiffers) {
     ASSERT_EQ(_brx_write_file(file), 0);
     ASSERT_EQ(_brx_close_file(file), 0);
 }
-
-} // namespace brixtest
-
-namespace brixtest {
 
 // A module with two code sections (one of them COMDAT), a debugging section tied to the COMDAT
 // one, a line-like section with relocations against a section and a symbol, and symbols of

@@ -1,30 +1,28 @@
-// Helpers shared by the brix tests: a temporary directory, running a command and capturing its
-// output, and building objects through the keyed interface.
+// Helpers shared by the brix tests: building objects through the keyed interface, walking what
+// a file offers, reading llvm-readobj's listings, and the sample objects the tests share.
 #pragma once
 
 #include "brix/brix.h"
 #include "support/Support.h"
 
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
 namespace brixtest {
 
-// The temporary directory, command runner and file reader shared by every test program.
 using qtest::CommandResult;
+using qtest::ConsumerComplaints;
 using qtest::ReadFileBytes;
 using qtest::RunCommand;
 using qtest::TempDir;
 
-bool ToolAvailable(const std::string &tool);
+inline void WriteBytes(const std::string &path, const std::vector<uint8_t> &bytes) {
+    qtest::WriteTextFile(path, std::string(bytes.begin(), bytes.end()));
+}
 
-void WriteFileBytes(const std::string &path, const std::vector<uint8_t> &bytes);
-
-// Lines of text that mention a warning or an error, in any letter case.
-std::vector<std::string> ComplaintLines(const std::string &text);
-
-// Thin wrappers over the keyed interface for the tests.
+// Thin wrappers over the keyed interface; a refused call is a test failure.
 BrxHandle AddSection(BrxHandle file, const char *name, uint16_t flags, uint32_t alignment = 4,
                      uint32_t kind = 0);
 BrxHandle AddSymbol(BrxHandle file, const char *name, uint32_t binding, uint32_t type,
@@ -41,12 +39,23 @@ std::vector<uint8_t> SectionBytes(BrxHandle section);
 std::vector<BrxHandle> Sections(BrxHandle file);
 std::vector<BrxHandle> Symbols(BrxHandle file);
 std::vector<BrxHandle> Relocations(BrxHandle section);
+// The source-file symbols, in the order the table offers them.
+std::vector<std::string> SourceFiles(BrxHandle file);
 uint32_t U32(BrxHandle object, uint32_t key);
 uint64_t U64(BrxHandle object, uint32_t key);
 
-} // namespace brixtest
-
-namespace brixtest {
+// One row of a file's line information as brix offers it: section (its name, or its position
+// among the file's sections where names repeat), source file, section offset.
+struct LineRow {
+    std::string section, file;
+    uint64_t address;
+    uint32_t line, column;
+    bool operator==(const LineRow &o) const;
+    bool operator<(const LineRow &o) const;
+};
+std::ostream &operator<<(std::ostream &os, const LineRow &row);
+// Every row, block by block; checks that each block's count matches the items it offers.
+std::vector<LineRow> LineRows(BrxHandle file, bool sectionsByPosition = false);
 
 // The nested "Key: value" / "Name {" ... "}" text that llvm-readobj prints, as a tree.
 struct ReadobjNode {
@@ -56,15 +65,17 @@ struct ReadobjNode {
 
     std::string Get(const std::string &key) const; // empty when absent
     const ReadobjNode *Child(const std::string &name) const;
+    // The children named `item` of the child `list` ("Sections" / "Section").
+    std::vector<const ReadobjNode *> Items(const char *list, const char *item) const;
+    // Whether the flag list `list` holds `flag`.
+    bool HasFlag(const char *list, const std::string &flag) const;
 };
 ReadobjNode ParseReadobj(const std::string &text);
 // "name (12)" -> "name"
 std::string StripNumber(const std::string &value);
 uint64_t ParseNumber(const std::string &value); // decimal or 0x hex, up to the first space
-
-} // namespace brixtest
-
-namespace brixtest {
+// The number in the last parentheses of "Name (12)" or "Any (0x2)".
+uint64_t NumberInParentheses(const std::string &value);
 
 // A COFF object as Quillet lays one out: .text, a COMDAT .text$inline_fn, the main .debug$S
 // (string table "unit.asm", "inc.inc"; checksums; lines of .text: unit.asm lines 10, 11, 12 at
