@@ -34,9 +34,6 @@ struct ErrorCase {
 
 const ErrorCase kErrorCases[] = {
     {"MissingObject", "lines missing.o", {"qdbg: missing.o: No such file or directory"}},
-    {"MissingObjectForASourceQuery",
-     "line missing.o a.s 3",
-     {"qdbg: missing.o: No such file or directory"}},
     {"Directory", "files folder", {"qdbg: folder: is a directory"}},
     {"TextFile", "lines notes.txt", {"notes.txt: not an ELF or COFF object file"}},
     {"Truncated",
