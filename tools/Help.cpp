@@ -78,7 +78,8 @@ const char kAddr[] = R"(    addr [--json] [-f] [--section NAME] OBJECT [ADDRESS.
         of a relocatable one. The answer is the row whose range holds the address; past the
         end of a sequence of rows there is none.
         -f, --functions   print the function that holds the address before its line: the
-                          function symbol whose range holds it
+                          function symbol whose range holds it or, where the symbol table
+                          has none (a stripped one), the DWARF subprogram that does
         --section NAME    addresses are offsets in section NAME
         --json            one JSON object per address:
                           {"address": 4198710, "function": "main", "file": "/src/prog.c",

@@ -239,8 +239,25 @@ void ObjectLines::BuildFunctionIndex() {
 std::string_view ObjectLines::FunctionAt(size_t section, uint64_t offset) {
     if (!m_bFunctionIndex)
         BuildFunctionIndex();
-    const uint32_t *name = m_Sections[section].functions.Find(offset);
-    return name ? std::string_view(m_FunctionNames[*name]) : std::string_view();
+    if (const uint32_t *name = m_Sections[section].functions.Find(offset))
+        return m_FunctionNames[*name];
+    // No function symbol holds it (a stripped symbol table): the DWARF subprograms may.
+    DbgLineSectionHandle *handle = nullptr;
+    if (Lines(section, handle) != DBG_ERR_NONE)
+        return std::string_view();
+    m_Subprogram.resize(std::max<size_t>(m_Subprogram.size(), 256));
+    while (true) {
+        uint32_t size = static_cast<uint32_t>(m_Subprogram.size());
+        DbgStatus status =
+            DbgLine_find_function(handle, offset, m_Subprogram.data(), &size, nullptr, nullptr);
+        if (status == DBG_ERR_NONE)
+            return std::string_view(m_Subprogram.data(),
+                                    strnlen(m_Subprogram.data(), m_Subprogram.size()));
+        // 38 says the buffer is too small and how large it must be.
+        if (status != DBG_ERR_BAD_SOURCE_INDEX || size <= m_Subprogram.size())
+            return std::string_view();
+        m_Subprogram.resize(size);
+    }
 }
 
 } // namespace qdbg

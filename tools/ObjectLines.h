@@ -64,7 +64,8 @@ public:
     const std::string *FileName(uint32_t index);
     size_t FileCount() const { return m_FileNames.size(); }
     // The function whose code holds offset in the section: the function symbol whose range
-    // holds it; empty when none does.
+    // holds it, else the DWARF subprogram that does; empty when none does. The name lives until
+    // the next call.
     std::string_view FunctionAt(size_t section, uint64_t offset);
 
 private:
@@ -78,6 +79,7 @@ private:
     bool m_bAddressIndex = false;
     std::vector<std::optional<std::string>> m_FileNames;
     std::vector<std::string> m_FunctionNames;
+    std::vector<char> m_Subprogram; // the last name a subprogram gave
     bool m_bFunctionIndex = false;
 };
 

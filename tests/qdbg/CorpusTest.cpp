@@ -63,6 +63,15 @@ const CorpusEntry kCorpus[] = {
     {"ClangLdR", TWO_OBJECTS(CLANG, "-gdwarf-4") "ld -r m.o u.o -o out"},
     {"ClangExecutable", TWO_OBJECTS(CLANG, "") "ld -e start m.o u.o -o out"},
     {"Clang32", CLANG "-m32 main.c -o out"},
+    // Functions that the symbol table does not name are named by the DWARF subprograms. Where
+    // code is inlined, the symbolizer then names the inlined function, not the one that holds the
+    // code as a symbol would: its answers on the object as linked, `unstripped`, are the measure.
+    {"GccLocalFunctionSymbolsStripped",
+     GCC "-O0 main.c -o m.o && objcopy --strip-symbol=weigh --strip-symbol=clamp m.o out"},
+    {"ClangFunctionSymbolsStripped",
+     TWO_OBJECTS(CLANG, "-gdwarf-5") "ld -e start m.o u.o -o unstripped && objcopy "
+                                     "--strip-symbol=classify --strip-symbol=mix "
+                                     "--strip-symbol=start unstripped out"},
 };
 
 // What llvm-dwarfdump decodes: rows as "SECTION ADDRESS FILE:LINE:COLUMN" (the section, only in
@@ -258,6 +267,7 @@ TEST_P(Corpus, QdbgReadsWhatTheDumperAndTheSymbolizerRead) {
     // llvm-symbolizer cannot tell a relocatable object's sections apart (all start at 0), so
     // addresses in sections other than .text are asked of addr2line, section by section, for
     // their lines (its function is the innermost inlined one, qdbg's the one that holds the code).
+    const std::string peerObject = FileExists(dir.File("unstripped")) ? "unstripped" : "out";
     for (const auto &[section, sampled] : decoded.samples) {
         std::string addresses;
         for (uint64_t address : sampled)
@@ -270,7 +280,8 @@ TEST_P(Corpus, QdbgReadsWhatTheDumperAndTheSymbolizerRead) {
                        dir.Path());
         EXPECT_TRUE(ours.exitCode == 0 || ours.exitCode == 3) << ours.err;
         CommandResult theirs = RunCommand(
-            symbolizer ? "llvm-symbolizer-14 --no-inlines --output-style=JSON --obj=out < addresses"
+            symbolizer ? "llvm-symbolizer-14 --no-inlines --output-style=JSON --obj=" + peerObject +
+                             " < addresses"
                        : "addr2line -e out -j " + section + " < addresses",
             dir.Path());
         ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
