@@ -63,9 +63,8 @@ const CorpusEntry kCorpus[] = {
     {"ClangLdR", TWO_OBJECTS(CLANG, "-gdwarf-4") "ld -r m.o u.o -o out"},
     {"ClangExecutable", TWO_OBJECTS(CLANG, "") "ld -e start m.o u.o -o out"},
     {"Clang32", CLANG "-m32 main.c -o out"},
-    // Functions that the symbol table does not name are named by the DWARF subprograms. Where
-    // code is inlined, the symbolizer then names the inlined function, not the one that holds the
-    // code as a symbol would: its answers on the object as linked, `unstripped`, are the measure.
+    // Functions the symbol table lacks are named by the DWARF subprograms. The symbolizer would
+    // name inlined code's function, not its holder's: its answers on `unstripped` are the measure.
     {"GccLocalFunctionSymbolsStripped",
      GCC "-O0 main.c -o m.o && objcopy --strip-symbol=weigh --strip-symbol=clamp m.o out"},
     {"ClangFunctionSymbolsStripped",
@@ -203,10 +202,11 @@ std::vector<std::string> ListedRows(const std::string &object, bool relocatable)
     return rows;
 }
 
-// Each answer: "FUNCTION FILE:LINE" of JSON objects whose fields are named as the tool names them,
-// or (no names given) "FILE:LINE" of addr2line's lines.
-std::vector<std::string> Answers(const std::string &output, const char *function = nullptr,
-                                 const char *file = nullptr, const char *line = nullptr) {
+// Each answer: "FUNCTION FILE:LINE" of JSON objects (qdbg's or, for a peer, llvm-symbolizer's
+// field names), else "FILE:LINE" of addr2line's lines.
+std::vector<std::string> Answers(const std::string &output, bool json, bool peer) {
+    const char *function = peer ? "FunctionName" : "function", *file = peer ? "FileName" : "file",
+               *line = peer ? "Line" : "line";
     auto field = [](const std::string &text, const std::string &name) {
         std::smatch m;
         std::regex value("\"" + name + "\": ?(null|\"[^\"]*\"|\\d+)");
@@ -220,7 +220,7 @@ std::vector<std::string> Answers(const std::string &output, const char *function
     std::istringstream in(output);
     for (std::string text; std::getline(in, text);) {
         std::smatch m;
-        if (function)
+        if (json)
             answers.push_back(field(text, function) + " " + Joined("", field(text, file)) + ":" +
                               field(text, line));
         else
@@ -264,9 +264,8 @@ TEST_P(Corpus, QdbgReadsWhatTheDumperAndTheSymbolizerRead) {
     ASSERT_GE(decoded.rows.size(), 10u);
     ExpectSame(ListedRows(object, relocatable), decoded.rows, "llvm-dwarfdump");
 
-    // llvm-symbolizer cannot tell a relocatable object's sections apart (all start at 0), so
-    // addresses in sections other than .text are asked of addr2line, section by section, for
-    // their lines (its function is the innermost inlined one, qdbg's the one that holds the code).
+    // llvm-symbolizer cannot tell a relocatable object's sections apart (all start at 0): in
+    // others than .text addr2line answers, for lines (it names inlined code's function).
     const std::string peerObject = FileExists(dir.File("unstripped")) ? "unstripped" : "out";
     for (const auto &[section, sampled] : decoded.samples) {
         std::string addresses;
@@ -285,11 +284,8 @@ TEST_P(Corpus, QdbgReadsWhatTheDumperAndTheSymbolizerRead) {
                        : "addr2line -e out -j " + section + " < addresses",
             dir.Path());
         ASSERT_EQ(theirs.exitCode, 0) << theirs.err;
-        std::vector<std::string> q = symbolizer ? Answers(ours.out, "function", "file", "line")
-                                                : Answers(ours.out),
-                                 p = symbolizer
-                                         ? Answers(theirs.out, "FunctionName", "FileName", "Line")
-                                         : Answers(theirs.out);
+        std::vector<std::string> q = Answers(ours.out, symbolizer, false),
+                                 p = Answers(theirs.out, symbolizer, true);
         ASSERT_EQ(p.size(), sampled.size()) << section;
         auto k = sampled.begin();
         for (size_t i = 0; i < q.size() && i < p.size(); ++i, ++k) {
