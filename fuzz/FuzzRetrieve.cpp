@@ -77,7 +77,7 @@ void QueryEverything(CBaseRetrieve &engine, const uint8_t *data, size_t size) {
     }
     for (uint32_t file = 0; file < count && file < 4; ++file) {
         DbgSourceHandle *source = nullptr;
-        if (engine.FindSource(engine.Files().GetFile(file)->m_Path.c_str(), &source) != 0)
+        if (engine.FindSource(engine.Files().Path(file).c_str(), &source) != 0)
             continue;
         for (size_t i = 0; i + 1 < size && i < 32; ++i) {
             DbgSourceQuery query{source, data[i], static_cast<uint16_t>(data[i + 1] & 3)};

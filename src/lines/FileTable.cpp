@@ -4,6 +4,10 @@ namespace quillet {
 
 namespace {
 
+// Full paths kept beside the file records, UTF-8 and UTF-16 together: far more than any
+// compiler's table needs, far less than a table of thousands of files in one long directory.
+constexpr uint64_t kKeptPathBytes = uint64_t(4) << 20;
+
 bool IsSeparator(char c) {
     return c == '/' || c == '\\';
 }
@@ -130,8 +134,30 @@ void CFileTable::BeginUnit() {
     m_DirBase = static_cast<int32_t>(m_Directories.size());
 }
 
-void CFileTable::AddDirectory(std::string_view directory) {
-    m_Directories.emplace_back(directory);
+uint32_t CFileTable::Intern(std::string_view text) {
+    // Found by where the text stands, confirmed by what it says: a place seen before may hold
+    // other text now (a caller's buffer reused between units).
+    auto found = m_StringsByPlace.find(text.data());
+    if (found != m_StringsByPlace.end() && m_Strings[found->second] == text)
+        return found->second;
+    uint32_t index = static_cast<uint32_t>(m_Strings.size());
+    m_Strings.emplace_back(text);
+    m_StringsByPlace[text.data()] = index;
+    return index;
+}
+
+void CFileTable::AddDirectory(std::string_view base, std::string_view name) {
+    m_Directories.push_back(CDirectory{Intern(base), Intern(name)});
+}
+
+std::string CFileTable::DirectoryPath(uint32_t index) const {
+    const CDirectory &d = m_Directories[index];
+    return JoinPath(m_Strings[d.m_nBase], m_Strings[d.m_nName]);
+}
+
+std::string CFileTable::MakePath(const FileRecord &file) const {
+    const std::string &name = m_Strings[file.m_nName];
+    return file.m_bJoined ? NormalisePath(JoinPath(DirectoryPath(file.m_nDirectory), name)) : name;
 }
 
 CError CFileTable::AddDwarfFile(std::string_view name, uint64_t directory,
@@ -140,21 +166,53 @@ CError CFileTable::AddDwarfFile(std::string_view name, uint64_t directory,
     if (directory >= m_Directories.size() || position >= m_Directories.size())
         return kFailed;
     FileRecord record;
-    record.m_Path = NormalisePath(JoinPath(m_Directories[position], name));
-    record.m_WidePath = Utf8ToUtf16(record.m_Path);
+    record.m_nName = Intern(name);
     record.m_nDirectory = static_cast<uint32_t>(position);
+    record.m_bJoined = true;
     record.m_nModificationTime = static_cast<uint32_t>(modificationTime);
     record.m_nLength = length;
+    // The path is kept when its UTF-8 and UTF-16 forms (three bytes per byte at most) fit in
+    // what is left of the budget.
+    const CDirectory &d = m_Directories[position];
+    uint64_t longest = m_Strings[d.m_nBase].size() + m_Strings[d.m_nName].size() + name.size() + 2;
+    if (m_nKeptPathBytes + 3 * longest <= kKeptPathBytes) {
+        record.m_Path = MakePath(record);
+        record.m_WidePath = Utf8ToUtf16(record.m_Path);
+        record.m_bPathKept = true;
+        m_nKeptPathBytes += 3 * record.m_Path.size();
+    }
     m_Files.push_back(std::move(record));
     return kOk;
 }
 
 void CFileTable::AddNamedFile(std::string_view name, BrxHandle symbol) {
     FileRecord record;
+    record.m_nName = Intern(name);
     record.m_Path = std::string(name);
     record.m_WidePath = Utf8ToUtf16(name);
+    record.m_bPathKept = true;
     record.m_Symbol = symbol;
     m_Files.push_back(std::move(record));
+}
+
+const std::string &CFileTable::Path(const FileRecord &file, std::string &scratch) const {
+    if (file.m_bPathKept)
+        return file.m_Path;
+    scratch = MakePath(file);
+    return scratch;
+}
+
+const std::u16string &CFileTable::WidePath(const FileRecord &file, std::u16string &scratch) const {
+    if (file.m_bPathKept)
+        return file.m_WidePath;
+    scratch = Utf8ToUtf16(MakePath(file));
+    return scratch;
+}
+
+std::string CFileTable::Path(int64_t index) const {
+    const FileRecord *file = GetFile(index);
+    std::string scratch;
+    return file ? Path(*file, scratch) : std::string();
 }
 
 int32_t CFileTable::FileIndexOfUnitFile(uint64_t fileNumber) const {

@@ -42,11 +42,11 @@ CError CLineSection::ReadFileEntry(CDataCursor &c, CFileTable &files) {
 
 CError CLineSection::ReadVersion2Tables(CDataCursor &c, const CLineUnitContext &unit,
                                         CFileTable &files) {
-    files.AddDirectory(unit.m_CompilationDirectory);
+    files.AddDirectory({}, unit.m_CompilationDirectory);
     // Include directories up to an empty name; a relative one is relative to the compilation
     // directory.
     for (std::string_view dir = c.CString(); c.Ok() && !dir.empty(); dir = c.CString())
-        files.AddDirectory(JoinPath(unit.m_CompilationDirectory, dir));
+        files.AddDirectory(unit.m_CompilationDirectory, dir);
     // File entries up to an empty name.
     while (c.Ok()) {
         if (c.AtEnd()) {
@@ -108,9 +108,9 @@ CError CLineSection::ReadVersion5Tables(CDataCursor &c, const CLineUnitContext &
     CError directories = readTable([&](uint64_t entry, std::string_view path, uint64_t) -> CError {
         if (entry == 0) {
             compilationDirectory = path;
-            files.AddDirectory(JoinPath(unit.m_CompilationDirectory, path));
+            files.AddDirectory(unit.m_CompilationDirectory, path);
         } else {
-            files.AddDirectory(JoinPath(compilationDirectory, path));
+            files.AddDirectory(compilationDirectory, path);
         }
         return kOk;
     });

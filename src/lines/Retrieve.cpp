@@ -856,9 +856,10 @@ uint32_t CBaseRetrieve::FindSource(const char *sourceName, DbgSourceHandle **out
     std::string wanted(sourceName);
     for (char &c : wanted)
         c = LowerAscii(c);
+    std::string scratch;
     for (uint32_t index = 0; index < m_Files.FileCount(); ++index) {
         const FileRecord *record = m_Files.GetFile(index);
-        const std::string &path = record->m_Path;
+        const std::string &path = m_Files.Path(*record, scratch);
         if (path.size() != wanted.size())
             continue;
         bool equal = true;
@@ -866,7 +867,13 @@ uint32_t CBaseRetrieve::FindSource(const char *sourceName, DbgSourceHandle **out
             equal = LowerAscii(path[i]) == wanted[i];
         if (!equal)
             continue;
-        m_SourceHandles.push_back(DbgSourceHandle{record->m_WidePath.c_str(), index, index});
+        // The handle names the file for as long as the reader lives.
+        const char16_t *name = record->m_WidePath.c_str();
+        if (!record->m_bPathKept) {
+            m_SourceNames.push_back(Utf8ToUtf16(path));
+            name = m_SourceNames.back().c_str();
+        }
+        m_SourceHandles.push_back(DbgSourceHandle{name, index, index});
         m_LiveSourceHandles.Insert(&m_SourceHandles.back());
         BuildSourceIndex();
         if (outHandle)
@@ -928,8 +935,10 @@ uint32_t CBaseRetrieve::InstInfoByOffset(uint32_t flag, DbgOffsetQuery *query, D
     info->file_index = static_cast<uint32_t>(row.m_nFileIndex);
     std::memset(info->name, 0, sizeof(info->name));
     if (const FileRecord *file = m_Files.GetFile(row.m_nFileIndex)) {
-        size_t units = std::min<size_t>(file->m_WidePath.size(), kInstInfoNameUnits);
-        std::memcpy(info->name, file->m_WidePath.data(), units * sizeof(char16_t));
+        std::u16string scratch;
+        const std::u16string &path = m_Files.WidePath(*file, scratch);
+        size_t units = std::min<size_t>(path.size(), kInstInfoNameUnits);
+        std::memcpy(info->name, path.data(), units * sizeof(char16_t));
     }
     return DBG_ERR_NONE;
 }
@@ -1080,10 +1089,13 @@ uint32_t CBaseRetrieve::SourceFileName(int32_t index, char *buffer, uint32_t *si
         return DBG_ERR_BAD_SOURCE_INDEX;
     // The capacity asked of the caller is two bytes per UTF-16 unit and the terminator, or the
     // converted length where that is longer (three-byte characters).
-    uint64_t needed = std::max<uint64_t>(2 * uint64_t(file->m_WidePath.size()) + 1,
-                                         uint64_t(file->m_Path.size()) + 1);
+    std::string scratch;
+    std::u16string wideScratch;
+    const std::string &path = m_Files.Path(*file, scratch);
+    uint64_t needed = std::max<uint64_t>(
+        2 * uint64_t(m_Files.WidePath(*file, wideScratch).size()) + 1, uint64_t(path.size()) + 1);
     if (*size < needed)
         return DBG_ERR_BAD_SOURCE_INDEX;
-    std::memcpy(buffer, file->m_Path.c_str(), file->m_Path.size() + 1);
+    std::memcpy(buffer, path.c_str(), path.size() + 1);
     return DBG_ERR_NONE;
 }

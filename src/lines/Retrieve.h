@@ -220,6 +220,7 @@ private:
     // caller's handle is looked up before it is read.
     std::deque<DbgLineSectionHandle> m_SectionHandles;
     std::deque<DbgSourceHandle> m_SourceHandles;
+    std::deque<std::u16string> m_SourceNames; // of handles to files whose paths are not kept
     quillet::PointerSet m_LiveSectionHandles;
     quillet::PointerSet m_LiveSourceHandles;
     CModuleScope *m_pModule = nullptr;

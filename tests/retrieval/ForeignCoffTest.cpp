@@ -115,8 +115,7 @@ TEST(ForeignCoff, LinesEqualTheDumpersFunctionByFunction) {
         ASSERT_EQ(engine.GetRows(handle, 0, rows.data(), &count), 0u);
         for (const DbgLineRow &row : rows) {
             EXPECT_EQ(row.column, 0u);
-            table.push_back(
-                Line{row.offset, row.line, engine.Files().GetFile(row.file_index)->m_Path});
+            table.push_back(Line{row.offset, row.line, engine.Files().Path(row.file_index)});
             DbgLineRow found{};
             if (row.end > row.offset) {
                 EXPECT_EQ(engine.FindRow(handle, row.end - 1, &found, nullptr), 0u);

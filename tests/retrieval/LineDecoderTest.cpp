@@ -2,8 +2,13 @@
 #include "DwarfBytes.h"
 
 #include "lines/LineSection.h"
+#include "lines/Retrieve.h"
 
 #include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <map>
 
@@ -296,11 +301,11 @@ TEST(LineDecoder, Version5TablesInEveryForm) {
         ASSERT_EQ(d.rows.size(), 1u);
         if (unit == &u) {
             ASSERT_EQ(d.files.FileCount(), 1u);
-            EXPECT_EQ(d.files.GetFile(0)->m_Path, "/comp/a.c");
+            EXPECT_EQ(d.files.Path(0), "/comp/a.c");
         } else {
             ASSERT_EQ(d.files.FileCount(), 2u);
-            EXPECT_EQ(d.files.GetFile(0)->m_Path, "/comp/inc/b.h");
-            EXPECT_EQ(d.files.GetFile(1)->m_Path, "/comp/c.h");
+            EXPECT_EQ(d.files.Path(0), "/comp/inc/b.h");
+            EXPECT_EQ(d.files.Path(1), "/comp/c.h");
         }
     }
 }
@@ -555,9 +560,101 @@ TEST(LineDecoder, SecondUnitNumbersFilesAndDirectoriesFromItsOwnBase) {
     EXPECT_EQ(rows[0].m_nFileIndex, 1);
     EXPECT_EQ(rows[1].m_nFileIndex, 2); // the second unit's file 0
     ASSERT_EQ(files.FileCount(), 3u);
-    EXPECT_EQ(files.GetFile(1)->m_Path, "/inc/a.inc");
-    EXPECT_EQ(files.GetFile(2)->m_Path, "/two/b.s"); // its own directory 0
+    EXPECT_EQ(files.Path(1), "/inc/a.inc");
+    EXPECT_EQ(files.Path(2), "/two/b.s"); // its own directory 0
     EXPECT_EQ(files.GetFile(2)->m_nDirectory, 2u);
 }
 
 } // namespace
+
+// File tables whose thousands of entries all name one 64 KiB directory, in a version 2 table
+// (the directory written once, inline) and a version 5 one (directories and file names as
+// offsets into .debug_line_str): the reader keeps the directory once, so the whole table costs
+// a few megabytes, not a copy of the directory per file. Measured in a child process, whose peak
+// resident size says what the load cost.
+struct HostileCase {
+    const char *name;
+    uint16_t version;
+};
+
+class HostileFileTables : public ::testing::TestWithParam<HostileCase> {};
+
+TEST_P(HostileFileTables, ShareOneLongDirectory) {
+    constexpr size_t kFiles = 4000;
+#if defined(__SANITIZE_ADDRESS__)
+    // The sanitizer's shadow memory, red zones and quarantine of freed blocks take their share.
+    constexpr long kBoundKiB = 48 * 1024;
+#else
+    constexpr long kBoundKiB = 16 * 1024;
+#endif
+    const std::string directory = "/" + std::string(64 * 1024, 'd');
+    SectionBytes bytes;
+    LineUnit u;
+    u.version = GetParam().version;
+    if (u.version >= 5) {
+        PutString(bytes.lineStr, directory);
+        PutString(bytes.lineStr, "f.c");
+        Bytes &t = u.v5Tables;
+        t.insert(t.end(), {1, 1, 0x1f, 2}); // directories: path as line_strp; two of them
+        PutU(t, 0, 4);
+        PutU(t, 0, 4);
+        t.insert(t.end(), {2, 1, 0x1f, 2, 0x0f}); // files: path as line_strp, directory as udata
+        PutULEB(t, kFiles);
+        for (size_t i = 0; i < kFiles; ++i) {
+            PutU(t, directory.size() + 1, 4);
+            PutULEB(t, 1);
+        }
+    } else {
+        u.directories = {directory};
+        u.files.assign(kFiles, FileEntry{"f.c", 1});
+    }
+    u.SetAddress(0).Copy().SetFile(u.version >= 5 ? kFiles - 1 : kFiles).AdvancePc(4).Copy();
+    u.EndSequence();
+    bytes.line = u.Encode();
+    InfoUnit info = InfoUnit::Standard("a.c", "/comp", 0);
+    bytes.info = info.Info();
+    bytes.abbrev = info.Abbrev();
+
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        rusage before{}, after{};
+        getrusage(RUSAGE_SELF, &before);
+        CBaseRetrieve engine;
+        AnyPlacer placer;
+        CDwarfSections sections = bytes.View();
+        uint32_t status = engine.LoadDwarf(sections, placer);
+        getrusage(RUSAGE_SELF, &after);
+        // The last file's path is made when asked for, the same as a kept one.
+        if (status != DBG_ERR_NONE || engine.Files().FileCount() != kFiles ||
+            engine.Rows().size() != 2 || engine.Files().Path(kFiles - 1) != directory + "/f.c")
+            _exit(2);
+        // Its name through the queries: by source, by offset, by index.
+        const std::u16string wide = Utf8ToUtf16(directory + "/f.c");
+        DbgSourceHandle *source = nullptr;
+        DbgOffsetQuery query{engine.SectionHandle(7), 4};
+        DbgInstInfo inst{};
+        std::vector<char> name(3 * wide.size());
+        uint32_t size = static_cast<uint32_t>(name.size());
+        if (engine.FindSource((directory + "/f.c").c_str(), &source) != DBG_ERR_NONE ||
+            source->name != wide || engine.InstInfoByOffset(1, &query, &inst) != DBG_ERR_NONE ||
+            wide.compare(0, 257, inst.name, 257) != 0 ||
+            engine.SourceFileName(kFiles - 1, name.data(), &size) != DBG_ERR_NONE ||
+            name.data() != directory + "/f.c")
+            _exit(3);
+        _exit(after.ru_maxrss - before.ru_maxrss < kBoundKiB ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_NE(WEXITSTATUS(status), 2) << "the table did not load";
+    EXPECT_NE(WEXITSTATUS(status), 3) << "a query named the last file wrong";
+    EXPECT_EQ(WEXITSTATUS(status), 0)
+        << "the load grew the process by " << kBoundKiB << " KiB or more";
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, HostileFileTables,
+                         ::testing::Values(HostileCase{"Version2", 2}, HostileCase{"Version5", 5}),
+                         [](const ::testing::TestParamInfo<HostileCase> &info) {
+                             return std::string(info.param.name);
+                         });

@@ -350,8 +350,8 @@ TEST(RetrieveLoad, EveryUnitLeadsToItsOwnProgram) {
         rows.emplace_back(r->m_nAddress, r->m_nLine);
     EXPECT_EQ(rows, (std::vector<std::pair<uint64_t, uint32_t>>{{0, 10}, {0x10, 20}}));
     ASSERT_EQ(engine.Files().FileCount(), 3u);
-    EXPECT_EQ(engine.Files().GetFile(0)->m_Path, "/one/one.s");
-    EXPECT_EQ(engine.Files().GetFile(1)->m_Path, "/two/two.c");
+    EXPECT_EQ(engine.Files().Path(0), "/one/one.s");
+    EXPECT_EQ(engine.Files().Path(1), "/two/two.c");
 }
 
 TEST(RetrieveLoad, ShortLineSectionAndBrokenUnits) {

@@ -105,10 +105,9 @@ std::vector<Sequence> OurSequences(CBaseRetrieve &engine) {
         for (const DbgLineRow &r : rows) {
             if (r.flags & DBG_ROW_SEQUENCE_START)
                 sequences.emplace_back();
-            sequences.back().rows.push_back(
-                Row{r.offset + base, r.line, r.column,
-                    BaseName(engine.Files().GetFile(r.file_index)->m_Path),
-                    (r.flags & DBG_ROW_IS_STMT) != 0});
+            sequences.back().rows.push_back(Row{r.offset + base, r.line, r.column,
+                                                BaseName(engine.Files().Path(r.file_index)),
+                                                (r.flags & DBG_ROW_IS_STMT) != 0});
             sequences.back().end = r.end + base;
         }
     }
