@@ -111,26 +111,34 @@ std::vector<Entry> DwarfdumpEntries(const std::string &output) {
     return entries;
 }
 
-std::string Join(const std::vector<std::string> &lines) {
-    std::string out;
-    for (const std::string &l : lines)
-        out += l + "\n";
-    return out;
+// What a consumer prints about `path`; it must exit cleanly and complain of nothing. The
+// verifier's verdict is the one line of its output that may mention errors, and it must say
+// there are none.
+std::string ReadClean(const std::string &command, const std::string &path) {
+    const qtest::CommandResult r = qtest::RunConsumer(command, path);
+    EXPECT_EQ(r.exitCode, 0) << command << "\n" << r.output;
+    const bool verify = command.find("--verify") != std::string::npos;
+    for (const std::string &line : qtest::ConsumerComplaints(r.output))
+        if (!verify || line != "No errors.")
+            ADD_FAILURE() << command << ": " << line;
+    if (verify) {
+        EXPECT_NE(r.output.find("No errors."), std::string::npos) << r.output;
+    }
+    return r.output;
 }
 
-class DwarfConsumer : public ::testing::TestWithParam<int32_t> {
-protected:
-    void ExpectNoComplaints(const std::string &command) {
-        qtest::CommandResult r = qtest::RunConsumer(command, m_Path);
-        EXPECT_EQ(r.exitCode, 0) << command << "\n" << r.output;
-        EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
-            << command << "\n"
-            << Join(qtest::ConsumerComplaints(r.output));
-    }
+// The checks every module passes: readelf decodes exactly the expected rows, the verifier and
+// objdump find nothing wrong. Returns the entries that llvm-dwarfdump shows.
+std::vector<Entry> ReadModule(const std::string &path, const std::vector<Sequence> &sequences) {
+    const std::string rows =
+        ReadClean("readelf --debug-dump=info,abbrev,rawline,decodedline -W", path);
+    EXPECT_EQ(ReadelfSequences(rows), sequences) << rows;
+    ReadClean("llvm-dwarfdump-14 --verify --all", path);
+    ReadClean("objdump --dwarf=info,abbrev,line", path);
+    return DwarfdumpEntries(ReadClean("llvm-dwarfdump-14 --debug-info --debug-line", path));
+}
 
-    qtest::TempDir m_Dir;
-    std::string m_Path;
-};
+class DwarfConsumer : public ::testing::TestWithParam<int32_t> {};
 
 // A module with every object kind, two code sections and a data section, procedures with and
 // without objects, entry points, six source files in several directories, and line entries
@@ -212,33 +220,14 @@ void BuildRichModule(const std::string &path, int32_t format, std::vector<Sequen
     ASSERT_TRUE(m.Write());
 }
 
-// readelf decodes exactly the described rows, the verifier and objdump find nothing wrong, and
-// llvm-dwarfdump shows every entry with its attributes.
+// Every entry is shown with its tag, name and attributes.
 TEST_P(DwarfConsumer, RichModuleIsReadAsDescribed) {
-    m_Path = m_Dir.File("rich.o");
+    qtest::TempDir dir;
+    const std::string path = dir.File("rich.o");
     std::vector<Sequence> expected;
-    BuildRichModule(m_Path, GetParam(), expected);
+    BuildRichModule(path, GetParam(), expected);
     ASSERT_FALSE(HasFatalFailure());
-
-    qtest::CommandResult rows =
-        qtest::RunConsumer("readelf --debug-dump=info,abbrev,rawline,decodedline -W", m_Path);
-    EXPECT_EQ(rows.exitCode, 0);
-    EXPECT_TRUE(qtest::ConsumerComplaints(rows.output).empty())
-        << Join(qtest::ConsumerComplaints(rows.output));
-    EXPECT_EQ(ReadelfSequences(rows.output), expected) << rows.output;
-
-    qtest::CommandResult verify = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
-    EXPECT_EQ(verify.exitCode, 0) << verify.output;
-    // The verdict itself is the one line that mentions errors.
-    EXPECT_EQ(qtest::ConsumerComplaints(verify.output), std::vector<std::string>{"No errors."});
-    ExpectNoComplaints("objdump --dwarf=info,abbrev,line");
-
-    qtest::CommandResult r =
-        qtest::RunConsumer("llvm-dwarfdump-14 --debug-info --debug-line", m_Path);
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
-        << Join(qtest::ConsumerComplaints(r.output));
-    std::vector<Entry> entries = DwarfdumpEntries(r.output);
+    const std::vector<Entry> entries = ReadModule(path, expected);
     // Child scopes come before the scope's own objects; types stand with the module's objects.
     std::vector<std::pair<std::string, std::string>> want = {
         {"DW_TAG_compile_unit", "main.asm"},
@@ -266,7 +255,7 @@ TEST_P(DwarfConsumer, RichModuleIsReadAsDescribed) {
     std::vector<std::pair<std::string, std::string>> got;
     for (const Entry &e : entries)
         got.push_back({e.tag, e.name});
-    EXPECT_EQ(got, want) << r.output;
+    EXPECT_EQ(got, want);
     if (got != want)
         return;
     const Entry &unit = entries[0];
@@ -305,15 +294,17 @@ TEST_P(DwarfConsumer, RichModuleIsReadAsDescribed) {
 
 // An empty module still gets its three sections, a unit and a line-program header.
 TEST_P(DwarfConsumer, EmptyModuleIsValid) {
-    m_Path = m_Dir.File("empty.o");
+    qtest::TempDir dir;
+    const std::string path = dir.File("empty.o");
     {
-        ModuleBuilder m(m_Path, GetParam());
+        ModuleBuilder m(path, GetParam());
         ASSERT_EQ(m.OpenModule(), 0u);
         ASSERT_EQ(m.Emit(), 0u);
         ASSERT_TRUE(m.Write());
     }
-    ExpectNoComplaints("readelf --debug-dump=info,abbrev,rawline,decodedline -W");
-    qtest::CommandResult r = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", m_Path);
+    ReadClean("readelf --debug-dump=info,abbrev,rawline,decodedline -W", path);
+    // The verifier warns of a unit that declares children and has none, and finds no error.
+    const qtest::CommandResult r = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", path);
     EXPECT_EQ(r.exitCode, 0) << r.output;
     EXPECT_NE(r.output.find("No errors."), std::string::npos) << r.output;
 }
@@ -351,28 +342,27 @@ void TypesPointAtEntries(const std::vector<Entry> &entries) {
 
 std::vector<LegalModule> AllLegalModules() {
     return {
-        {"FirstEntryOnLineOneAndSameLineInAnotherFile",
-         "a first entry on line 1, and the same line in another file",
+        {"LineOneSameLineInAnotherFileAndEntriesPastTheEnd",
+         "a first entry on line 1, the same line in another file, entries past the section's end",
          [](ModuleBuilder &m, BrxHandle text, BrxHandle) {
              ASSERT_EQ(m.OpenModule(), 0u);
              DbgSource a = m.Source(u"c:\\src\\a.asm"), b = m.Source(u"c:\\src\\b.inc");
              ASSERT_EQ(m.OpenSection(text), 0u);
-             for (auto [source, line, offset] :
-                  {std::tuple{a, 1u, 0x0}, {b, 1u, 0x4}, {a, 1u, 0x8}, {a, 1u, 0xa}, {a, 2u, 0xc}})
+             for (auto [source, line, offset] : {std::tuple{a, 1u, 0x0},
+                                                 {b, 1u, 0x4},
+                                                 {a, 1u, 0x8},
+                                                 {a, 1u, 0xa},
+                                                 {a, 2u, 0xc},
+                                                 {a, 3u, 0x38},
+                                                 {a, 4u, 0x48}})
                  ASSERT_EQ(m.Line(source, line, offset), 0u);
          },
-         {Expect({{"a.asm", 1, 0x0}, {"b.inc", 1, 0x4}, {"a.asm", 1, 0x8}, {"a.asm", 2, 0xc}})},
-         nullptr},
-        {"EntriesPastTheSectionEnd",
-         "entries past the section's end",
-         [](ModuleBuilder &m, BrxHandle text, BrxHandle) {
-             ASSERT_EQ(m.OpenModule(), 0u);
-             DbgSource a = m.Source(u"a.asm");
-             ASSERT_EQ(m.OpenSection(text), 0u);
-             ASSERT_EQ(m.Line(a, 3, 0x38), 0u);
-             ASSERT_EQ(m.Line(a, 4, 0x48), 0u);
-         },
-         {Expect({{"a.asm", 3, 0x38}, {"a.asm", 4, 0x48}})},
+         {Expect({{"a.asm", 1, 0x0},
+                  {"b.inc", 1, 0x4},
+                  {"a.asm", 1, 0x8},
+                  {"a.asm", 2, 0xc},
+                  {"a.asm", 3, 0x38},
+                  {"a.asm", 4, 0x48}})},
          nullptr},
         {"EmptySourceNameAndEmptyDirectoryPart",
          "an empty source name, and one whose directory part is empty",
@@ -412,44 +402,29 @@ std::vector<LegalModule> AllLegalModules() {
          {Expect({{"a.asm", 9, 0x10}})},
          nullptr},
         {"TypedObjectsWithoutDebuggingInformation",
-         "typed objects in a module without debugging information",
+         "typed objects in a module without debugging information, among them a typed "
+         "procedure created before the module was opened",
          [](ModuleBuilder &m, BrxHandle text, BrxHandle data) {
              BrxHandle start = m.AddSymbol("start", text, 0);
              BrxHandle counter = m.AddSymbol("counter", data, 0, true, BRX_SYMBOL_PLAIN);
-             ASSERT_EQ(m.OpenModule(u"c:\\work", u"main.asm", u"qasm", 1), 0u);
              DbgType data2 = nullptr, returnsData2 = nullptr;
              ASSERT_EQ(Dbg_base_type(3, &data2), 0u);
              ASSERT_EQ(Dbg_procedure_type(data2, 1, &returnsData2), 0u);
+             DbgEntryList list{&start, 1};
+             uint64_t end = 0x10;
+             DbgObjectProp props[] = {{DBG_PROP_ENTRY_LIST, &list},
+                                      {DBG_PROP_END, &end},
+                                      {DBG_PROP_PROC_TYPE, &returnsData2}};
+             DbgObject proc = nullptr;
+             ASSERT_EQ(Dbg_create_object(DBG_OBJ_PROCEDURE, props, 3, nullptr, &proc), 0u);
+             ASSERT_EQ(m.OpenModule(u"c:\\work", u"main.asm", u"qasm", 1), 0u);
              int32_t minusOne = -1;
              ASSERT_EQ(m.Constant("K", 6, &minusOne), 0u);
              ASSERT_EQ(m.OpenSection(data), 0u);
              ASSERT_EQ(m.DataLabel(counter, 8), 0u);
              ASSERT_EQ(m.Close(), 0u);
              ASSERT_EQ(m.OpenSection(text), 0u);
-             ASSERT_EQ(m.OpenProcedure({start}, 0, 0x10, nullptr, nullptr, returnsData2), 0u);
-             ASSERT_EQ(m.Register("acc", 7, 3), 0u);
-         },
-         {},
-         TypesPointAtEntries},
-        {"TypedProcedureCreatedBeforeTheModule",
-         "a typed procedure created before the module was opened",
-         [](ModuleBuilder &m, BrxHandle text, BrxHandle) {
-             BrxHandle start = m.AddSymbol("start", text, 0);
-             DbgType data4 = nullptr, returnsData4 = nullptr;
-             ASSERT_EQ(Dbg_base_type(5, &data4), 0u);
-             ASSERT_EQ(Dbg_procedure_type(data4, 1, &returnsData4), 0u);
-             DbgEntryList list{&start, 1};
-             uint64_t end = 0x10;
-             DbgObjectProp props[] = {{DBG_PROP_ENTRY_LIST, &list},
-                                      {DBG_PROP_END, &end},
-                                      {DBG_PROP_PROC_TYPE, &returnsData4}};
-             DbgObject proc = nullptr;
-             ASSERT_EQ(Dbg_create_object(DBG_OBJ_PROCEDURE, props, 3, nullptr, &proc), 0u);
-             ASSERT_EQ(m.OpenModule(), 0u);
-             ASSERT_EQ(m.OpenSection(text), 0u);
              ASSERT_EQ(Dbg_open_procedure_scope(proc, nullptr), 0u);
-             int32_t one = 1;
-             ASSERT_EQ(m.Constant("K", 6, &one), 0u);
              ASSERT_EQ(m.Register("acc", 7, 3), 0u);
          },
          {},
@@ -563,20 +538,9 @@ TEST_P(LegalModules, AreValid) {
         ASSERT_EQ(m.Emit(), 0u);
         ASSERT_TRUE(m.Write());
     }
-    qtest::CommandResult r =
-        qtest::RunConsumer("readelf --debug-dump=info,abbrev,line,decodedline -W", path);
-    EXPECT_EQ(r.exitCode, 0);
-    EXPECT_TRUE(qtest::ConsumerComplaints(r.output).empty())
-        << Join(qtest::ConsumerComplaints(r.output)) << r.output;
-    EXPECT_EQ(ReadelfSequences(r.output), c.sequences) << r.output;
-    qtest::CommandResult verify = qtest::RunConsumer("llvm-dwarfdump-14 --verify --all", path);
-    EXPECT_EQ(verify.exitCode, 0) << verify.output;
-    EXPECT_EQ(qtest::ConsumerComplaints(verify.output), std::vector<std::string>{"No errors."})
-        << verify.output;
-    if (c.entries) {
-        qtest::CommandResult dump = qtest::RunConsumer("llvm-dwarfdump-14 --debug-info", path);
-        c.entries(DwarfdumpEntries(dump.output));
-    }
+    const std::vector<Entry> entries = ReadModule(path, c.sequences);
+    if (c.entries)
+        c.entries(entries);
 }
 
 INSTANTIATE_TEST_SUITE_P(Elf, LegalModules,

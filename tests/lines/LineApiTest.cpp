@@ -53,6 +53,20 @@ TEST(LineApi, BadSourceHandlesAreReportedNeverRead) {
     EXPECT_EQ(checks.Count(), 3);
 }
 
+// Only sections that wrote rows have a sequence: the line program of a module whose code
+// sections hold no entries is its header alone, 26 bytes with both tables empty.
+TEST(LineApi, CodeSectionsWithoutRowsHaveNoSequence) {
+    qtest::TempDir dir;
+    qtest::ModuleBuilder m(dir.File("l.o"), BRX_FORMAT_ELF64);
+    BrxHandle text = m.AddSection(".text", true, 64);
+    ASSERT_EQ(m.OpenModule(), 0u);
+    ASSERT_EQ(m.OpenSection(text), 0u);
+    ASSERT_EQ(m.Emit(), 0u);
+    const std::vector<uint8_t> line = m.SectionBytes(".debug_line");
+    EXPECT_EQ(line.size(), 26u);
+    EXPECT_EQ(line.at(6), 16u) << "header_length";
+}
+
 // An entry past its section's end is written as described, and the check names the section
 // and the offset.
 TEST(LineApi, EntriesPastTheSectionEndAreWrittenAndReported) {

@@ -136,13 +136,6 @@ TEST_F(ObjectApi, PropertyListsGiveTheirStatus) {
     }
 }
 
-TEST_F(ObjectApi, KindsOutsideOneToFiveAreRefused) {
-    DbgObject object = nullptr;
-    EXPECT_EQ(Dbg_create_object(0, nullptr, 0, nullptr, &object), DBG_ERR_BAD_OBJECT_KIND);
-    EXPECT_EQ(Dbg_create_object(6, nullptr, 0, nullptr, &object), DBG_ERR_BAD_OBJECT_KIND);
-    EXPECT_EQ(object, nullptr);
-}
-
 TEST_F(ObjectApi, RecordsBeforeAFailingOneStayApplied) {
     DbgObject label = nullptr;
     ASSERT_EQ(Dbg_create_object(DBG_OBJ_DATA_LABEL, nullptr, 0, nullptr, &label), 0u);
@@ -153,15 +146,19 @@ TEST_F(ObjectApi, RecordsBeforeAFailingOneStayApplied) {
     EXPECT_EQ(object->m_pType, FromHandle(data4));
 }
 
-// Only the low 16 bits of the count are used: 65536 records are none.
-TEST_F(ObjectApi, CountUsesItsLow16Bits) {
+// Kinds outside 1 to 5 and handles the library never gave out are refused; only the low 16 bits
+// of a count are used, so 65536 records are none.
+TEST_F(ObjectApi, KindsHandlesAndCountsAreChecked) {
+    DbgObject object = nullptr;
+    EXPECT_EQ(Dbg_create_object(0, nullptr, 0, nullptr, &object), DBG_ERR_BAD_OBJECT_KIND);
+    EXPECT_EQ(Dbg_create_object(6, nullptr, 0, nullptr, &object), DBG_ERR_BAD_OBJECT_KIND);
+    EXPECT_EQ(object, nullptr);
+
     DbgObjectProp bad{DBG_PROP_REGISTER, nullptr};
     DbgObject label = nullptr;
     EXPECT_EQ(Dbg_create_object(DBG_OBJ_CODE_LABEL, &bad, 0x10000, nullptr, &label), 0u);
     EXPECT_EQ(Dbg_add_object_prop(label, &bad, 0x10001), DBG_ERR_BAD_PROPERTY);
-}
 
-TEST_F(ObjectApi, UnknownObjectHandlesAreNotObjects) {
     int notAnObject = 0;
     DbgObjectProp prop{DBG_PROP_SYMBOL, &symbol};
     EXPECT_EQ(Dbg_add_object_prop(reinterpret_cast<DbgObject>(&notAnObject), &prop, 1),

@@ -1,3 +1,5 @@
+// Basic and procedure types: the API, the table of basic types, their DWARF entries and the
+// CodeView records of procedure types.
 #include "frame/BinarySection.h"
 #include "support/ModuleBuilder.h"
 #include "types/DebugTypes.h"
@@ -8,26 +10,19 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-TEST(Types, BasicTypesAreMadeOncePerCode) {
+// Basic types are made once per code; procedure types check their kind, then their return type,
+// and every call makes a new one.
+TEST(Types, ApiChecksCodesKindsAndReturnTypes) {
     Dbg_init(0);
-    DbgType first = nullptr, second = nullptr, out = nullptr;
-    ASSERT_EQ(Dbg_base_type(5, &first), 0u);
-    ASSERT_EQ(Dbg_base_type(5, &second), 0u);
-    EXPECT_EQ(first, second);
-    for (int32_t bad : {0, -1, 13}) {
-        EXPECT_EQ(Dbg_base_type(bad, &out), DBG_ERR_BAD_TYPE) << bad;
-        EXPECT_EQ(out, nullptr);
-    }
-    Dbg_finish();
-}
-
-TEST(Types, ProcedureTypesCheckKindThenReturnType) {
-    Dbg_init(0);
-    DbgType data4 = nullptr, proc = nullptr, another = nullptr, out = nullptr;
+    DbgType data4 = nullptr, again = nullptr, proc = nullptr, another = nullptr, out = nullptr;
     ASSERT_EQ(Dbg_base_type(5, &data4), 0u);
+    ASSERT_EQ(Dbg_base_type(5, &again), 0u);
+    EXPECT_EQ(data4, again);
+    for (int32_t bad : {0, -1, 13})
+        EXPECT_EQ(Dbg_base_type(bad, &out), DBG_ERR_BAD_TYPE) << bad;
     ASSERT_EQ(Dbg_procedure_type(data4, 1, &proc), 0u);
     ASSERT_EQ(Dbg_procedure_type(data4, 1, &another), 0u);
-    EXPECT_NE(proc, another) << "every call makes a new procedure type";
+    EXPECT_NE(proc, another);
     EXPECT_EQ(Dbg_procedure_type(proc, 3, &out), DBG_ERR_BAD_PROCEDURE_KIND);
     EXPECT_EQ(Dbg_procedure_type(proc, 1, &out), DBG_ERR_BAD_TYPE);
     EXPECT_EQ(Dbg_procedure_type(nullptr, 2, &out), DBG_ERR_BAD_TYPE);
