@@ -10,53 +10,6 @@ using namespace brixtest;
 
 namespace {
 
-struct ElfCase {
-    const char *name;
-    int32_t format;
-};
-
-class ElfConsumer : public ::testing::TestWithParam<ElfCase> {};
-
-TEST_P(ElfConsumer, ReadelfAcceptsAndShowsTheObject) {
-    const ElfCase &c = GetParam();
-    TempDir dir;
-    std::string path = dir.File(std::string(c.name) + ".o");
-    WriteElfSample(path, c.format);
-
-    CommandResult r = RunCommand("readelf -a -W '" + path + "'");
-    ASSERT_EQ(r.exitCode, 0) << r.output;
-    EXPECT_TRUE(ConsumerComplaints(r.output).empty()) << r.output;
-    for (const char *shown : {
-             c.format == BRX_FORMAT_ELF64 ? "Class:\\s+ELF64" : "Class:\\s+ELF32",
-             R"(REL \(Relocatable file\))",
-             // Code sections are allocated and executable; debugging sections are not allocated.
-             R"(\] \.text\s+PROGBITS\s+\S+ \S+ 000020 00\s+AX )",
-             R"(\] \.debug_line\s+PROGBITS\s+\S+ \S+ 000028 00\s+0 )",
-             R"(\] \.text\.inline_fn\s+PROGBITS.* AXG )",
-             R"(\] \.rela\.debug_line\s+RELA.* I )",
-             // The COMDAT group holds the code section, the tied section and its relocations.
-             R"(COMDAT group section \[\s*\d+\] `\.group' \[inline_fn\] contains 3 sections)",
-             R"(\[\s*\d+\]\s+\.debug_tied\n)",
-             R"(\[\s*\d+\]\s+\.rela\.debug_tied\n)",
-             // Symbols with their types, bindings and sections.
-             R"(FILE\s+LOCAL\s+DEFAULT\s+ABS source\.asm)",
-             R"(0+4\s+0 FUNC\s+GLOBAL\s+DEFAULT\s+\d+ main_fn)",
-             R"(0+c\s+0 NOTYPE\s+LOCAL\s+DEFAULT\s+\d+ local_label)",
-             R"(NOTYPE\s+GLOBAL\s+DEFAULT\s+UND external_fn)",
-             // Relocations: against the section symbol of .text and against main_fn with its
-             // addend.
-             R"(Relocation section '\.rela\.debug_line' .* contains 2 entries)",
-             R"(0+8\s+\S+\s+\S+\s+0+\s+\.text \+ 0)",
-             R"(0+10\s+\S+\s+\S+\s+0+4\s+main_fn \+ 2)",
-         })
-        EXPECT_TRUE(std::regex_search(r.output, std::regex(shown))) << shown << "\n" << r.output;
-}
-
-INSTANTIATE_TEST_SUITE_P(Formats, ElfConsumer,
-                         ::testing::Values(ElfCase{"elf32", BRX_FORMAT_ELF32},
-                                           ElfCase{"elf64", BRX_FORMAT_ELF64}),
-                         [](const auto &info) { return std::string(info.param.name); });
-
 // More sections than a 16-bit section number holds: the counts move into the null section
 // header and symbols of the late sections into .symtab_shndx.
 TEST(ElfManySections, ExtendedNumberingIsReadByReadelfAndByBrix) {
