@@ -9,9 +9,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <new>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace brix;
 
@@ -85,32 +87,28 @@ int32_t Create(BrxHandle parent, uint32_t kind, uint32_t count, const BrxAttr *a
     return kOk;
 }
 
-// Reads a regular file whole; directories and other special files are refused (their reported
+// Maps a regular file whole; directories and other special files are refused (their reported
 // sizes mean nothing). When the system refuses, `error` keeps its errno for the caller.
-int32_t ReadWholeFile(const char *path, std::vector<uint8_t> &out, int &error) {
-    FILE *fp = std::fopen(path, "rb");
-    if (!fp) {
+int32_t ReadWholeFile(const char *path, CFileImage &out, int &error) {
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         error = errno;
         return BRX_ERR_CANNOT_READ;
     }
     struct stat info;
     int32_t result = BRX_OK;
-    if (fstat(fileno(fp), &info) != 0) {
+    if (fstat(fd, &info) != 0) {
         error = errno;
         result = BRX_ERR_CANNOT_READ;
     } else if (S_ISDIR(info.st_mode)) {
         result = BRX_ERR_IS_DIRECTORY;
     } else if (!S_ISREG(info.st_mode) || info.st_size < 0) {
         result = BRX_ERR_NOT_AN_OBJECT;
-    } else {
-        out.resize(size_t(info.st_size));
-        if (!out.empty() && std::fread(out.data(), 1, out.size(), fp) != out.size()) {
-            // A short read without a system error: the file shrank while it was read.
-            error = std::ferror(fp) && errno != 0 ? errno : EIO;
-            result = BRX_ERR_CANNOT_READ;
-        }
+    } else if (!out.Load(fd, size_t(info.st_size))) {
+        error = errno;
+        result = BRX_ERR_CANNOT_READ;
     }
-    std::fclose(fp);
+    close(fd);
     return result;
 }
 

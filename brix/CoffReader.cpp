@@ -446,12 +446,12 @@ int32_t CCoffReader::Read() {
 
 // The big-object and import-library headers start with machine 0 and 0xFFFF where an object
 // has its machine and section count.
-bool IsUnreadCoffVariant(const std::vector<uint8_t> &image) {
+bool IsUnreadCoffVariant(const CFileImage &image) {
     return image.size() >= 4 && image[0] == 0 && image[1] == 0 && image[2] == 0xff &&
            image[3] == 0xff;
 }
 
-bool LooksLikeCoff(const std::vector<uint8_t> &image) {
+bool LooksLikeCoff(const CFileImage &image) {
     if (image.size() < kFileHeaderSize || IsUnreadCoffVariant(image))
         return false;
     uint16_t machine = uint16_t(image[0] | (image[1] << 8));

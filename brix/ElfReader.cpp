@@ -72,7 +72,7 @@ private:
 };
 
 bool CElfReader::ReadHeader() {
-    const std::vector<uint8_t> &img = m_File.m_Image;
+    const CFileImage &img = m_File.m_Image;
     if (!LooksLikeElf(img))
         return Refuse(BRX_ERR_NOT_AN_OBJECT);
     if (img.size() < EI_NIDENT)
@@ -391,7 +391,7 @@ int32_t CElfReader::Read() {
 
 } // namespace
 
-bool LooksLikeElf(const std::vector<uint8_t> &image) {
+bool LooksLikeElf(const CFileImage &image) {
     return image.size() >= 4 && std::memcmp(image.data(), ELFMAG, 4) == 0;
 }
 

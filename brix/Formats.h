@@ -18,11 +18,11 @@ bool WriteCoff(const CBrxFile &file, CByteBuffer &out);
 // Fill a file whose m_Image holds the bytes of an object file; BRX_OK, or the BRX_ERR_* result
 // that says why the bytes are not a well-formed object of that format. The file is left
 // half-built on failure; the caller closes it.
-bool LooksLikeElf(const std::vector<uint8_t> &image);
+bool LooksLikeElf(const CFileImage &image);
 int32_t ReadElf(CBrxFile &file);
-bool LooksLikeCoff(const std::vector<uint8_t> &image);
+bool LooksLikeCoff(const CFileImage &image);
 // A COFF file of a kind that is not read (big-object COFF, import library).
-bool IsUnreadCoffVariant(const std::vector<uint8_t> &image);
+bool IsUnreadCoffVariant(const CFileImage &image);
 int32_t ReadCoff(CBrxFile &file);
 
 } // namespace brix

@@ -7,6 +7,7 @@
 // symbol names live in one shared character pool, so creating them costs no allocation each.
 #pragma once
 
+#include "FileImage.h"
 #include "brix/brix.h"
 
 #include <cstdint>
@@ -187,7 +188,7 @@ public:
     uint32_t m_nMachineFlags = 0; // key 21, ELF e_flags
     bool m_bBigEndian = false;    // a file read back whose fields are big-endian
     uint32_t m_nObjectKind = 0;   // key 19
-    std::vector<uint8_t> m_Image; // the whole file, for files read back
+    CFileImage m_Image;           // the whole file, for files read back
 
     std::vector<CSection> m_Sections;
     CBlockList<CRelocation> m_Relocations;

@@ -1,10 +1,12 @@
-// Decoding a 2,000,000-row line table and querying it, through the exported retrieval functions
-// and, on the same object in the same run, through LLVM 14's DWARFDebugLine.
+// Decoding a 2,000,000-row line table and looking offsets up in it, through the exported
+// retrieval functions and, on the same object in the same run, through LLVM 14's DWARFDebugLine.
 //
-// The object is made at run time through Quillet's own DWARF output (one code section, four
-// source files). Decoding is measured from the object file's path to a table ready for offset
-// queries; lookups are exact offset lookups of row addresses in a shuffled order; source
-// queries are exact (file, line) lookups. Peak memory is the peak resident size of a fresh
+// The tables are written at run time by the toolchains: one generated assembly file of 2,000,000
+// instructions, assembled by `llvm-mc-14 -g` (a version 4 table) and by `gcc -g -c` (GNU as, a
+// version 5 table). Decoding is measured from the object file's path to a table ready for
+// queries, through DbgLine_open_object_and_source_file, against LLVM's context creation and
+// parse of the unit's table. Lookups are exact offset lookups of row addresses in a shuffled
+// order, against LineTable::lookupAddress. Peak memory is the peak resident size of a fresh
 // process of this program over one open, less its size before the open, divided by the rows.
 #include <brix/brix.h>
 #include <quillet/quillet.h>
@@ -24,101 +26,129 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
 namespace {
 
-constexpr uint32_t kRows = 2000000;
+constexpr uint32_t kInstructions = 2000000;
 constexpr uint32_t kLookups = 1000000;
-constexpr uint32_t kFiles = 4;
-const char16_t *const kFileNames[kFiles] = {u"/bench/main.s", u"/bench/inc/a.inc",
-                                            u"/bench/inc/b.inc", u"/bench/lib/c.s"};
-const char *const kFileNames8[kFiles] = {"/bench/main.s", "/bench/inc/a.inc", "/bench/inc/b.inc",
-                                         "/bench/lib/c.s"};
+// What the run must show against LLVM, and the memory an open may take per row.
+constexpr double kDecodeTarget = 3.0;
+constexpr double kLookupTarget = 2.5;
+constexpr double kBytesPerRowTarget = 40.0;
 
-struct ExpectedRow {
-    uint64_t address;
-    uint32_t line;
-    uint32_t file;
+// One table to measure: the object, the name of its source, and what LLVM reads in it.
+struct Input {
+    Input(const char *label, const char *command, const char *object)
+        : label(label), command(command), object(object) {}
+    const char *label;
+    const char *command; // run in the work directory; makes `object` from big.s
+    const char *object;
+    std::string path;
+    std::string source;
+    uint64_t rows = 0;
+    std::vector<uint64_t> lookups; // shuffled row addresses
+    uint64_t checkAddress = 0;     // a row's address and line, to check one answer
+    uint32_t checkLine = 0;
+    // Results kept for the summary.
+    double quilletDecode = 0, llvmDecode = 0, quilletLookup = 0, llvmLookup = 0;
+    double bytesPerRow = 0;
 };
 
-std::string g_Path;
-std::vector<ExpectedRow> g_Rows;     // what the object holds, in address order
-std::vector<uint64_t> g_LookupOrder; // shuffled row addresses
-std::vector<uint32_t> g_SourceOrder; // shuffled row numbers
+Input g_Inputs[] = {
+    {"llvm-mc -g (version 4)", "llvm-mc-14 -filetype=obj -triple x86_64-linux-gnu -g big.s -o mc.o",
+     "mc.o"},
+    {"gcc -g -c (version 5)", "gcc -g -c big.s -o gcc.o", "gcc.o"},
+};
+std::string g_WorkDirectory;
 
-// Results kept for the summary.
-double g_QuilletDecode = 0, g_QuilletDecodeIndexed = 0, g_LlvmDecode = 0;
-double g_QuilletLookup = 0, g_LlvmLookup = 0, g_QuilletSource = 0;
-double g_BytesPerRow = 0, g_BytesPerRowIndexed = 0;
+[[noreturn]] void Fail(const std::string &why) {
+    std::fprintf(stderr, "bench_retrieval: %s\n", why.c_str());
+    std::exit(1);
+}
 
-// Rows with a line that changes every row (the writer keeps no row for an unchanged line),
-// small address steps, and the file changing every 1000 rows.
-void MakeObject() {
+struct LlvmTable {
+    llvm::object::OwningBinary<llvm::object::ObjectFile> binary;
+    std::unique_ptr<llvm::DWARFContext> context;
+    const llvm::DWARFDebugLine::LineTable *table = nullptr;
+};
+
+// LLVM's context over the object and the line table of its first unit: what `llvm-dwarfdump`
+// and the symbolizers build before their first query.
+bool OpenWithLlvm(const std::string &path, LlvmTable &out) {
+    auto binary = llvm::object::ObjectFile::createObjectFile(path);
+    if (!binary) {
+        llvm::consumeError(binary.takeError());
+        return false;
+    }
+    out.binary = std::move(*binary);
+    out.context = llvm::DWARFContext::create(
+        *out.binary.getBinary(), llvm::DWARFContext::ProcessDebugRelocations::Ignore, nullptr, "",
+        [](llvm::Error e) { llvm::consumeError(std::move(e)); },
+        [](llvm::Error e) { llvm::consumeError(std::move(e)); });
+    if (out.context->getNumCompileUnits() == 0)
+        return false;
+    out.table = out.context->getLineTableForUnit(out.context->compile_units().begin()->get());
+    return out.table != nullptr;
+}
+
+// Instructions of different lengths, one per source line: every line of the file is a row.
+void MakeInputs() {
     char pattern[] = "/tmp/quillet-bench-XXXXXX";
-    int fd = mkstemp(pattern);
-    if (fd >= 0)
-        close(fd);
-    g_Path = pattern;
-
-    std::mt19937 random(12345);
-    g_Rows.reserve(kRows);
-    uint64_t address = 0;
-    uint32_t lines[kFiles] = {1, 1, 1, 1};
-    uint32_t lastLine = 1;
-    for (uint32_t i = 0; i < kRows; ++i) {
-        uint32_t file = (i / 1000) % kFiles;
-        uint32_t line = lines[file] + 1 + random() % 4;
-        if (line == lastLine)
-            ++line;
-        lines[file] = line;
-        lastLine = line;
-        g_Rows.push_back(ExpectedRow{address, line, file});
-        address += 1 + random() % 6;
+    if (!mkdtemp(pattern))
+        Fail("no temporary directory");
+    g_WorkDirectory = pattern;
+    {
+        const char *const instructions[] = {"nop",
+                                            "movl $1, %eax",
+                                            "addq %rax, %rbx",
+                                            "leaq 8(%rsp), %rcx",
+                                            "xorl %edx, %edx",
+                                            "movabsq $0x1122334455667788, %rax",
+                                            "pushq %rbp",
+                                            "popq %rbp"};
+        std::ofstream source(g_WorkDirectory + "/big.s");
+        source << ".text\n.globl f\nf:\n";
+        std::mt19937 random(12345);
+        for (uint32_t i = 0; i < kInstructions; ++i)
+            source << "  " << instructions[random() % 8] << "\n";
+        if (!source)
+            Fail("cannot write the assembly source");
     }
+    std::mt19937 random(54321);
+    for (Input &input : g_Inputs) {
+        std::string command = "cd " + g_WorkDirectory + " && " + input.command;
+        if (std::system(command.c_str()) != 0)
+            Fail(std::string("cannot make the input: ") + input.command);
+        input.path = g_WorkDirectory + "/" + input.object;
+        LlvmTable llvm;
+        if (!OpenWithLlvm(input.path, llvm))
+            Fail(std::string("LLVM cannot read ") + input.object);
+        std::vector<uint64_t> addresses;
+        for (const llvm::DWARFDebugLine::Row &row : llvm.table->Rows)
+            if (!row.EndSequence)
+                addresses.push_back(row.Address.Address);
+        input.rows = addresses.size();
+        const llvm::DWARFDebugLine::Row &middle = llvm.table->Rows[input.rows / 2];
+        input.checkAddress = middle.Address.Address;
+        input.checkLine = middle.Line;
+        for (uint32_t i = 0; i < kLookups; ++i)
+            input.lookups.push_back(addresses[random() % addresses.size()]);
 
-    Dbg_init(0);
-    BrxHandle file = 0, text = 0;
-    if (_brx_new_file(g_Path.c_str(), BRX_FORMAT_ELF64, &file) != 0)
-        std::abort();
-    uint16_t flags = BRX_SECTION_CODE;
-    uint32_t alignment = 16, kind = 0;
-    BrxAttr attrs[] = {{BRX_KEY_NAME, ".text"},
-                       {BRX_KEY_SECTION_FLAGS, &flags},
-                       {BRX_KEY_SECTION_ALIGNMENT, &alignment},
-                       {BRX_KEY_SECTION_KIND, &kind}};
-    if (_brx_create_object(file, BRX_FORMAT_ELF64, BRX_KIND_SECTION, 4, attrs, &text, 0) != 0)
-        std::abort();
-    std::vector<uint8_t> code(address + 16, 0x90);
-    BrxBytes bytes{code.size(), 0, code.data()};
-    _brx_set_value(text, BRX_KEY_SECTION_DATA, &bytes, 0);
-    const uint16_t versions[3] = {1, 0, 0};
-    DbgScope module = nullptr, section = nullptr;
-    if (Dbg_open_module_scope(file, 1, 0, 0, 1, versions, versions, u"bench", u"/bench", u"main.s",
-                              u"", &module) != 0 ||
-        Dbg_open_section_scope(text, &section) != 0)
-        std::abort();
-    DbgSource sources[kFiles];
-    for (uint32_t f = 0; f < kFiles; ++f)
-        DbgLine_create_source(kFileNames[f], &sources[f]);
-    for (const ExpectedRow &row : g_Rows) {
-        DbgLineDesc desc{sources[row.file],           row.line, 0, uint32_t(row.address),
-                         uint32_t(row.address >> 32), 0};
-        Dbg_create_line(section, &desc);
-    }
-    if (Dbg_emit() != 0 || _brx_write_file(file) != 0)
-        std::abort();
-    Dbg_finish();
-    _brx_close_file(file);
-
-    g_LookupOrder.reserve(kLookups);
-    g_SourceOrder.reserve(kLookups);
-    for (uint32_t i = 0; i < kLookups; ++i) {
-        uint32_t row = random() % kRows;
-        g_LookupOrder.push_back(g_Rows[row].address);
-        g_SourceOrder.push_back(random() % kRows);
+        // The name the table gives its source, to open the object by.
+        Dbg_init(1);
+        DbgSourceHandle *handle = nullptr;
+        uint32_t status = DbgLine_open_object_and_source_file(input.path.c_str(), "", &handle);
+        char name[4096];
+        uint32_t size = sizeof(name);
+        if ((status != DBG_ERR_NONE && status != DBG_ERR_SOURCE_NOT_FOUND) ||
+            DbgLine_get_source_file_name(0, name, &size) != DBG_ERR_NONE)
+            Fail(std::string("Quillet cannot read ") + input.object);
+        input.source = name;
+        Dbg_finish();
     }
 }
 
@@ -141,30 +171,18 @@ long ReadStatusKb(const char *field) {
 
 // Peak memory of one open, measured in a fresh process of this program (so nothing else that
 // the benchmark did counts): its resident size before the open, and its peak resident size as
-// the kernel reports it once it has exited. `indexed` opens by name (source index built);
-// otherwise the caller opens the object and names its section.
-int MeasureChild(const char *path, bool indexed) {
+// the kernel reports it once it has exited.
+int MeasureChild(const char *path, const char *source) {
     long before = ReadStatusKb("VmRSS:");
     Dbg_init(1);
-    uint32_t mode = 7;
-    BrxHandle file = 0;
-    int status = 0;
-    if (indexed) {
-        char name[64];
-        std::strcpy(name, kFileNames8[0]);
-        DbgSourceHandle *handle = nullptr;
-        status = DbgLine_open_object_and_source_file(path, name, &handle);
-    } else {
-        _brx_open_file(path, &mode, &file, 0);
-        DbgLineSectionHandle *handle = nullptr;
-        status = DbgLine_open_line_section(FindSection(file, ".text"), &handle);
-    }
+    DbgSourceHandle *handle = nullptr;
+    uint32_t status = DbgLine_open_object_and_source_file(path, source, &handle);
     std::printf("%ld\n", before);
     std::fflush(stdout);
-    std::_Exit(status == 0 ? 0 : 1);
+    std::_Exit(status == DBG_ERR_NONE ? 0 : 1);
 }
 
-double PeakBytesPerRow(bool indexed) {
+double PeakBytesPerRow(const Input &input) {
     int pipeFds[2];
     if (pipe(pipeFds) != 0)
         return -1;
@@ -172,8 +190,8 @@ double PeakBytesPerRow(bool indexed) {
     if (child == 0) {
         dup2(pipeFds[1], 1);
         close(pipeFds[0]);
-        execl("/proc/self/exe", "bench_retrieval", "--memory-child", g_Path.c_str(),
-              indexed ? "indexed" : "section", static_cast<char *>(nullptr));
+        execl("/proc/self/exe", "bench_retrieval", "--memory-child", input.path.c_str(),
+              input.source.c_str(), static_cast<char *>(nullptr));
         std::_Exit(2);
     }
     close(pipeFds[1]);
@@ -186,106 +204,72 @@ double PeakBytesPerRow(bool indexed) {
         WEXITSTATUS(status) != 0)
         return -1;
     long before = std::atol(text);
-    return double(usage.ru_maxrss - before) * 1024.0 / kRows;
+    return double(usage.ru_maxrss - before) * 1024.0 / double(input.rows);
 }
 
-// Open to ready for offset queries: the caller opens the object and names its code section.
-void BM_QuilletDecode(benchmark::State &state) {
+// From the object's path to a table ready for every query.
+void QuilletDecode(benchmark::State &state, Input *input) {
     for (auto _ : state) {
         Dbg_init(1);
-        uint32_t mode = 7;
-        BrxHandle file = 0;
-        _brx_open_file(g_Path.c_str(), &mode, &file, 0);
-        DbgLineSectionHandle *handle = nullptr;
-        if (DbgLine_open_line_section(FindSection(file, ".text"), &handle) != 0)
-            state.SkipWithError("open failed");
-        benchmark::DoNotOptimize(handle);
-        Dbg_finish();
-        _brx_close_file(file);
-    }
-    state.SetItemsProcessed(int64_t(state.iterations()) * kRows);
-}
-
-// Open by name to ready for every query, the source index included.
-void BM_QuilletDecodeWithSourceIndex(benchmark::State &state) {
-    for (auto _ : state) {
-        Dbg_init(1);
-        char name[64];
-        std::strcpy(name, kFileNames8[0]);
         DbgSourceHandle *handle = nullptr;
-        if (DbgLine_open_object_and_source_file(g_Path.c_str(), name, &handle) != 0)
+        if (DbgLine_open_object_and_source_file(input->path.c_str(), input->source.c_str(),
+                                                &handle) != DBG_ERR_NONE)
             state.SkipWithError("open failed");
         benchmark::DoNotOptimize(handle);
         Dbg_finish();
     }
-    state.SetItemsProcessed(int64_t(state.iterations()) * kRows);
+    state.SetItemsProcessed(int64_t(state.iterations() * input->rows));
 }
 
-void BM_LlvmDecode(benchmark::State &state) {
+void LlvmDecode(benchmark::State &state, Input *input) {
     for (auto _ : state) {
-        auto binary = llvm::object::ObjectFile::createObjectFile(g_Path);
-        if (!binary) {
-            llvm::consumeError(binary.takeError());
-            state.SkipWithError("LLVM cannot open the object");
+        LlvmTable llvm;
+        if (!OpenWithLlvm(input->path, llvm)) {
+            state.SkipWithError("LLVM cannot read the object");
             break;
         }
-        auto context = llvm::DWARFContext::create(
-            *binary->getBinary(), llvm::DWARFContext::ProcessDebugRelocations::Ignore, nullptr, "",
-            [](llvm::Error e) { llvm::consumeError(std::move(e)); },
-            [](llvm::Error e) { llvm::consumeError(std::move(e)); });
-        size_t rows = 0;
-        for (const auto &unit : context->compile_units())
-            if (const llvm::DWARFDebugLine::LineTable *table =
-                    context->getLineTableForUnit(unit.get()))
-                rows += table->Rows.size();
-        benchmark::DoNotOptimize(rows);
+        benchmark::DoNotOptimize(llvm.table->Rows.size());
     }
-    state.SetItemsProcessed(int64_t(state.iterations()) * kRows);
+    state.SetItemsProcessed(int64_t(state.iterations() * input->rows));
 }
 
-void BM_QuilletLookup(benchmark::State &state) {
+void QuilletLookup(benchmark::State &state, Input *input) {
     Dbg_init(1);
     uint32_t mode = 7;
     BrxHandle file = 0;
-    _brx_open_file(g_Path.c_str(), &mode, &file, 0);
+    _brx_open_file(input->path.c_str(), &mode, &file, 0);
     DbgLineSectionHandle *handle = nullptr;
-    DbgLine_open_line_section(FindSection(file, ".text"), &handle);
+    if (DbgLine_open_line_section(FindSection(file, ".text"), &handle) != DBG_ERR_NONE)
+        state.SkipWithError("open failed");
     uint64_t found = 0;
     for (auto _ : state) {
-        for (uint64_t address : g_LookupOrder) {
+        for (uint64_t address : input->lookups) {
             DbgOffsetQuery query{handle, address};
             DbgInstInfo info;
             found += DbgLine_get_inst_info_by_offset(1, &query, &info) == 0 ? info.line : 0;
         }
     }
     benchmark::DoNotOptimize(found);
-    // Every lookup hits its row: check one against what was written.
-    DbgOffsetQuery query{handle, g_Rows[kRows / 2].address};
+    // Every lookup hits its row: check one against what LLVM reads.
+    DbgOffsetQuery query{handle, input->checkAddress};
     DbgInstInfo info;
-    if (DbgLine_get_inst_info_by_offset(1, &query, &info) != 0 ||
-        info.line != g_Rows[kRows / 2].line || info.file_index != g_Rows[kRows / 2].file)
+    if (DbgLine_get_inst_info_by_offset(1, &query, &info) != 0 || info.line != input->checkLine)
         state.SkipWithError("a lookup gave the wrong row");
     Dbg_finish();
     _brx_close_file(file);
     state.SetItemsProcessed(int64_t(state.iterations()) * kLookups);
 }
 
-void BM_LlvmLookup(benchmark::State &state) {
-    auto binary = llvm::object::ObjectFile::createObjectFile(g_Path);
-    if (!binary) {
-        llvm::consumeError(binary.takeError());
-        state.SkipWithError("LLVM cannot open the object");
+void LlvmLookup(benchmark::State &state, Input *input) {
+    LlvmTable llvm;
+    if (!OpenWithLlvm(input->path, llvm)) {
+        state.SkipWithError("LLVM cannot read the object");
         return;
     }
-    auto context = llvm::DWARFContext::create(
-        *binary->getBinary(), llvm::DWARFContext::ProcessDebugRelocations::Ignore, nullptr, "",
-        [](llvm::Error e) { llvm::consumeError(std::move(e)); },
-        [](llvm::Error e) { llvm::consumeError(std::move(e)); });
-    const llvm::DWARFDebugLine::LineTable *table =
-        context->getLineTableForUnit(context->compile_units().begin()->get());
+    const llvm::DWARFDebugLine::LineTable *table = llvm.table;
     uint64_t found = 0;
     for (auto _ : state) {
-        for (uint64_t address : g_LookupOrder) {
+        for (uint64_t address : input->lookups) {
             uint32_t row =
                 table->lookupAddress({address, llvm::object::SectionedAddress::UndefSection});
             found += row != table->UnknownRowIndex ? table->Rows[row].Line : 0;
@@ -295,45 +279,7 @@ void BM_LlvmLookup(benchmark::State &state) {
     state.SetItemsProcessed(int64_t(state.iterations()) * kLookups);
 }
 
-void BM_QuilletBySource(benchmark::State &state) {
-    Dbg_init(1);
-    DbgSourceHandle *handles[kFiles] = {};
-    for (uint32_t f = 0; f < kFiles; ++f) {
-        char name[64];
-        std::strcpy(name, kFileNames8[f]);
-        if (f == 0)
-            DbgLine_open_object_and_source_file(g_Path.c_str(), name, &handles[0]);
-    }
-    // Every file's handle comes from the same open object.
-    uint32_t count = 0;
-    DbgLine_get_source_files_number(&count);
-    static DbgSourceHandle others[kFiles];
-    for (uint32_t f = 0; f < kFiles && handles[0]; ++f) {
-        others[f] = *handles[0];
-        others[f].file_index = others[f].file_index_again = f;
-        handles[f] = &others[f];
-    }
-    uint64_t sum = 0;
-    uint32_t misses = 0;
-    for (auto _ : state) {
-        for (uint32_t row : g_SourceOrder) {
-            const ExpectedRow &expected = g_Rows[row];
-            DbgSourceQuery query{handles[expected.file], expected.line, 1};
-            DbgSourceResult result;
-            if (DbgLine_get_inst_info_by_source(0, &query, &result) == 0)
-                sum += result.address;
-            else
-                ++misses;
-        }
-    }
-    benchmark::DoNotOptimize(sum);
-    if (misses != 0 || count != kFiles)
-        state.SkipWithError("a source query missed its row");
-    Dbg_finish();
-    state.SetItemsProcessed(int64_t(state.iterations()) * kLookups);
-}
-
-// Rows per second of a benchmark, from the reporter's runs.
+// Rows or lookups per second of each benchmark, from the reporter's runs.
 class SummaryReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run> &runs) override {
@@ -342,56 +288,73 @@ public:
             auto items = run.counters.find("items_per_second");
             if (items == run.counters.end())
                 continue;
-            double rate = items->second.value;
             const std::string &name = run.run_name.function_name;
-            if (name == "BM_QuilletDecode")
-                g_QuilletDecode = rate;
-            else if (name == "BM_QuilletDecodeWithSourceIndex")
-                g_QuilletDecodeIndexed = rate;
-            else if (name == "BM_LlvmDecode")
-                g_LlvmDecode = rate;
-            else if (name == "BM_QuilletLookup")
-                g_QuilletLookup = rate;
-            else if (name == "BM_LlvmLookup")
-                g_LlvmLookup = rate;
-            else if (name == "BM_QuilletBySource")
-                g_QuilletSource = rate;
+            for (Input &input : g_Inputs) {
+                std::string label = std::string("/") + input.object;
+                if (name.size() < label.size() ||
+                    name.compare(name.size() - label.size(), label.size(), label) != 0)
+                    continue;
+                double rate = items->second.value;
+                if (name.rfind("QuilletDecode", 0) == 0)
+                    input.quilletDecode = rate;
+                else if (name.rfind("LlvmDecode", 0) == 0)
+                    input.llvmDecode = rate;
+                else if (name.rfind("QuilletLookup", 0) == 0)
+                    input.quilletLookup = rate;
+                else if (name.rfind("LlvmLookup", 0) == 0)
+                    input.llvmLookup = rate;
+            }
         }
     }
 };
 
 } // namespace
 
-BENCHMARK(BM_QuilletDecode)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_QuilletDecodeWithSourceIndex)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_LlvmDecode)->Unit(benchmark::kMillisecond)->MinTime(2.0);
-BENCHMARK(BM_QuilletLookup)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_LlvmLookup)->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK(BM_QuilletBySource)->Unit(benchmark::kMillisecond)->Iterations(3);
-
 int main(int argc, char **argv) {
     if (argc == 4 && std::strcmp(argv[1], "--memory-child") == 0)
-        return MeasureChild(argv[2], std::strcmp(argv[3], "indexed") == 0);
+        return MeasureChild(argv[2], argv[3]);
     benchmark::Initialize(&argc, argv);
-    MakeObject();
+    MakeInputs();
+    for (Input &input : g_Inputs) {
+        std::string suffix = std::string("/") + input.object;
+        benchmark::RegisterBenchmark(("QuilletDecode" + suffix).c_str(), QuilletDecode, &input)
+            ->Unit(benchmark::kMillisecond)
+            ->MinTime(2.0);
+        benchmark::RegisterBenchmark(("LlvmDecode" + suffix).c_str(), LlvmDecode, &input)
+            ->Unit(benchmark::kMillisecond)
+            ->MinTime(2.0);
+        benchmark::RegisterBenchmark(("QuilletLookup" + suffix).c_str(), QuilletLookup, &input)
+            ->Unit(benchmark::kMillisecond)
+            ->Iterations(3);
+        benchmark::RegisterBenchmark(("LlvmLookup" + suffix).c_str(), LlvmLookup, &input)
+            ->Unit(benchmark::kMillisecond)
+            ->Iterations(3);
+    }
     SummaryReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    g_BytesPerRow = PeakBytesPerRow(false);
-    g_BytesPerRowIndexed = PeakBytesPerRow(true);
-    std::remove(g_Path.c_str());
+    for (Input &input : g_Inputs)
+        input.bytesPerRow = PeakBytesPerRow(input);
+    std::system(("rm -rf '" + g_WorkDirectory + "'").c_str());
 
     auto ratio = [](double a, double b) { return b > 0 ? a / b : 0.0; };
-    std::printf("\nrows: %u, offset lookups: %u, source queries: %u\n", kRows, kLookups, kLookups);
-    std::printf("decode (open to offset queries): Quillet %.1f M rows/s, LLVM %.1f M rows/s, "
-                "ratio %.2f (target >= 2)\n",
-                g_QuilletDecode / 1e6, g_LlvmDecode / 1e6, ratio(g_QuilletDecode, g_LlvmDecode));
-    std::printf("decode with source index: Quillet %.1f M rows/s, ratio to LLVM %.2f\n",
-                g_QuilletDecodeIndexed / 1e6, ratio(g_QuilletDecodeIndexed, g_LlvmDecode));
-    std::printf("offset lookups: Quillet %.2f M/s, LLVM %.2f M/s, ratio %.2f (target >= 2)\n",
-                g_QuilletLookup / 1e6, g_LlvmLookup / 1e6, ratio(g_QuilletLookup, g_LlvmLookup));
-    std::printf("line-to-address queries: Quillet %.2f M/s (target >= 1)\n", g_QuilletSource / 1e6);
-    std::printf("peak memory per row while decoding: %.1f bytes (target <= 48); with the source "
-                "index: %.1f bytes\n",
-                g_BytesPerRow, g_BytesPerRowIndexed);
-    return 0;
+    bool met = true;
+    for (const Input &input : g_Inputs) {
+        double decode = ratio(input.quilletDecode, input.llvmDecode);
+        double lookup = ratio(input.quilletLookup, input.llvmLookup);
+        bool inputMet = decode >= kDecodeTarget && lookup >= kLookupTarget &&
+                        input.bytesPerRow > 0 && input.bytesPerRow <= kBytesPerRowTarget;
+        met = met && inputMet;
+        std::printf("\n%s: %llu rows, %u offset lookups\n", input.label,
+                    static_cast<unsigned long long>(input.rows), kLookups);
+        std::printf("  decode (open by name to every query): Quillet %.1f M rows/s, LLVM %.1f M "
+                    "rows/s, ratio %.2f (target >= %.1f)\n",
+                    input.quilletDecode / 1e6, input.llvmDecode / 1e6, decode, kDecodeTarget);
+        std::printf("  exact offset lookups: Quillet %.2f M/s, LLVM lookupAddress %.2f M/s, ratio "
+                    "%.2f (target >= %.1f)\n",
+                    input.quilletLookup / 1e6, input.llvmLookup / 1e6, lookup, kLookupTarget);
+        std::printf("  peak memory of the open: %.1f bytes per row (target <= %.0f)\n",
+                    input.bytesPerRow, kBytesPerRowTarget);
+    }
+    std::printf("\n%s\n", met ? "every target met" : "a target was missed");
+    return met ? 0 : 1;
 }
