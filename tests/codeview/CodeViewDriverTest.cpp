@@ -1,7 +1,6 @@
-// The CodeView driver end to end on an in-memory COFF object: the module's records, the zero
-// fill that ends a symbol section, the string and checksum tables with the paths files are read
-// from, names cut to fit their records, and the entries that are left out or end an emission.
-// The layout of procedures, lines and COMDAT sections is read back by llvm-readobj in the
+// The CodeView driver end to end on an in-memory COFF object: the zero fill that ends a symbol
+// section, names cut to fit their records, and the entries that are left out or end an emission.
+// The layout of procedures, lines, files and COMDAT sections is read back by llvm-readobj in the
 // consumer tests.
 #include "codeview/CodeViewReading.h"
 
@@ -53,56 +52,6 @@ TEST_F(CodeViewDriver, ZeroFillEndsTheSymbolSectionAndIsNotCounted) {
     }
     for (size_t i = 1; i < lengths.size(); ++i)
         EXPECT_EQ(lengths[i], lengths[0] + i);
-}
-
-// x.asm is registered twice; sub/src/x.asm shares its base name; a name outside the Basic
-// Multilingual Plane is found by the same conversion that names it in the table (U+00E9,
-// U+20AC and U+1F600: two, three and four bytes). All are named relative to the working
-// directory and read from there.
-TEST_F(CodeViewDriver, EachFileIsInTheTablesOnceUnderThePathItIsReadFrom) {
-    ASSERT_EQ(qtest::RunCommand("mkdir -p '" + m_Dir.File("sub/src") + "'").exitCode, 0);
-    const std::string accented = "caf\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80.asm";
-    Write("x.asm", "one");
-    Write("sub/src/x.asm", "second\nfile\n");
-    Write(accented, "accented");
-    char previous[4096];
-    ASSERT_NE(getcwd(previous, sizeof previous), nullptr);
-    ASSERT_EQ(chdir(m_Dir.Path().c_str()), 0);
-    {
-        CoffModule m(ObjectPath());
-        m.OpenModule();
-        DbgSource first = m.Source("x.asm"), other = m.Source("sub/src/x.asm");
-        DbgSource again = m.Source("x.asm");
-        DbgSource wide = m.Builder().Source(u"caf\u00E9\u20AC\U0001F600.asm");
-        DbgScope section = m.OpenSection(m.Section(".text", 0x40));
-        // Recorded out of order: the tables follow the recording order, the blocks the
-        // addresses.
-        m.Line(section, other, 7, 8);
-        m.Line(section, again, 6, 4);
-        m.Line(section, first, 5, 0);
-        m.Line(section, wide, 3, 0x10);
-        EXPECT_EQ(Dbg_emit(), DBG_ERR_NONE);
-
-        const BrxHandle symbols = m.SectionsNamed(".debug$S").at(0);
-        const auto subsections = Subsections(m.Contents(symbols));
-        ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2, F2, F2}));
-        Bytes strings = {0};
-        PutString(strings, m_Dir.File("sub/src/x.asm"));
-        const uint32_t xOffset = uint32_t(strings.size());
-        PutString(strings, m_Dir.File("x.asm"));
-        const uint32_t wideOffset = uint32_t(strings.size());
-        PutString(strings, m_Dir.File(accented));
-        EXPECT_EQ(subsections[1].content, strings);
-        EXPECT_EQ(subsections[2].content,
-                  Concat({ChecksumRecord(1, "second\nfile\n"), ChecksumRecord(xOffset, "one"),
-                          ChecksumRecord(wideOffset, "accented")}));
-        // Both records of x.asm name one file and make one run; a lines subsection per run,
-        // the last one to the end of the section.
-        EXPECT_EQ(subsections[3].content, Concat({LineHeader(0, 8), Block(24, {{0, 5}, {4, 6}})}));
-        EXPECT_EQ(subsections[4].content, Concat({LineHeader(0, 8), Block(0, {{0, 7}})}));
-        EXPECT_EQ(subsections[5].content, Concat({LineHeader(0, 0x30), Block(48, {{0, 3}})}));
-    }
-    EXPECT_EQ(chdir(previous), 0);
 }
 
 // Names too long for a record's 16-bit length are cut at a character boundary, and each cut is

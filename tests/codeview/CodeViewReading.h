@@ -1,6 +1,6 @@
 // Reading CodeView back from an object made through the shared module builder: a symbol section
 // taken apart into subsections and records with its framing checked on the way, COMDAT
-// sections; and the expected bytes of line subsections and checksum records.
+// sections; and the expected bytes of line subsections.
 #pragma once
 
 #include "support/Bytes.h"
@@ -8,7 +8,6 @@
 #include "support/Support.h"
 
 #include "brix/brix.h"
-#include "codeview/Md5.h"
 
 #include <gtest/gtest.h>
 
@@ -20,8 +19,6 @@ namespace cvtest {
 
 using qtest::Bytes;
 using qtest::Concat;
-using qtest::PutString;
-using qtest::PutU16;
 using qtest::PutU32;
 using qtest::U16;
 using qtest::U32;
@@ -123,19 +120,6 @@ inline Bytes Block(uint32_t file, std::vector<std::pair<uint32_t, uint32_t>> pai
         PutU32(out, offset);
         PutU32(out, line | 0x80000000u);
     }
-    return out;
-}
-
-// A checksum record: the file's string-table offset, digest size 16, kind MD5, the digest of
-// `content`, two bytes of fill.
-inline Bytes ChecksumRecord(uint32_t stringOffset, const std::string &content) {
-    const quillet::Md5Digest digest = quillet::CMd5::Of(content.data(), content.size());
-    Bytes out;
-    PutU32(out, stringOffset);
-    out.push_back(16);
-    out.push_back(1);
-    out.insert(out.end(), digest.begin(), digest.end());
-    PutU16(out, 0);
     return out;
 }
 

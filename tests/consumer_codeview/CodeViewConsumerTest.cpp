@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <map>
 #include <sstream>
+#include <sys/stat.h>
 
 namespace {
 
@@ -17,19 +18,29 @@ using namespace cvtest;
 using readobj::Node;
 
 struct LineSpec {
-    std::string file; // base name
+    std::string file; // as registered, relative to the working directory
     uint32_t line;
     uint64_t offset;
 };
 
+// A name outside the Basic Multilingual Plane: U+00E9, U+20AC and U+1F600 take two, three and
+// four bytes in UTF-8.
+const char kWideName[] = "caf\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80.asm";
+
+// Runs in its own directory, where sources are named relative to it, and goes back afterwards.
 class CodeViewConsumer : public ::testing::Test {
 protected:
-    qtest::TempDir m_Dir;
+    void SetUp() override {
+        m_Previous = WorkingDirectory();
+        ASSERT_EQ(chdir(m_Dir.Path().c_str()), 0);
+    }
+    void TearDown() override { EXPECT_EQ(chdir(m_Previous.c_str()), 0); }
 
-    std::string Source(const std::string &name, const std::string &content) {
-        const std::string path = m_Dir.File(name);
-        EXPECT_TRUE(qtest::WriteTextFile(path, content));
-        return path;
+    qtest::TempDir m_Dir;
+    std::string m_Previous;
+
+    void Source(const std::string &name, const std::string &content) {
+        EXPECT_TRUE(qtest::WriteTextFile(m_Dir.File(name), content)) << name;
     }
     // The digest as md5sum computes it, independently of the library.
     std::string Md5Sum(const std::string &baseName) const {
@@ -129,11 +140,17 @@ std::vector<std::string> LineTables(const Node &section, const Node &main,
     return out;
 }
 
+// alpha.asm is registered twice; sub/src/alpha.asm shares its base name; kWideName is found by
+// the same conversion that names it in the string table.
 TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
-    const std::string alpha = Source("alpha.asm", "start: nop\nloop: jmp loop\n");
-    const std::string beta = Source("beta.asm", "beta\nsource\n");
-    const std::string gamma = Source("gamma.asm", "");         // the digest of zero bytes
-    const std::string delta = Source("delta.asm", "inline\n"); // named only in a COMDAT section
+    ASSERT_EQ(mkdir("sub", 0700), 0);
+    ASSERT_EQ(mkdir("sub/src", 0700), 0);
+    Source("alpha.asm", "start: nop\nloop: jmp loop\n");
+    Source("beta.asm", "beta\nsource\n");
+    Source("gamma.asm", "");         // the digest of zero bytes
+    Source("delta.asm", "inline\n"); // named only in a COMDAT section
+    Source("sub/src/alpha.asm", "second\nalpha\n");
+    Source(kWideName, "wide");
     const std::string object = m_Dir.File("module.obj");
     {
         CoffModule m(object);
@@ -144,10 +161,14 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
         const BrxHandle inl = m.Section(".text$inl", 0x18, true, true);
         const BrxHandle nol = m.Section(".text$nol", 0x10, true, true);
         const BrxHandle lin = m.Section(".text$lin", 0x10, true, true);
-        std::map<std::string, DbgSource> files = {{"alpha.asm", m.Source(alpha)},
-                                                  {"beta.asm", m.Source(beta)},
-                                                  {"gamma.asm", m.Source(gamma)},
-                                                  {"delta.asm", m.Source(delta)}};
+        std::map<std::string, DbgSource> files = {
+            {"alpha.asm", m.Source("alpha.asm")},
+            {"beta.asm", m.Source("beta.asm")},
+            {"gamma.asm", m.Source("gamma.asm")},
+            {"delta.asm", m.Source("delta.asm")},
+            {"alpha.asm again", m.Source("alpha.asm")},
+            {"sub/src/alpha.asm", m.Source("sub/src/alpha.asm")},
+            {kWideName, b.Source(u"caf\u00E9\u20AC\U0001F600.asm")}};
         auto lines = [&](DbgScope scope, const std::vector<LineSpec> &specs) {
             for (const LineSpec &l : specs)
                 m.Line(scope, files.at(l.file), l.line, l.offset);
@@ -201,7 +222,11 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
 
         m.OpenSection(text2);
         DbgScope p2 = m.OpenProcedure(m.Symbol("second", text2, 0), 0, 0x20, farType);
-        lines(p2, {{"beta.asm", 20, 0}, {"beta.asm", 21, 8}});
+        // Both registrations of alpha.asm name one file and make one run.
+        lines(p2, {{"alpha.asm", 20, 0},
+                   {"alpha.asm again", 21, 4},
+                   {"sub/src/alpha.asm", 22, 8},
+                   {kWideName, 23, 0x10}});
         m.Close();
         m.Reenter(module);
 
@@ -257,8 +282,8 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
     ASSERT_EQ(symbolSections.size(), 4u);
     const Node &main = *symbolSections[0], &own = *symbolSections[1], &quiet = *symbolSections[2],
                &linesOnly = *symbolSections[3];
-    EXPECT_EQ(SubsectionKinds(main),
-              (std::vector<uint64_t>{0xF1, 0xF3, 0xF4, 0xF2, 0xF2, 0xF2, 0xF2, 0xF2, 0xF2}));
+    EXPECT_EQ(SubsectionKinds(main), (std::vector<uint64_t>{0xF1, 0xF3, 0xF4, 0xF2, 0xF2, 0xF2,
+                                                            0xF2, 0xF2, 0xF2, 0xF2, 0xF2}));
     EXPECT_EQ(SubsectionKinds(own), (std::vector<uint64_t>{0xF1, 0xF2, 0xF2}));
     EXPECT_EQ(SubsectionKinds(quiet), (std::vector<uint64_t>{0xF1}));
     EXPECT_EQ(SubsectionKinds(linesOnly), (std::vector<uint64_t>{0xF2}));
@@ -338,13 +363,14 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
     for (const Node *c : main.Find("FileChecksum"))
         checksums.push_back(readobj::WithoutNumber(c->Field("Filename")) + " " +
                             c->Field("ChecksumKind") + " " + c->Field("ChecksumBytes"));
-    for (const std::string name : {"alpha.asm", "beta.asm", "gamma.asm", "delta.asm"}) {
+    for (const std::string name :
+         {"alpha.asm", "beta.asm", "gamma.asm", "sub/src/alpha.asm", kWideName, "delta.asm"}) {
         // The dump shows the digest as "(D4 1D ...)".
         std::string digest = Md5Sum(name), bytes;
         std::transform(digest.begin(), digest.end(), digest.begin(), ::toupper);
         for (size_t i = 0; i < digest.size(); i += 2)
             bytes += (i ? " " : "") + digest.substr(i, 2);
-        expectedChecksums.push_back(m_Dir.File(name) + " MD5 (0x1) (" + bytes + ")");
+        expectedChecksums.push_back(cwd + "/" + name + " MD5 (0x1) (" + bytes + ")");
     }
     EXPECT_EQ(checksums, expectedChecksums);
     for (const Node *section : {&own, &quiet, &linesOnly})
@@ -352,17 +378,17 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
 
     // Lines: a subsection per procedure and per stretch of code between procedures, cut where
     // the file changes; offsets count from each subsection's start.
-    const std::string directory = m_Dir.Path();
-    EXPECT_EQ(
-        LineTables(main, main, directory),
-        (std::vector<std::string>{
-            ".text 0x10 alpha.asm: 0x0=1 0x4=2; ", "main 0x10 alpha.asm: 0x0=10 0x4=11; ",
-            "$$$L1 0x4 beta.asm: 0x0=3; ", "$$$L2 0x1C alpha.asm: 0x0=12; ",
-            "helper 0x20 gamma.asm: 0x0=5 0x8=6; ", "second 0x20 beta.asm: 0x0=20 0x8=21; "}));
-    EXPECT_EQ(LineTables(own, main, directory),
+    EXPECT_EQ(LineTables(main, main, cwd),
+              (std::vector<std::string>{
+                  ".text 0x10 alpha.asm: 0x0=1 0x4=2; ", "main 0x10 alpha.asm: 0x0=10 0x4=11; ",
+                  "$$$L1 0x4 beta.asm: 0x0=3; ", "$$$L2 0x1C alpha.asm: 0x0=12; ",
+                  "helper 0x20 gamma.asm: 0x0=5 0x8=6; ", "second 0x8 alpha.asm: 0x0=20 0x4=21; ",
+                  ".text2 0x8 sub/src/alpha.asm: 0x0=22; ",
+                  std::string("$$$L3 0x10 ") + kWideName + ": 0x0=23; "}));
+    EXPECT_EQ(LineTables(own, main, cwd),
               (std::vector<std::string>{"inl 0x6 delta.asm: 0x0=30; ",
                                         ".text$inl 0x12 alpha.asm: 0x0=31; "}));
-    EXPECT_EQ(LineTables(linesOnly, main, directory),
+    EXPECT_EQ(LineTables(linesOnly, main, cwd),
               (std::vector<std::string>{".text$lin 0xC beta.asm: 0x0=50 0x4=51; "}));
 
     // Sections, relocations and the COMDAT association of the symbol sections.
@@ -377,7 +403,7 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
     // (14), then the section index (11) of the segment field after it.
     const std::vector<std::string> relocated[] = {{"start", "main", "loop", "helper", "counter_var",
                                                    "table", "second", ".text", "main", "$$$L1",
-                                                   "$$$L2", "helper", "second"},
+                                                   "$$$L2", "helper", "second", ".text2", "$$$L3"},
                                                   {"inl_entry", "inl", "inl", ".text$inl"},
                                                   {"nol"},
                                                   {".text$lin"}};

@@ -36,7 +36,6 @@ public:
 
     BrxHandle File() const { return m_File; }
     BrxHandle SymbolTable() const { return m_SymbolTable; }
-    int32_t Format() const { return m_Format; }
     const std::string &Path() const { return m_Path; }
 
     // A section holding `size` bytes (all 0x90); code sections carry the code flag.
