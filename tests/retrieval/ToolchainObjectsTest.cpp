@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <sstream>
 
 namespace {
 
@@ -114,20 +115,93 @@ std::vector<Sequence> OurSequences(CBaseRetrieve &engine) {
     return sequences;
 }
 
+// Every row is found again from both ends of its range, by its offset (the first row there, and
+// the row before it), and by its source position.
+void ExpectEveryRowFound(CBaseRetrieve &engine) {
+    std::vector<quillet::CSectionRows> sections(engine.Sections().begin(), engine.Sections().end());
+    for (const quillet::CSectionRows &section : sections) {
+        DbgLineSectionHandle *handle = engine.SectionHandle(section.m_Section);
+        uint64_t count = section.Count();
+        std::vector<DbgLineRow> rows(count);
+        ASSERT_EQ(engine.GetRows(handle, 0, rows.data(), &count), 0u);
+        for (size_t i = 0; i < rows.size(); ++i) {
+            const DbgLineRow &r = rows[i];
+            if (r.end == r.offset)
+                continue; // another row follows at its address and answers for it
+            DbgLineRow found{};
+            uint64_t index = 0;
+            ASSERT_EQ(engine.FindRow(handle, r.offset, &found, &index), 0u) << i;
+            EXPECT_EQ(index, i);
+            ASSERT_EQ(engine.FindRow(handle, r.end - 1, &found, &index), 0u) << i;
+            EXPECT_EQ(index, i);
+            DbgOffsetQuery query{handle, r.offset};
+            DbgInstInfo info{};
+            ASSERT_EQ(engine.InstInfoByOffset(1, &query, &info), 0u) << i;
+            EXPECT_EQ(query.offset, r.offset);
+            DbgOffsetQuery inside{handle, r.offset + 1};
+            if (r.end > r.offset + 1 &&
+                (i + 1 == rows.size() || rows[i + 1].offset != r.offset + 1)) {
+                EXPECT_EQ(engine.InstInfoByOffset(1, &inside, &info), DBG_ERR_NO_LINE_AT_OFFSET);
+            }
+            if (i > 0 && !(r.flags & DBG_ROW_SEQUENCE_START) && rows[i - 1].offset < r.offset) {
+                ASSERT_EQ(engine.InstInfoByOffset(0, &query, &info), 0u) << i;
+                EXPECT_EQ(query.offset, rows[i - 1].offset);
+            }
+            DbgSourceHandle *source = nullptr;
+            std::string path = engine.Files().Path(r.file_index);
+            if (engine.FindSource(path.c_str(), &source) != 0 || source->file_index != r.file_index)
+                continue; // a second entry with the same path
+            DbgSourceQuery position{source, r.line, static_cast<uint16_t>(r.column + 1)};
+            DbgSourceResult result{};
+            EXPECT_EQ(engine.InstInfoBySource(0, &position, &result), 0u) << i;
+            // Past the file's last line: the nearest position below it.
+            position.line = UINT32_MAX;
+            EXPECT_EQ(engine.InstInfoBySource(0, &position, &result), DBG_ERR_INEXACT_POSITION);
+        }
+    }
+}
+
 const char *const kHeader = "static inline int twice(int v) {\n  return v * 2;\n}\n";
 const char *const kFirst = "#include \"h.h\"\nint g1(int x) {\n  int y = x * 3;\n"
                            "  return twice(y) + 1;\n}\nint g2(int a, int b) {\n  if (a > b)\n"
                            "    return a - b;\n  return twice(b);\n}\n";
 const char *const kSecond = "#include \"h.h\"\nint g1(int);\nint main(void) {\n"
                             "  int r = g1(2);\n  return twice(r);\n}\n";
+// Assembly with three code sections entered in turns, three files (one under an absolute include
+// directory, one named through a parent step), a compilation unit written by hand, and code
+// before the first located instruction of each section, so sequences start inside them.
+std::string SectionsInTurns() {
+    const char *const sections[] = {".text", ".hotcode", ".coldcode"};
+    const char *const instructions[] = {"nop", "xorl %eax, %eax", "movl $1, %eax",
+                                        "movabsq $0x1122334455667788, %rax"};
+    std::ostringstream s;
+    s << ".file 1 \"main.s\"\n.file 2 \"/abs/inc\" \"defs.inc\"\n.file 3 \"../rel/./more.s\"\n";
+    for (const char *section : sections)
+        s << ".section " << section << ",\"ax\",@progbits\n  nop\n  nop\n  nop\n";
+    for (int i = 0; i < 6000; ++i) {
+        if (i % 50 == 0)
+            s << ".section " << sections[(i / 50) % 3] << ",\"ax\",@progbits\n";
+        s << ".loc " << 1 + (i / 7) % 3 << " " << 10 + 3 * i << " " << i % 11 << "\n  "
+          << instructions[i % 4] << "\n";
+    }
+    s << ".section .debug_abbrev,\"\",@progbits\n.byte 1, 0x11, 1\n"
+      << ".byte 0x13, 0x05, 0x10, 0x06, 0x03, 0x08, 0x1b, 0x08, 0x25, 0x08, 0x11, 0x01, 0, 0, 0\n"
+      << ".section .debug_info,\"\",@progbits\n.long .Lend - .Lstart\n.Lstart:\n"
+      << ".short 2\n.long 0\n.byte 8\n.uleb128 1\n.short 0x8001\n.long 0\n"
+      << ".asciz \"main.s\"\n.asciz \"/build/gen\"\n.asciz \"generator\"\n.quad 0\n.byte "
+         "0\n.Lend:\n";
+    return s.str();
+}
+
 const char *const kAssembly = ".text\n.globl f\nf:\n nop\n nop\n ret\n.section .text.other,\"ax\"\n"
                               "g:\n nop\n ret\n";
 
 struct ToolchainCase {
     const char *name;
-    const char *build; // run in a directory holding a.c, b.c, h.h and s.s; makes out
+    const char *build; // run in a directory holding a.c, b.c, h.h, s.s and g.s; makes out
 };
 
+#define kSectionsInTurns "llvm-mc-14 -filetype=obj -triple x86_64-linux-gnu -g -dwarf-version=2 g.s"
 const ToolchainCase kCases[] = {
     {"ClangDwarf4", "clang-14 -g -gdwarf-4 -c a.c -o out"},
     {"ClangDwarf5", "clang-14 -g -gdwarf-5 -O1 -c a.c -o out"},
@@ -146,6 +220,9 @@ const ToolchainCase kCases[] = {
     {"MergedUnits", "gcc -g -c a.c -o a.o && clang-14 -g -gdwarf-4 -c b.c -o b.o && "
                     "ld -r a.o b.o -o out"},
     {"LinkedProgram", "gcc -g -O1 a.c b.c -o out"},
+    {"SectionsInTurns", kSectionsInTurns " -o out"},
+    {"SectionsInTurnsLinked", kSectionsInTurns " -o g.o && ld -e 0 -o out g.o"},
+    {"SectionsInTurnsShared", kSectionsInTurns " -o g.o && ld -shared -o out g.o"},
 };
 
 class ToolchainObjects : public ::testing::TestWithParam<ToolchainCase> {};
@@ -156,6 +233,7 @@ TEST_P(ToolchainObjects, RowsEqualTheDumpersSequenceBySequence) {
     ASSERT_TRUE(qtest::WriteTextFile(dir.File("a.c"), kFirst));
     ASSERT_TRUE(qtest::WriteTextFile(dir.File("b.c"), kSecond));
     ASSERT_TRUE(qtest::WriteTextFile(dir.File("s.s"), kAssembly));
+    ASSERT_TRUE(qtest::WriteTextFile(dir.File("g.s"), SectionsInTurns()));
     qtest::CommandResult made = qtest::RunCommand("cd " + dir.Path() + " && " + GetParam().build);
     ASSERT_EQ(made.exitCode, 0) << made.output;
     std::string object = dir.File("out");
@@ -170,6 +248,7 @@ TEST_P(ToolchainObjects, RowsEqualTheDumpersSequenceBySequence) {
     std::sort(ours.begin(), ours.end());
     std::sort(theirs.begin(), theirs.end());
     EXPECT_EQ(ours, theirs);
+    ExpectEveryRowFound(engine);
 }
 
 INSTANTIATE_TEST_SUITE_P(Producers, ToolchainObjects, ::testing::ValuesIn(kCases),
