@@ -152,16 +152,6 @@ TEST(InfoSection, StringsAndAddressesThroughTheirSections) {
     EXPECT_EQ(p.low, 0x2000u);
 }
 
-TEST(InfoSection, UnitsWithoutLineProgramsOrNamesAreRead) {
-    InfoUnit unit;
-    unit.attributes = {{0x03, 0x08, InfoUnit::Str("only a name")}};
-    Parsed p = Parse(unit);
-    ASSERT_TRUE(p.ok);
-    EXPECT_FALSE(p.hasStmtList);
-    EXPECT_EQ(p.directory, "");
-    EXPECT_EQ(p.producer, "");
-}
-
 TEST(InfoSection, RefusedUnits) {
     struct Case {
         const char *name;
@@ -269,31 +259,6 @@ TEST(InfoSection, AbbreviationTables) {
     CAbbrevSection cut(tables[2].data(), tables[2].size());
     EXPECT_TRUE(cut.UseTable(0).Failed());
     EXPECT_TRUE(cut.UseTable(100).Failed());
-}
-
-TEST(InfoSection, UnitsAreReadOneAfterAnother) {
-    InfoUnit first = InfoUnit::Standard("one.s", "/1", 0);
-    InfoUnit second = InfoUnit::Standard("two.c", "/2", 0x80);
-    second.version = 5;
-    second.dwarf64 = true;
-    second.attributes[3] = {0x10, 0x17, InfoUnit::U(0x80, 8)};
-    SectionBytes bytes;
-    bytes.abbrev = first.Abbrev();
-    second.abbrevOffset = bytes.abbrev.size();
-    Bytes secondAbbrev = second.Abbrev();
-    bytes.abbrev.insert(bytes.abbrev.end(), secondAbbrev.begin(), secondAbbrev.end());
-    bytes.info = first.Info();
-    Bytes more = second.Info();
-    bytes.info.insert(bytes.info.end(), more.begin(), more.end());
-
-    std::vector<Parsed> units = ParseAll(bytes);
-    ASSERT_EQ(units.size(), 2u);
-    EXPECT_TRUE(units[0].ok);
-    EXPECT_EQ(units[0].name, "one.s");
-    EXPECT_TRUE(units[1].ok);
-    EXPECT_EQ(units[1].name, "two.c");
-    EXPECT_EQ(units[1].directory, "/2");
-    EXPECT_EQ(units[1].stmtList, 0x80u);
 }
 
 } // namespace
