@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <regex>
 
 using namespace brixtest;
@@ -47,20 +46,15 @@ TEST(CoffConsumer, ReadobjAcceptsAndShowsTheObjectAndItsLineTables) {
         EXPECT_TRUE(std::regex_search(r.output, std::regex(shown))) << shown << "\n" << r.output;
 
     std::vector<std::string> tables;
-    std::function<void(const ReadobjNode &)> walk = [&](const ReadobjNode &n) {
-        if (n.name == "FunctionLineTable") {
-            std::string text = n.Get("LinkageName");
-            for (const ReadobjNode &segment : n.children)
-                for (const ReadobjNode &row : segment.children)
-                    if (!row.Get("LineNumberStart").empty())
-                        text += " " + StripNumber(segment.Get("Filename")) + row.name + "=" +
-                                row.Get("LineNumberStart");
-            tables.push_back(text);
-        }
-        for (const ReadobjNode &c : n.children)
-            walk(c);
-    };
-    walk(ParseReadobj(r.output));
+    const readobj::Node root = readobj::Parse(r.output);
+    for (const readobj::Node *table : root.Find("FunctionLineTable")) {
+        std::string text = table->Field("LinkageName");
+        for (const readobj::Node *segment : table->Children("FilenameSegment"))
+            for (const readobj::Node *row : segment->Children())
+                text += " " + readobj::WithoutNumber(segment->Field("Filename")) + row->name + "=" +
+                        row->Field("LineNumberStart");
+        tables.push_back(text);
+    }
     // llvm-readobj shows pair offsets from the relocated symbol, without the header's offset.
     std::vector<std::string> expected = {
         ".text unit.asm+0x0=10 unit.asm+0x4=11 unit.asm+0x8=12 inc.inc+0x10=3",

@@ -5,13 +5,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <set>
 
 using namespace brixtest;
 
 namespace {
+
+// Whether a flag list ("Flags [ (0x6)" and its items) holds `flag`.
+bool HasFlag(const readobj::Node &list, const std::string &flag) {
+    for (const std::string &item : list.Names())
+        if (item.rfind(flag + " ", 0) == 0)
+            return true;
+    return false;
+}
 
 // Architecture-neutral assembly: code bytes, two functions, data words that refer to them.
 std::string Assembly(const char *wordDirective, const char *extra) {
@@ -91,7 +98,7 @@ TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
     CommandResult dump = RunCommand(
         "llvm-readobj-14 --sections --relocations --expand-relocs --symbols '" + path + "'");
     ASSERT_EQ(dump.exitCode, 0) << dump.output;
-    ReadobjNode root = ParseReadobj(dump.output);
+    const readobj::Node root = readobj::Parse(dump.output);
 
     uint32_t mode = 7;
     BrxHandle file = 0;
@@ -102,27 +109,27 @@ TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
     EXPECT_EQ(U32(file, BRX_KEY_MACHINE), c.machine);
 
     // Sections with content are offered; the format's tables are not.
-    std::vector<const ReadobjNode *> all = root.Items("Sections", "Section");
+    std::vector<const readobj::Node *> all = root.Child("Sections").Children("Section");
     std::vector<BrxHandle> sections = Sections(file);
     size_t offered = 0, symbolTable = 0;
     for (size_t i = 0; i < all.size(); ++i) {
-        const ReadobjNode *s = all[i];
-        std::string type = StripNumber(s->Get("Type"));
+        const readobj::Node *s = all[i];
+        std::string type = readobj::WithoutNumber(s->Field("Type"));
         if (type == "SHT_SYMTAB")
             symbolTable = i;
         if (type == "SHT_NULL" || type == "SHT_STRTAB" || type == "SHT_SYMTAB" ||
             type == "SHT_DYNSYM" || type == "SHT_RELA" || type == "SHT_REL" || type == "SHT_GROUP")
             continue;
-        std::string name = StripNumber(s->Get("Name"));
+        std::string name = readobj::WithoutNumber(s->Field("Name"));
         SCOPED_TRACE(name);
         ASSERT_LT(offered, sections.size());
         BrxHandle h = sections[offered++];
         EXPECT_EQ(SectionName(h), name);
-        EXPECT_EQ(U64(h, BRX_KEY_SECTION_SIZE), ParseNumber(s->Get("Size")));
-        EXPECT_EQ(U64(h, BRX_KEY_SECTION_ADDRESS), ParseNumber(s->Get("Address")));
+        EXPECT_EQ(U64(h, BRX_KEY_SECTION_SIZE), readobj::Number(s->Field("Size")));
+        EXPECT_EQ(U64(h, BRX_KEY_SECTION_ADDRESS), readobj::Number(s->Field("Address")));
         EXPECT_EQ((U32(h, BRX_KEY_SECTION_FLAGS) & BRX_SECTION_CODE) != 0,
-                  s->HasFlag("Flags", "SHF_EXECINSTR"));
-        EXPECT_EQ(SectionBytes(h).size(), ParseNumber(s->Get("Size")));
+                  HasFlag(s->Child("Flags"), "SHF_EXECINSTR"));
+        EXPECT_EQ(SectionBytes(h).size(), readobj::Number(s->Field("Size")));
     }
     EXPECT_EQ(offered, sections.size());
     // .text, .text.other, .data and .bss; a link merges the two code sections.
@@ -131,25 +138,25 @@ TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
     // Symbols in table order (llvm-readobj also lists the null symbol first). In linked objects
     // a symbol's value is an address, brix's offset is relative to its section.
     std::vector<BrxHandle> symbols = Symbols(file);
-    std::vector<const ReadobjNode *> expected = root.Items("Symbols", "Symbol");
+    std::vector<const readobj::Node *> expected = root.Child("Symbols").Children("Symbol");
     ASSERT_EQ(expected.size(), symbols.size() + 1);
     for (size_t i = 0; i < symbols.size(); ++i) {
-        const ReadobjNode &e = *expected[i + 1];
+        const readobj::Node &e = *expected[i + 1];
         BrxHandle h = symbols[i];
-        std::string name = StripNumber(e.Get("Name"));
+        std::string name = readobj::WithoutNumber(e.Field("Name"));
         SCOPED_TRACE(name);
-        std::string type = StripNumber(e.Get("Type"));
+        std::string type = readobj::WithoutNumber(e.Field("Type"));
         if (type != "Section") { // brix names a section symbol after its section
             EXPECT_EQ(SymbolName(h), name);
         }
         EXPECT_EQ(U32(h, BRX_KEY_SYMBOL_BINDING),
-                  StripNumber(e.Get("Binding")) == "Local" ? 1u : 2u);
+                  readobj::WithoutNumber(e.Field("Binding")) == "Local" ? 1u : 2u);
         uint32_t expectedType = type == "Function" ? 2 : type == "File" ? 4 : 0;
         EXPECT_EQ(U32(h, BRX_KEY_SYMBOL_TYPE), expectedType);
-        EXPECT_EQ(U64(h, BRX_KEY_SYMBOL_SIZE), ParseNumber(e.Get("Size")));
-        std::string section = StripNumber(e.Get("Section"));
+        EXPECT_EQ(U64(h, BRX_KEY_SYMBOL_SIZE), readobj::Number(e.Field("Size")));
+        std::string section = readobj::WithoutNumber(e.Field("Section"));
         BrxHandle sh = U32(h, BRX_KEY_SYMBOL_SECTION);
-        uint64_t value = ParseNumber(e.Get("Value"));
+        uint64_t value = readobj::Number(e.Field("Value"));
         if (section == "Undefined" || section == "Absolute") {
             EXPECT_EQ(sh, 0u);
             EXPECT_EQ(U64(h, BRX_KEY_SYMBOL_OFFSET), value);
@@ -162,25 +169,25 @@ TEST_P(ForeignElf, AssemblerObjectMatchesReadobj) {
 
     // Relocations, per section they apply to (sh_info); dynamic ones apply to none.
     size_t relocationCount = 0;
-    for (const ReadobjNode &list : root.Child("Relocations")->children) {
-        size_t index = size_t(ParseNumber(list.name.substr(list.name.find('(') + 1)));
-        const ReadobjNode &rel = *all.at(index);
-        size_t target = size_t(ParseNumber(rel.Get("Info")));
+    for (const readobj::Node &list : root.Child("Relocations").children) {
+        size_t index = size_t(readobj::Number(list.name.substr(list.name.find('(') + 1)));
+        const readobj::Node &rel = *all.at(index);
+        size_t target = size_t(readobj::Number(rel.Field("Info")));
         if (target == 0)
             continue;
-        bool symbolsKnown = ParseNumber(rel.Get("Link")) == symbolTable;
-        std::string targetName = StripNumber(all.at(target)->Get("Name"));
+        bool symbolsKnown = readobj::Number(rel.Field("Link")) == symbolTable;
+        std::string targetName = readobj::WithoutNumber(all.at(target)->Field("Name"));
         SCOPED_TRACE(targetName);
         BrxHandle section = FindSection(file, targetName.c_str());
         ASSERT_NE(section, 0u);
         std::vector<BrxHandle> relocs = Relocations(section);
         ASSERT_EQ(relocs.size(), list.children.size());
         for (size_t k = 0; k < relocs.size(); ++k) {
-            const ReadobjNode &e = list.children[k];
-            EXPECT_EQ(U64(relocs[k], BRX_KEY_RELOC_OFFSET), ParseNumber(e.Get("Offset")));
-            EXPECT_EQ(U32(relocs[k], BRX_KEY_RELOC_TYPE), NumberInParentheses(e.Get("Type")));
-            EXPECT_EQ(U64(relocs[k], BRX_KEY_RELOC_ADDEND), ParseNumber(e.Get("Addend")));
-            std::string symbolName = StripNumber(e.Get("Symbol"));
+            const readobj::Node &e = list.children[k];
+            EXPECT_EQ(U64(relocs[k], BRX_KEY_RELOC_OFFSET), readobj::Number(e.Field("Offset")));
+            EXPECT_EQ(U32(relocs[k], BRX_KEY_RELOC_TYPE), readobj::Number(e.Field("Type")));
+            EXPECT_EQ(U64(relocs[k], BRX_KEY_RELOC_ADDEND), readobj::Number(e.Field("Addend")));
+            std::string symbolName = readobj::WithoutNumber(e.Field("Symbol"));
             if (symbolsKnown && symbolName != "-") {
                 EXPECT_EQ(SymbolName(U32(relocs[k], BRX_KEY_RELOC_TARGET)), symbolName);
             }
@@ -232,7 +239,7 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
                                     "--symbols --codeview '" +
                                     path + "'");
     ASSERT_EQ(dump.exitCode, 0) << dump.output;
-    ReadobjNode root = ParseReadobj(dump.output);
+    const readobj::Node root = readobj::Parse(dump.output);
 
     uint32_t mode = 7;
     BrxHandle file = 0;
@@ -242,48 +249,49 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
     EXPECT_EQ(U32(file, BRX_KEY_MACHINE), 0x8664u);
 
     std::vector<BrxHandle> sections = Sections(file);
-    std::vector<const ReadobjNode *> expectedSections = root.Items("Sections", "Section");
+    std::vector<const readobj::Node *> expectedSections =
+        root.Child("Sections").Children("Section");
     ASSERT_EQ(sections.size(), expectedSections.size());
     for (size_t i = 0; i < sections.size(); ++i) {
-        const ReadobjNode &e = *expectedSections[i];
-        SCOPED_TRACE(e.Get("Name"));
-        EXPECT_EQ(SectionName(sections[i]), StripNumber(e.Get("Name")));
-        EXPECT_EQ(U64(sections[i], BRX_KEY_SECTION_SIZE), ParseNumber(e.Get("RawDataSize")));
+        const readobj::Node &e = *expectedSections[i];
+        SCOPED_TRACE(e.Field("Name"));
+        EXPECT_EQ(SectionName(sections[i]), readobj::WithoutNumber(e.Field("Name")));
+        EXPECT_EQ(U64(sections[i], BRX_KEY_SECTION_SIZE), readobj::Number(e.Field("RawDataSize")));
         EXPECT_EQ((U32(sections[i], BRX_KEY_SECTION_FLAGS) & BRX_SECTION_CODE) != 0,
-                  e.HasFlag("Characteristics", "IMAGE_SCN_CNT_CODE"));
+                  HasFlag(e.Child("Characteristics"), "IMAGE_SCN_CNT_CODE"));
     }
 
     // Symbols in table order; a FILE record is offered as a plain symbol named by its file.
     std::vector<BrxHandle> symbols = Symbols(file);
-    std::vector<const ReadobjNode *> expectedSymbols = root.Items("Symbols", "Symbol");
+    std::vector<const readobj::Node *> expectedSymbols = root.Child("Symbols").Children("Symbol");
     ASSERT_LE(expectedSymbols.size(), symbols.size());
     std::map<std::string, uint64_t> functionOffsets;
     std::map<std::string, size_t> functionSections;
     size_t comdatSections = 0;
     for (size_t i = 0; i < expectedSymbols.size(); ++i) {
-        const ReadobjNode &e = *expectedSymbols[i];
+        const readobj::Node &e = *expectedSymbols[i];
         BrxHandle h = symbols[i];
-        std::string name = e.Get("Name");
+        std::string name = e.Field("Name");
         SCOPED_TRACE(name);
-        if (const ReadobjNode *aux = e.Child("AuxFileRecord"))
-            name = aux->Get("FileName");
+        if (!e.Child("AuxFileRecord").name.empty())
+            name = e.Child("AuxFileRecord").Field("FileName");
         EXPECT_EQ(SymbolName(h), name);
         EXPECT_EQ(U32(h, BRX_KEY_SYMBOL_TYPE),
-                  StripNumber(e.Get("ComplexType")) == "Function" ? 2u : 0u);
+                  readobj::WithoutNumber(e.Field("ComplexType")) == "Function" ? 2u : 0u);
         EXPECT_EQ(U32(h, BRX_KEY_SYMBOL_BINDING),
-                  StripNumber(e.Get("StorageClass")) == "External" ? 2u : 1u);
-        EXPECT_EQ(U64(h, BRX_KEY_SYMBOL_OFFSET), ParseNumber(e.Get("Value")));
-        uint64_t number = NumberInParentheses(e.Get("Section"));
-        bool inSection = e.Get("Section").rfind("IMAGE_SYM_", 0) != 0;
+                  readobj::WithoutNumber(e.Field("StorageClass")) == "External" ? 2u : 1u);
+        EXPECT_EQ(U64(h, BRX_KEY_SYMBOL_OFFSET), readobj::Number(e.Field("Value")));
+        uint64_t number = readobj::Number(e.Field("Section"));
+        bool inSection = e.Field("Section").rfind("IMAGE_SYM_", 0) != 0;
         BrxHandle section = U32(h, BRX_KEY_SYMBOL_SECTION);
         EXPECT_EQ(section, inSection ? sections.at(number - 1) : 0u);
         if (inSection) {
-            functionOffsets[name] = ParseNumber(e.Get("Value"));
+            functionOffsets[name] = readobj::Number(e.Field("Value"));
             functionSections[name] = number - 1;
         }
         // The definition record of a COMDAT section carries its selection.
-        if (const ReadobjNode *def = e.Child("AuxSectionDef")) {
-            uint32_t selection = uint32_t(NumberInParentheses(def->Get("Selection")));
+        if (const readobj::Node &def = e.Child("AuxSectionDef"); !def.name.empty()) {
+            uint32_t selection = uint32_t(readobj::Number(def.Field("Selection")));
             if (selection == 0)
                 continue;
             BrxComdat comdat{};
@@ -292,7 +300,7 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
             EXPECT_EQ(comdat.selection, selection);
             if (selection == BRX_COMDAT_ASSOCIATIVE) {
                 EXPECT_EQ(comdat.section,
-                          sections.at(NumberInParentheses(def->Get("AssocSection")) - 1));
+                          sections.at(readobj::Number(def.Field("AssocSection")) - 1));
             }
             ++comdatSections;
         }
@@ -300,15 +308,15 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
     EXPECT_GE(comdatSections, GetParam().comdatSections);
 
     size_t relocationCount = 0;
-    for (const ReadobjNode &list : root.Child("Relocations")->children) {
-        size_t number = size_t(ParseNumber(list.name.substr(list.name.find('(') + 1)));
+    for (const readobj::Node &list : root.Child("Relocations").children) {
+        size_t number = size_t(readobj::Number(list.name.substr(list.name.find('(') + 1)));
         std::vector<BrxHandle> relocs = Relocations(sections.at(number - 1));
         ASSERT_EQ(relocs.size(), list.children.size());
         for (size_t k = 0; k < relocs.size(); ++k) {
-            const ReadobjNode &e = list.children[k];
-            EXPECT_EQ(U64(relocs[k], BRX_KEY_RELOC_OFFSET), ParseNumber(e.Get("Offset")));
-            EXPECT_EQ(U32(relocs[k], BRX_KEY_RELOC_TYPE), NumberInParentheses(e.Get("Type")));
-            EXPECT_EQ(SymbolName(U32(relocs[k], BRX_KEY_RELOC_TARGET)), e.Get("Symbol"));
+            const readobj::Node &e = list.children[k];
+            EXPECT_EQ(U64(relocs[k], BRX_KEY_RELOC_OFFSET), readobj::Number(e.Field("Offset")));
+            EXPECT_EQ(U32(relocs[k], BRX_KEY_RELOC_TYPE), readobj::Number(e.Field("Type")));
+            EXPECT_EQ(SymbolName(U32(relocs[k], BRX_KEY_RELOC_TARGET)), e.Field("Symbol"));
         }
         relocationCount += relocs.size();
     }
@@ -318,26 +326,19 @@ TEST_P(ForeignCoff, CompilerObjectMatchesReadobj) {
     // section offsets. Sections are named by their position, since COMDAT ones share a name.
     std::vector<LineRow> expectedRows;
     std::set<std::string> expectedFiles;
-    std::function<void(const ReadobjNode &)> collect = [&](const ReadobjNode &n) {
-        if (n.name == "FunctionLineTable") {
-            std::string function = n.Get("LinkageName");
-            for (const ReadobjNode &segment : n.children) {
-                if (segment.name != "FilenameSegment")
-                    continue;
-                std::string fileName = StripNumber(segment.Get("Filename"));
-                expectedFiles.insert(fileName);
-                for (const ReadobjNode &row : segment.children)
-                    expectedRows.push_back(
-                        {std::to_string(functionSections.at(function)), fileName,
-                         functionOffsets.at(function) + ParseNumber(row.name.substr(1)),
-                         uint32_t(ParseNumber(row.Get("LineNumberStart"))),
-                         uint32_t(ParseNumber(row.Get("ColStart")))});
-            }
+    for (const readobj::Node *table : root.Find("FunctionLineTable")) {
+        std::string function = table->Field("LinkageName");
+        for (const readobj::Node *segment : table->Children("FilenameSegment")) {
+            std::string fileName = readobj::WithoutNumber(segment->Field("Filename"));
+            expectedFiles.insert(fileName);
+            for (const readobj::Node *row : segment->Children())
+                expectedRows.push_back(
+                    {std::to_string(functionSections.at(function)), fileName,
+                     functionOffsets.at(function) + readobj::Number(row->name.substr(1)),
+                     uint32_t(readobj::Number(row->Field("LineNumberStart"))),
+                     uint32_t(readobj::Number(row->Field("ColStart")))});
         }
-        for (const ReadobjNode &c : n.children)
-            collect(c);
-    };
-    collect(root);
+    }
     ASSERT_GE(expectedRows.size(), 8u);
     std::vector<LineRow> rows = LineRows(file, true);
     std::sort(rows.begin(), rows.end());

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <sstream>
 #include <tuple>
 
 namespace brixtest {
@@ -193,93 +192,6 @@ std::vector<LineRow> LineRows(BrxHandle file, bool sectionsByPosition) {
         EXPECT_EQ(result, BRX_ERR_NO_MORE);
     }
     return rows;
-}
-
-std::string ReadobjNode::Get(const std::string &key) const {
-    for (const auto &a : attributes)
-        if (a.first == key)
-            return a.second;
-    return std::string();
-}
-
-const ReadobjNode *ReadobjNode::Child(const std::string &childName) const {
-    for (const ReadobjNode &c : children)
-        if (c.name == childName)
-            return &c;
-    return nullptr;
-}
-
-std::vector<const ReadobjNode *> ReadobjNode::Items(const char *list, const char *item) const {
-    std::vector<const ReadobjNode *> out;
-    if (const ReadobjNode *l = Child(list))
-        for (const ReadobjNode &c : l->children)
-            if (c.name == item)
-                out.push_back(&c);
-    return out;
-}
-
-bool ReadobjNode::HasFlag(const char *list, const std::string &flag) const {
-    if (const ReadobjNode *l = Child(list))
-        for (const auto &a : l->attributes)
-            if (a.second.rfind(flag + " ", 0) == 0)
-                return true;
-    return false;
-}
-
-static std::string Trim(const std::string &s) {
-    size_t b = s.find_first_not_of(" \t\r");
-    size_t e = s.find_last_not_of(" \t\r");
-    return b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
-}
-
-ReadobjNode ParseReadobj(const std::string &text) {
-    ReadobjNode root;
-    std::vector<ReadobjNode *> stack{&root};
-    std::istringstream in(text);
-    std::string raw;
-    while (std::getline(in, raw)) {
-        std::string line = Trim(raw);
-        if (line.empty())
-            continue;
-        if (line == "}" || line == "]") {
-            if (stack.size() > 1)
-                stack.pop_back();
-            continue;
-        }
-        // "Name {", "Name [", and flag lists such as "Flags [ (0x6)".
-        size_t open = line.find_first_of("{[");
-        size_t colon = line.find(": ");
-        if (open != std::string::npos && (colon == std::string::npos || colon > open) &&
-            line.find_first_of("}]", open) == std::string::npos) {
-            stack.back()->children.push_back(ReadobjNode{Trim(line.substr(0, open)), {}, {}});
-            stack.push_back(&stack.back()->children.back());
-            continue;
-        }
-        if (colon != std::string::npos)
-            stack.back()->attributes.emplace_back(line.substr(0, colon),
-                                                  Trim(line.substr(colon + 2)));
-        else if (line.back() == ':')
-            stack.back()->attributes.emplace_back(line.substr(0, line.size() - 1), "");
-        else
-            stack.back()->attributes.emplace_back("", line);
-    }
-    return root;
-}
-
-std::string StripNumber(const std::string &value) {
-    if (!value.empty() && value.front() == '(')
-        return std::string(); // an empty name followed by its number
-    size_t paren = value.rfind(" (");
-    return paren == std::string::npos ? value : value.substr(0, paren);
-}
-
-uint64_t ParseNumber(const std::string &value) {
-    return std::strtoull(value.c_str(), nullptr, 0);
-}
-
-uint64_t NumberInParentheses(const std::string &value) {
-    size_t open = value.rfind('(');
-    return open == std::string::npos ? 0 : ParseNumber(value.substr(open + 1));
 }
 
 namespace {

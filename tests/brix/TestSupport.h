@@ -1,8 +1,9 @@
 // Helpers shared by the brix tests: building objects through the keyed interface, walking what
-// a file offers, reading llvm-readobj's listings, and the sample objects the tests share.
+// a file offers, and the sample objects the tests share.
 #pragma once
 
 #include "brix/brix.h"
+#include "support/ReadobjTree.h"
 #include "support/Support.h"
 
 #include <cstdint>
@@ -56,26 +57,6 @@ struct LineRow {
 std::ostream &operator<<(std::ostream &os, const LineRow &row);
 // Every row, block by block; checks that each block's count matches the items it offers.
 std::vector<LineRow> LineRows(BrxHandle file, bool sectionsByPosition = false);
-
-// The nested "Key: value" / "Name {" ... "}" text that llvm-readobj prints, as a tree.
-struct ReadobjNode {
-    std::string name; // the text before the opening bracket
-    std::vector<std::pair<std::string, std::string>> attributes; // bare lines have an empty key
-    std::vector<ReadobjNode> children;
-
-    std::string Get(const std::string &key) const; // empty when absent
-    const ReadobjNode *Child(const std::string &name) const;
-    // The children named `item` of the child `list` ("Sections" / "Section").
-    std::vector<const ReadobjNode *> Items(const char *list, const char *item) const;
-    // Whether the flag list `list` holds `flag`.
-    bool HasFlag(const char *list, const std::string &flag) const;
-};
-ReadobjNode ParseReadobj(const std::string &text);
-// "name (12)" -> "name"
-std::string StripNumber(const std::string &value);
-uint64_t ParseNumber(const std::string &value); // decimal or 0x hex, up to the first space
-// The number in the last parentheses of "Name (12)" or "Any (0x2)".
-uint64_t NumberInParentheses(const std::string &value);
 
 // A COFF object as Quillet lays one out: .text, a COMDAT .text$inline_fn, the main .debug$S
 // (string table "unit.asm", "inc.inc"; checksums; lines of .text: unit.asm lines 10, 11, 12 at

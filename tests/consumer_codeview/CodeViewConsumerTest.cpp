@@ -2,8 +2,8 @@
 // record, subsection, string, checksum and line block must be dumped without a complaint, and
 // what is dumped must be what was described. LLVM opens no COFF object of machine 0x0200, so
 // the tools read a copy whose machine field is 0; the CodeView content does not depend on it.
-#include "ReadobjTree.h"
 #include "codeview/CodeViewReading.h"
+#include "support/ReadobjTree.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "ReadobjTree.h"
+#include "support/ReadobjTree.h"
 
 #include <cstdlib>
 #include <sstream>
@@ -91,6 +91,8 @@ uint64_t Number(const std::string &value) {
 }
 
 std::string WithoutNumber(const std::string &value) {
+    if (!value.empty() && value.front() == '(')
+        return std::string(); // an empty name followed by its number
     const size_t open = value.rfind(" (");
     return open == std::string::npos ? value : value.substr(0, open);
 }

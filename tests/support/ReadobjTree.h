@@ -32,7 +32,7 @@ Node Parse(const std::string &output);
 // The number in the last parentheses of a value: "Symbols (0xF1)" gives 0xF1, "x.asm (0x18)"
 // gives 0x18; the value itself when it is a plain number ("0x1C", "12").
 uint64_t Number(const std::string &value);
-// The value without its last parenthesised part: "x.asm (0x18)" gives "x.asm".
+// The value without its last parenthesised part: "x.asm (0x18)" gives "x.asm", "(0)" gives "".
 std::string WithoutNumber(const std::string &value);
 
 } // namespace readobj
