@@ -1,6 +1,7 @@
 // COFF objects compiled by another compiler at test time read back to exactly the line entries
 // that an independent CodeView dumper prints.
 #include "lines/Retrieve.h"
+#include "support/ReadobjTree.h"
 #include "support/Support.h"
 
 #include <gtest/gtest.h>
@@ -50,35 +51,18 @@ void WriteSources(const qtest::TempDir &dir, int functions) {
 std::vector<Table> DumpedTables(const std::string &object) {
     qtest::CommandResult dump = qtest::RunCommand("llvm-readobj-14 --codeview " + object);
     EXPECT_EQ(dump.exitCode, 0) << dump.output;
+    const readobj::Node root = readobj::Parse(dump.output);
     std::vector<Table> tables;
-    std::vector<uint64_t> codeSizes;
-    bool inTableHeader = false; // the procedure records have code sizes too
-    std::string file;
-    uint64_t offset = 0;
-    for (const std::string &text : qtest::SplitLines(dump.output)) {
-        std::string line = text.substr(text.find_first_not_of(' ') == std::string::npos
-                                           ? text.size()
-                                           : text.find_first_not_of(' '));
-        unsigned long long value = 0;
-        unsigned number = 0;
-        if (line.rfind("FunctionLineTable [", 0) == 0) {
-            tables.emplace_back();
-            inTableHeader = true;
-        } else if (inTableHeader && std::sscanf(line.c_str(), "CodeSize: 0x%llx", &value) == 1) {
-            codeSizes.push_back(value);
-            inTableHeader = false;
-        } else if (line.rfind("Filename: ", 0) == 0) {
-            file = line.substr(10, line.rfind(" (") - 10);
-        } else if (std::sscanf(line.c_str(), "+0x%llx [", &value) == 1) {
-            offset = value;
-        } else if (std::sscanf(line.c_str(), "LineNumberStart: %u", &number) == 1 &&
-                   !tables.empty()) {
-            tables.back().push_back(Line{offset, number, file});
-        }
+    for (const readobj::Node *function : root.Find("FunctionLineTable")) {
+        Table table;
+        for (const readobj::Node *segment : function->Children("FilenameSegment"))
+            for (const readobj::Node *row : segment->Children())
+                table.push_back(Line{readobj::Number(row->name.substr(1)),
+                                     uint32_t(readobj::Number(row->Field("LineNumberStart"))),
+                                     readobj::WithoutNumber(segment->Field("Filename"))});
+        table.push_back(Line{readobj::Number(function->Field("CodeSize")), 0, kEndMarker});
+        tables.push_back(table);
     }
-    EXPECT_EQ(codeSizes.size(), tables.size());
-    for (size_t i = 0; i < tables.size() && i < codeSizes.size(); ++i)
-        tables[i].push_back(Line{codeSizes[i], 0, kEndMarker});
     return tables;
 }
 
