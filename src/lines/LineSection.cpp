@@ -84,6 +84,7 @@ CError CLineSection::ReadVersion5Tables(CDataCursor &c, const CLineUnitContext &
         }
         uint64_t count = c.ULEB();
         for (uint64_t entry = 0; entry < count && c.Ok(); ++entry) {
+            uint64_t entryStart = c.Position();
             std::string_view path;
             uint64_t directory = 0;
             for (const CAttributeSpec &spec : format) {
@@ -98,6 +99,10 @@ CError CLineSection::ReadVersion5Tables(CDataCursor &c, const CLineUnitContext &
                     directory = value.m_nValue;
                 }
             }
+            // Entries of no bytes (no fields, or flag_present alone) would let a few bytes claim
+            // billions of them; no producer writes a table of several such entries.
+            if (count > 1 && c.Position() == entryStart)
+                return Fail(entryStart);
             if (addEntry(entry, path, directory).Failed())
                 return Fail(c.Position());
         }

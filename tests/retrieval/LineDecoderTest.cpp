@@ -367,6 +367,11 @@ std::vector<MalformedCase> MalformedCases() {
         add("Version5DirectoryBeyondTheList", u, 0);
         u.v5Tables = {1, 1, 0x08, 5, '/', 0};
         add("Version5FewerEntriesThanItsCount", u, 0);
+        // Entries that take no bytes would let a short header claim billions of them.
+        u.v5Tables = {0, 0xff, 0xff, 0xff, 0xff, 0x0f};
+        add("Version5EmptyEntryFormatWithAHugeCount", u, 0);
+        u.v5Tables = {1, 2, 0x19, 0xff, 0xff, 0xff, 0xff, 0x0f}; // a flag_present field alone
+        add("Version5EntriesOfNoBytesWithAHugeCount", u, 0);
     }
     {
         LineUnit u = base;
