@@ -235,7 +235,10 @@ void LlvmDecode(benchmark::State &state, Input *input) {
     state.SetItemsProcessed(int64_t(state.iterations() * input->rows));
 }
 
-void QuilletLookup(benchmark::State &state, Input *input) {
+// Looks every one of the input's addresses up through `lookup` (handle, address, line and offset
+// out; false when nothing is found) on the object's .text, and checks one answer against what
+// LLVM reads: every lookup hits its row.
+template <class Lookup> void MeasureLookups(benchmark::State &state, Input *input, Lookup lookup) {
     Dbg_init(1);
     uint32_t mode = 7;
     BrxHandle file = 0;
@@ -246,48 +249,50 @@ void QuilletLookup(benchmark::State &state, Input *input) {
     uint64_t found = 0;
     for (auto _ : state) {
         for (uint64_t address : input->lookups) {
-            DbgOffsetQuery query{handle, address};
-            DbgInstInfo info;
-            found += DbgLine_get_inst_info_by_offset(1, &query, &info) == 0 ? info.line : 0;
+            uint32_t line = 0;
+            uint64_t offset = 0;
+            found += lookup(handle, address, line, offset) ? line : 0;
         }
     }
     benchmark::DoNotOptimize(found);
-    // Every lookup hits its row: check one against what LLVM reads.
-    DbgOffsetQuery query{handle, input->checkAddress};
-    DbgInstInfo info;
-    if (DbgLine_get_inst_info_by_offset(1, &query, &info) != 0 || info.line != input->checkLine)
+    uint32_t line = 0;
+    uint64_t offset = 0;
+    if (!lookup(handle, input->checkAddress, line, offset) || line != input->checkLine ||
+        offset != input->checkAddress)
         state.SkipWithError("a lookup gave the wrong row");
     Dbg_finish();
     _brx_close_file(file);
     state.SetItemsProcessed(int64_t(state.iterations()) * kLookups);
 }
 
+// The specified offset query: the row and its path, zero-padded to 257 units.
+void QuilletLookup(benchmark::State &state, Input *input) {
+    MeasureLookups(
+        state, input,
+        [](DbgLineSectionHandle *handle, uint64_t address, uint32_t &line, uint64_t &offset) {
+            DbgOffsetQuery query{handle, address};
+            DbgInstInfo info;
+            if (DbgLine_get_inst_info_by_offset(1, &query, &info) != 0)
+                return false;
+            line = info.line;
+            offset = query.offset;
+            return true;
+        });
+}
+
 // The row function a symbolizer uses: the row (address, line, column, file number) like the row
-// lookupAddress gives, without the zero-padded 257-unit path that every answer of the offset
-// query above also writes.
+// lookupAddress gives, without the path that every answer of the offset query also writes.
 void QuilletFindRow(benchmark::State &state, Input *input) {
-    Dbg_init(1);
-    uint32_t mode = 7;
-    BrxHandle file = 0;
-    _brx_open_file(input->path.c_str(), &mode, &file, 0);
-    DbgLineSectionHandle *handle = nullptr;
-    if (DbgLine_open_line_section(FindSection(file, ".text"), &handle) != DBG_ERR_NONE)
-        state.SkipWithError("open failed");
-    uint64_t found = 0;
-    for (auto _ : state) {
-        for (uint64_t address : input->lookups) {
+    MeasureLookups(
+        state, input,
+        [](DbgLineSectionHandle *handle, uint64_t address, uint32_t &line, uint64_t &offset) {
             DbgLineRow row;
-            found += DbgLine_find_row(handle, address, &row, nullptr) == 0 ? row.line : 0;
-        }
-    }
-    benchmark::DoNotOptimize(found);
-    DbgLineRow row;
-    if (DbgLine_find_row(handle, input->checkAddress, &row, nullptr) != 0 ||
-        row.line != input->checkLine || row.offset != input->checkAddress)
-        state.SkipWithError("a row lookup gave the wrong row");
-    Dbg_finish();
-    _brx_close_file(file);
-    state.SetItemsProcessed(int64_t(state.iterations()) * kLookups);
+            if (DbgLine_find_row(handle, address, &row, nullptr) != 0)
+                return false;
+            line = row.line;
+            offset = row.offset;
+            return true;
+        });
 }
 
 void LlvmLookup(benchmark::State &state, Input *input) {
