@@ -32,7 +32,6 @@ constexpr uint64_t kMaxReadPiece = uint64_t(1) << 26;
 constexpr uint32_t kFirstNameCapacity = 256;
 constexpr uint32_t kRetrieveLanguage = 1;
 constexpr uint32_t kRetrieveMachine = 1;
-constexpr uint32_t kInstInfoNameUnits = 257;
 
 bool Query(BrxHandle object, uint32_t key, const void *input, void *output) {
     return _brx_get_keyed(object, key, input, output, 0) == BRX_OK;
@@ -551,6 +550,7 @@ void CBaseRetrieve::AddSpan(BrxHandle section, size_t begin, uint64_t endAddress
 }
 
 void CBaseRetrieve::FinishRows() {
+    m_nPaddedNameFile = INT32_MIN;
     // Work per span, not per row: a section is in address order when its spans follow one
     // another in the table and each starts at or above where the one before it ended.
     struct SlotState {
@@ -678,39 +678,11 @@ void CBaseRetrieve::BuildBuckets(CSectionRows &rows) {
 }
 
 int64_t CBaseRetrieve::FindRowAtOffset(const CSectionRows &rows, uint64_t offset) const {
-    if (rows.m_nBucketCount == 0 || offset < rows.m_nLowAddress)
+    // The first position at or above the offset is the first one above the address before it.
+    uint32_t position = offset == 0 ? 0 : PositionAbove(rows, offset - 1);
+    if (position >= rows.Count() || m_Rows[RowAtPosition(rows, position)].m_nAddress != offset)
         return -1;
-    uint64_t bucket = (offset - rows.m_nLowAddress) >> rows.m_nBucketShift;
-    if (bucket >= rows.m_nBucketCount)
-        return -1;
-    // Every row at the offset is in this bucket; the first of them is the one given.
-    const uint32_t *starts = m_Buckets.data() + rows.m_nBucketBegin + bucket;
-    if (!rows.m_bAddressOrdered) {
-        const uint32_t *order = m_AddressOrder.data() + rows.m_nOrderBegin;
-        const uint32_t *found = std::lower_bound(
-            order + starts[0], order + starts[1], offset,
-            [this](uint32_t row, uint64_t value) { return m_Rows[row].m_nAddress < value; });
-        if (found == order + starts[1] || m_Rows[*found].m_nAddress != offset)
-            return -1;
-        return found - order;
-    }
-    const CLineRow *base = m_Rows.data() + rows.m_nBegin;
-    const CLineRow *first = base + starts[0];
-    const CLineRow *last = base + starts[1];
-    // The bucket's rows span a few cache lines: asking for all of them at once costs about one
-    // memory latency instead of one per step of the bisection.
-    if (last - first <= static_cast<ptrdiff_t>(2 * kRowsPerBucket)) {
-        for (const char *line = reinterpret_cast<const char *>(first);
-             line < reinterpret_cast<const char *>(last); line += 64)
-            __builtin_prefetch(line);
-    }
-    const CLineRow *found =
-        std::lower_bound(first, last, offset, [](const CLineRow &row, uint64_t value) {
-            return row.m_nAddress < value;
-        });
-    if (found == last || found->m_nAddress != offset)
-        return -1;
-    return found - base;
+    return position;
 }
 
 uint32_t CBaseRetrieve::PositionAbove(const CSectionRows &rows, uint64_t offset) const {
@@ -722,23 +694,46 @@ uint32_t CBaseRetrieve::PositionAbove(const CSectionRows &rows, uint64_t offset)
     // Earlier buckets hold only lower addresses and later ones only higher: the answer lies in
     // this bucket or at its end.
     const uint32_t *starts = m_Buckets.data() + rows.m_nBucketBegin + bucket;
-    uint32_t lo = starts[0], hi = starts[1];
-    while (lo < hi) {
-        uint32_t mid = lo + (hi - lo) / 2;
-        if (m_Rows[RowAtPosition(rows, mid)].m_nAddress <= offset)
-            lo = mid + 1;
-        else
-            hi = mid;
+    uint32_t lo = starts[0], n = starts[1] - starts[0];
+    if (!rows.m_bAddressOrdered) {
+        while (n > 0) {
+            uint32_t half = n / 2;
+            if (m_Rows[m_AddressOrder[rows.m_nOrderBegin + lo + half]].m_nAddress <= offset) {
+                lo += half + 1;
+                n -= half + 1;
+            } else {
+                n = half;
+            }
+        }
+        return lo;
     }
-    return lo;
+    const CLineRow *base = m_Rows.data() + rows.m_nBegin;
+    const char *bytes = reinterpret_cast<const char *>(base + lo);
+    if (n <= 2 * kRowsPerBucket)
+        for (uint32_t at = 0; at < n * sizeof(CLineRow); at += 64)
+            __builtin_prefetch(bytes + at);
+    // The steps take no branch on the comparisons: a mispredicted step would throw away the
+    // work of the lookups that follow this one.
+    while (n > 1) {
+        uint32_t half = n / 2;
+        lo = base[lo + half - 1].m_nAddress <= offset ? lo + half : lo;
+        n -= half;
+    }
+    return lo + (n == 1 && base[lo].m_nAddress <= offset);
 }
 
 const CSectionRows *CBaseRetrieve::LiveSection(const DbgLineSectionHandle *handle) const {
+    // Queries come in runs against one handle: the slot of the last one is tried first, and the
+    // handle is compared with the one the slot gave out, never read.
+    if (m_nLastLiveSlot < m_SectionList.size() && handle &&
+        m_SectionList[m_nLastLiveSlot].m_pHandle == handle)
+        return &m_SectionList[m_nLastLiveSlot];
     if (!m_LiveSectionHandles.Contains(handle))
         return nullptr;
     auto slot = m_SectionSlot.find(handle->section);
     if (slot == m_SectionSlot.end() || m_SectionList[slot->second].m_pHandle != handle)
         return nullptr;
+    m_nLastLiveSlot = slot->second;
     return &m_SectionList[slot->second];
 }
 
@@ -906,21 +901,10 @@ DbgLineSectionHandle *CBaseRetrieve::SectionHandle(BrxHandle section) {
 }
 
 uint32_t CBaseRetrieve::InstInfoByOffset(uint32_t flag, DbgOffsetQuery *query, DbgInstInfo *info) {
-    if (!query || !info || !m_LiveSectionHandles.Contains(query->handle))
+    const CSectionRows *rows = query && info ? LiveSection(query->handle) : nullptr;
+    if (!rows)
         return DBG_ERR_OBJECT_FILE;
-    // Queries come in runs against one section: remember the last one.
-    BrxHandle section = query->handle->section;
-    if (section != m_LastQueriedSection || m_nLastQueriedSlot >= m_SectionList.size()) {
-        auto slot = m_SectionSlot.find(section);
-        if (slot == m_SectionSlot.end())
-            return DBG_ERR_OBJECT_FILE;
-        m_LastQueriedSection = section;
-        m_nLastQueriedSlot = slot->second;
-    }
-    const CSectionRows &rows = m_SectionList[m_nLastQueriedSlot];
-    if (rows.m_nNumber < 0)
-        return DBG_ERR_OBJECT_FILE;
-    int64_t found = FindRowAtOffset(rows, query->offset);
+    int64_t found = FindRowAtOffset(*rows, query->offset);
     if (found < 0)
         return DBG_ERR_NO_LINE_AT_OFFSET;
     if (flag == 0) {
@@ -928,19 +912,32 @@ uint32_t CBaseRetrieve::InstInfoByOffset(uint32_t flag, DbgOffsetQuery *query, D
             return DBG_ERR_NO_PREVIOUS_LINE;
         --found;
     }
-    const CLineRow &row = m_Rows[RowAtPosition(rows, static_cast<uint32_t>(found))];
+    const CLineRow &row = m_Rows[RowAtPosition(*rows, static_cast<uint32_t>(found))];
     query->offset = row.m_nAddress;
     info->line = row.m_nLine;
     info->column = static_cast<uint16_t>(row.m_nColumn);
     info->file_index = static_cast<uint32_t>(row.m_nFileIndex);
-    std::memset(info->name, 0, sizeof(info->name));
-    if (const FileRecord *file = m_Files.GetFile(row.m_nFileIndex)) {
-        std::u16string scratch;
-        const std::u16string &path = m_Files.WidePath(*file, scratch);
-        size_t units = std::min<size_t>(path.size(), kInstInfoNameUnits);
-        std::memcpy(info->name, path.data(), units * sizeof(char16_t));
-    }
+    // Callers ask again and again with one DbgInstInfo, mostly about code of one file. Writing
+    // the 514 bytes of the name costs more than the lookup itself (the stores wait behind the
+    // row's memory access), so a name that the buffer already holds is not written again.
+    const char16_t *name = PaddedName(row.m_nFileIndex);
+    if (std::memcmp(info->name, name, sizeof(info->name)) != 0)
+        std::memcpy(info->name, name, sizeof(info->name));
     return DBG_ERR_NONE;
+}
+
+const char16_t *CBaseRetrieve::PaddedName(int32_t fileIndex) {
+    if (fileIndex != m_nPaddedNameFile) {
+        m_PaddedName.fill(0);
+        if (const FileRecord *file = m_Files.GetFile(fileIndex)) {
+            std::u16string scratch;
+            const std::u16string &path = m_Files.WidePath(*file, scratch);
+            std::copy_n(path.data(), std::min<size_t>(path.size(), m_PaddedName.size()),
+                        m_PaddedName.begin());
+        }
+        m_nPaddedNameFile = fileIndex;
+    }
+    return m_PaddedName.data();
 }
 
 void CBaseRetrieve::BuildSourceIndex() {

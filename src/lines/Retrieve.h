@@ -19,6 +19,7 @@
 #include <brix/brix.h>
 #include <quillet/quillet.h>
 
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -186,6 +187,8 @@ private:
     // -1, 0 or 1 as record `record` sorts below, at or above the position.
     int CompareRecord(int64_t record, int32_t file, uint32_t line, uint32_t column) const;
     const quillet::CSectionRows *SectionOfRow(uint32_t row) const;
+    // File `fileIndex`'s path cut to 257 units and padded with zeros (all zeros for no file).
+    const char16_t *PaddedName(int32_t fileIndex);
 
     BrxHandle m_hObject = 0;
     bool m_bOwnsObject = false; // opened by name here, so closed here
@@ -213,8 +216,10 @@ private:
     int64_t m_nLastSourceHit = -1;
     quillet::CFunctionIndex m_Functions;
     bool m_bFunctionsIndexed = false;
-    BrxHandle m_LastQueriedSection = 0;
-    size_t m_nLastQueriedSlot = SIZE_MAX;
+    mutable size_t m_nLastLiveSlot = SIZE_MAX; // the slot of the last handle found live
+    // The name of the last file an offset query answered, as the query's name field holds it.
+    std::array<char16_t, sizeof(DbgInstInfo::name) / sizeof(char16_t)> m_PaddedName{};
+    int32_t m_nPaddedNameFile = INT32_MIN;
 
     // The handles given out, and the registries that tell them from any other address: a
     // caller's handle is looked up before it is read.

@@ -184,10 +184,14 @@ TEST_F(RetrieveQuery, ByOffset) {
         {text, 0, 0x20, DBG_ERR_NONE, 0x14, 6, 0},
         {init, 1, 0x0, DBG_ERR_NONE, 0x0, 30, 0},
     };
+    // One buffer for every query, as callers keep it: it starts as garbage, then holds the other
+    // file's name or the same one with a stray unit in its padding.
+    DbgInstInfo out;
+    std::memset(&out, 0xab, sizeof(out));
     for (const Case &c : cases) {
         SCOPED_TRACE(c.offset);
         DbgOffsetQuery query{c.handle, c.offset};
-        DbgInstInfo out{};
+        out.name[200] = u'x';
         ASSERT_EQ(engine.InstInfoByOffset(c.flag, &query, &out), c.status);
         if (c.status != DBG_ERR_NONE)
             continue;
@@ -195,7 +199,9 @@ TEST_F(RetrieveQuery, ByOffset) {
         EXPECT_EQ(out.line, c.line);
         EXPECT_EQ(out.column, 1u);
         EXPECT_EQ(out.file_index, c.file);
-        EXPECT_EQ(std::u16string(out.name), c.file == 0 ? u"/src/a.s" : u"/src/inc/B.inc");
+        std::u16string padded = c.file == 0 ? u"/src/a.s" : u"/src/inc/B.inc";
+        padded.resize(257, u'\0');
+        EXPECT_EQ(std::u16string(out.name, 257), padded);
     }
 }
 
