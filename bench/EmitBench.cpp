@@ -280,7 +280,7 @@ void Register(const char *name, int format) {
         ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark(name, BM_Emit, format)
         ->Arg(1)
-        ->Iterations(1)
+        ->Iterations(3)
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);
 }
