@@ -7,10 +7,7 @@
 // queries, through DbgLine_open_object_and_source_file, against LLVM's context creation and
 // parse of the unit's table. Lookups are exact offset lookups of row addresses in a shuffled
 // order, against LineTable::lookupAddress: the row through DbgLine_find_row (what lookupAddress
-// gives: a row), and the offset query that also gives the row's path, into one DbgInstInfo kept
-// across the queries as callers keep it (every answer here is in the one source file, so the
-// buffer holds the path already and the library does not write it again; the summary also gives
-// the rate when every answer writes its path). Peak memory is the peak
+// gives: a row), and the offset query that also copies the row's path. Peak memory is the peak
 // resident size of a fresh process of this program over one open, less its size before the open,
 // divided by the rows.
 #include <brix/brix.h>
@@ -60,7 +57,6 @@ struct Input {
     uint32_t checkLine = 0;
     // Results kept for the summary.
     double quilletDecode = 0, llvmDecode = 0, quilletLookup = 0, quilletFindRow = 0, llvmLookup = 0;
-    double quilletNewPath = 0;
     double bytesPerRow = 0;
 };
 
@@ -269,30 +265,19 @@ template <class Lookup> void MeasureLookups(benchmark::State &state, Input *inpu
     state.SetItemsProcessed(int64_t(state.iterations()) * kLookups);
 }
 
-// The specified offset query: the row and its path, zero-padded to 257 units. With `newPath`,
-// the caller's buffer never holds the answer's path already, so every answer writes all of it.
-void MeasureOffsetQueries(benchmark::State &state, Input *input, bool newPath) {
-    MeasureLookups(state, input,
-                   [newPath](DbgLineSectionHandle *handle, uint64_t address, uint32_t &line,
-                             uint64_t &offset) {
-                       DbgOffsetQuery query{handle, address};
-                       DbgInstInfo info;
-                       if (newPath)
-                           info.name[0] = u'?';
-                       if (DbgLine_get_inst_info_by_offset(1, &query, &info) != 0)
-                           return false;
-                       line = info.line;
-                       offset = query.offset;
-                       return true;
-                   });
-}
-
+// The specified offset query: the row and its path, zero-padded to 257 units.
 void QuilletLookup(benchmark::State &state, Input *input) {
-    MeasureOffsetQueries(state, input, false);
-}
-
-void QuilletNewPath(benchmark::State &state, Input *input) {
-    MeasureOffsetQueries(state, input, true);
+    MeasureLookups(
+        state, input,
+        [](DbgLineSectionHandle *handle, uint64_t address, uint32_t &line, uint64_t &offset) {
+            DbgOffsetQuery query{handle, address};
+            DbgInstInfo info;
+            if (DbgLine_get_inst_info_by_offset(1, &query, &info) != 0)
+                return false;
+            line = info.line;
+            offset = query.offset;
+            return true;
+        });
 }
 
 // The row function a symbolizer uses: the row (address, line, column, file number) like the row
@@ -351,8 +336,6 @@ public:
                     input.llvmDecode = rate;
                 else if (name.rfind("QuilletLookup", 0) == 0)
                     input.quilletLookup = rate;
-                else if (name.rfind("QuilletNewPath", 0) == 0)
-                    input.quilletNewPath = rate;
                 else if (name.rfind("QuilletFindRow", 0) == 0)
                     input.quilletFindRow = rate;
                 else if (name.rfind("LlvmLookup", 0) == 0)
@@ -378,9 +361,6 @@ int main(int argc, char **argv) {
             ->Unit(benchmark::kMillisecond)
             ->MinTime(2.0);
         benchmark::RegisterBenchmark(("QuilletLookup" + suffix).c_str(), QuilletLookup, &input)
-            ->Unit(benchmark::kMillisecond)
-            ->Iterations(3);
-        benchmark::RegisterBenchmark(("QuilletNewPath" + suffix).c_str(), QuilletNewPath, &input)
             ->Unit(benchmark::kMillisecond)
             ->Iterations(3);
         benchmark::RegisterBenchmark(("QuilletFindRow" + suffix).c_str(), QuilletFindRow, &input)
@@ -418,10 +398,6 @@ int main(int argc, char **argv) {
                     "(DbgLine_get_inst_info_by_offset): Quillet %.2f M/s, ratio %.2f (target >= "
                     "%.1f)\n",
                     input.quilletLookup / 1e6, lookup, kLookupTarget);
-        std::printf(
-            "    the same with a buffer that never holds the path already: Quillet %.2f M/s, "
-            "ratio %.2f\n",
-            input.quilletNewPath / 1e6, ratio(input.quilletNewPath, input.llvmLookup));
         std::printf("  peak memory of the open: %.1f bytes per row (target <= %.0f)\n",
                     input.bytesPerRow, kBytesPerRowTarget);
     }
