@@ -67,8 +67,13 @@ void operator delete[](void *p, const std::nothrow_t &) noexcept {
 
 namespace {
 
-// One call into a library; it answers the call's status (brix results mapped to 0 and 1).
+// One call into a library; it answers the call's status.
 using Step = std::function<uint32_t()>;
+
+// brix's results as statuses: 0 for success, 1 for any refusal.
+uint32_t Brx(int32_t result) {
+    return result ? 1u : 0u;
+}
 
 // The steps of one run in each mode. Every value a step passes is made before the run, so
 // the only allocations while a step runs are the libraries' own.
@@ -97,21 +102,19 @@ struct ApiRun {
         static const uint32_t reg = 3;
         steps = {
             [] { return Dbg_init(0); },
-            [this] { return _brx_new_file(written.c_str(), BRX_FORMAT_ELF64, &file) ? 1u : 0u; },
+            [this] { return Brx(_brx_new_file(written.c_str(), BRX_FORMAT_ELF64, &file)); },
             [this] {
                 BrxFind find{BRX_FIRST, BRX_KIND_SYMBOL_TABLE, BRX_ANY, nullptr};
-                return _brx_get_keyed(file, BRX_KEY_FIND, &find, &symbols, 0) ? 1u : 0u;
+                return Brx(_brx_get_keyed(file, BRX_KEY_FIND, &find, &symbols, 0));
             },
             [this] {
                 BrxAttr attrs[] = {{BRX_KEY_NAME, ".text"}, {BRX_KEY_SECTION_FLAGS, &codeFlags}};
-                return _brx_create_object(file, BRX_FORMAT_ELF64, BRX_KIND_SECTION, 2, attrs, &text,
-                                          0)
-                           ? 1u
-                           : 0u;
+                return Brx(_brx_create_object(file, BRX_FORMAT_ELF64, BRX_KIND_SECTION, 2, attrs,
+                                              &text, 0));
             },
             [this] {
                 BrxBytes bytes{sizeof code, 0, const_cast<uint8_t *>(code)};
-                return _brx_set_value(text, BRX_KEY_SECTION_DATA, &bytes, 0) ? 1u : 0u;
+                return Brx(_brx_set_value(text, BRX_KEY_SECTION_DATA, &bytes, 0));
             },
             [this] {
                 BrxAttr attrs[] = {{BRX_KEY_SYMBOL_NAME, "start"},
@@ -119,10 +122,8 @@ struct ApiRun {
                                    {BRX_KEY_SYMBOL_OFFSET, &zero},
                                    {BRX_KEY_SYMBOL_BINDING, &global},
                                    {BRX_KEY_SYMBOL_TYPE, &function}};
-                return _brx_create_object(symbols, BRX_FORMAT_ELF64, BRX_KIND_SYMBOL, 5, attrs,
-                                          &start, 0)
-                           ? 1u
-                           : 0u;
+                return Brx(_brx_create_object(symbols, BRX_FORMAT_ELF64, BRX_KIND_SYMBOL, 5, attrs,
+                                              &start, 0));
             },
             [this] {
                 return Dbg_open_module_scope(file, 1, 0, 0, 1, version, version, u"test 1.0",
@@ -154,32 +155,33 @@ struct ApiRun {
             },
             [] { return Dbg_close_current_scope(); },
             [] { return Dbg_emit(); },
-            [this] { return _brx_write_file(file) ? 1u : 0u; },
+            [this] { return Brx(_brx_write_file(file)); },
             [] { return Dbg_finish(); },
-            [this] { return _brx_close_file(file) ? 1u : 0u; },
+            [this] { return Brx(_brx_close_file(file)); },
         };
         m_nRetrievalStart = steps.size();
-        steps.insert(steps.end(), {
-                                      [] { return Dbg_init(1); },
-                                      [this] {
-                                          return DbgLine_open_object_and_source_file(
-                                              object.c_str(), "/WORK/a.s", &sourceHandle);
-                                      },
-                                      [this] {
-                                          DbgSourceQuery query{sourceHandle, 2, 1};
-                                          return DbgLine_get_inst_info_by_source(0, &query, &found);
-                                      },
-                                      [this] {
-                                          DbgOffsetQuery query{found.handle, 4};
-                                          return DbgLine_get_inst_info_by_offset(1, &query, &info);
-                                      },
-                                      [this] { return DbgLine_get_source_files_number(&count); },
-                                      [this] {
-                                          size = sizeof(name);
-                                          return DbgLine_get_source_file_name(0, name, &size);
-                                      },
-                                      [] { return Dbg_finish(); },
-                                  });
+        const Step retrieval[] = {
+            [] { return Dbg_init(1); },
+            [this] {
+                return DbgLine_open_object_and_source_file(object.c_str(), "/WORK/a.s",
+                                                           &sourceHandle);
+            },
+            [this] {
+                DbgSourceQuery query{sourceHandle, 2, 1};
+                return DbgLine_get_inst_info_by_source(0, &query, &found);
+            },
+            [this] {
+                DbgOffsetQuery query{found.handle, 4};
+                return DbgLine_get_inst_info_by_offset(1, &query, &info);
+            },
+            [this] { return DbgLine_get_source_files_number(&count); },
+            [this] {
+                size = sizeof(name);
+                return DbgLine_get_source_file_name(0, name, &size);
+            },
+            [] { return Dbg_finish(); },
+        };
+        steps.insert(steps.end(), std::begin(retrieval), std::end(retrieval));
     }
 
     // Runs the steps; with `failAt` > 0 the failAt-th allocation inside the libraries fails.

@@ -13,15 +13,13 @@ using namespace brixtest;
 
 namespace {
 
-std::vector<uint8_t> SampleElf(int32_t format, const TempDir &dir) {
+// The bytes of a sample object of `format` as brix writes it.
+std::vector<uint8_t> SampleImage(int32_t format, const TempDir &dir) {
     std::string path = dir.File("sample.o");
-    WriteElfSample(path, format);
-    return ReadFileBytes(path);
-}
-
-std::vector<uint8_t> SampleCoff(const TempDir &dir) {
-    std::string path = dir.File("sample.obj");
-    WriteCodeViewSample(path, true);
+    if (format == BRX_FORMAT_COFF)
+        WriteCodeViewSample(path, true);
+    else
+        WriteElfSample(path, format);
     return ReadFileBytes(path);
 }
 
@@ -67,20 +65,17 @@ int32_t OpenAndWalk(const TempDir &dir, const std::vector<uint8_t> &image) {
 
 struct Sample {
     const char *name;
-    std::function<std::vector<uint8_t>(const TempDir &)> make;
+    int32_t format;
 };
 
 const Sample kSamples[] = {
-    {"elf32", [](const TempDir &d) { return SampleElf(BRX_FORMAT_ELF32, d); }},
-    {"elf64", [](const TempDir &d) { return SampleElf(BRX_FORMAT_ELF64, d); }},
-    {"coff", [](const TempDir &d) { return SampleCoff(d); }},
-};
+    {"elf32", BRX_FORMAT_ELF32}, {"elf64", BRX_FORMAT_ELF64}, {"coff", BRX_FORMAT_COFF}};
 
 class Malformed : public ::testing::TestWithParam<Sample> {};
 
 TEST_P(Malformed, EveryTruncationIsRefused) {
     TempDir dir;
-    std::vector<uint8_t> image = GetParam().make(dir);
+    std::vector<uint8_t> image = SampleImage(GetParam().format, dir);
     ASSERT_GT(image.size(), 100u);
     ASSERT_EQ(OpenAndWalk(dir, image), 0);
     for (size_t length = 0; length < image.size(); ++length) {
@@ -94,7 +89,7 @@ TEST_P(Malformed, EveryTruncationIsRefused) {
 // Random changes of a few bytes: any result is fine, a crash or a sanitizer report is not.
 TEST_P(Malformed, RandomDamageNeverCrashes) {
     TempDir dir;
-    std::vector<uint8_t> image = GetParam().make(dir);
+    std::vector<uint8_t> image = SampleImage(GetParam().format, dir);
     std::mt19937 random(20261123);
     int opened = 0;
     for (int round = 0; round < 600; ++round) {
@@ -129,13 +124,10 @@ constexpr int32_t kTableOutside = BRX_ERR_SECTION_TABLE_OUTSIDE;
 constexpr int32_t kSectionOutside = BRX_ERR_SECTION_OUTSIDE;
 constexpr int32_t kSymbolsOutside = BRX_ERR_SYMBOLS_OUTSIDE;
 
-void Put32(std::vector<uint8_t> &v, size_t at, uint32_t x) {
-    for (int i = 0; i < 4; ++i)
+// Little-endian fields of `width` bytes in place.
+void Put(std::vector<uint8_t> &v, size_t at, uint64_t x, unsigned width) {
+    for (unsigned i = 0; i < width; ++i)
         v[at + i] = uint8_t(x >> (8 * i));
-}
-void Put16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
-    v[at] = uint8_t(x);
-    v[at + 1] = uint8_t(x >> 8);
 }
 uint64_t Get(const std::vector<uint8_t> &v, size_t at, unsigned width) {
     uint64_t x = 0;
@@ -147,9 +139,9 @@ uint64_t Get(const std::vector<uint8_t> &v, size_t at, unsigned width) {
 // Where a field of the first ELF section header of a type is (class-dependent layout).
 struct ElfLayout {
     bool is64;
-    size_t Word() const { return is64 ? 8 : 4; }
+    unsigned Word() const { return is64 ? 8 : 4; }
     size_t SectionTable(const std::vector<uint8_t> &v) const {
-        return size_t(Get(v, is64 ? 0x28 : 0x20, unsigned(Word())));
+        return size_t(Get(v, is64 ? 0x28 : 0x20, Word()));
     }
     size_t EntrySizeField() const { return is64 ? 0x3a : 0x2e; }
     size_t CountField() const { return is64 ? 0x3c : 0x30; }
@@ -168,10 +160,7 @@ struct ElfLayout {
     size_t Size() const { return is64 ? 32 : 20; }
     size_t Link() const { return is64 ? 40 : 24; }
     size_t EntrySize() const { return is64 ? 56 : 36; }
-    void PutWord(std::vector<uint8_t> &v, size_t at, uint64_t x) const {
-        for (size_t i = 0; i < Word(); ++i)
-            v[at + i] = uint8_t(x >> (8 * i));
-    }
+    void PutWord(std::vector<uint8_t> &v, size_t at, uint64_t x) const { Put(v, at, x, Word()); }
 };
 
 std::vector<Damage> ElfDamage(bool is64) {
@@ -181,34 +170,35 @@ std::vector<Damage> ElfDamage(bool is64) {
         {"section table past the end", kTableOutside,
          [=](auto &v) { L.PutWord(v, is64 ? 0x28 : 0x20, 0xfffffff0u); }},
         {"section count past the end", kTableOutside,
-         [=](auto &v) { Put16(v, L.CountField(), 0xfffe); }},
-        {"section header too small", kMalformed, [=](auto &v) { Put16(v, L.EntrySizeField(), 8); }},
+         [=](auto &v) { Put(v, L.CountField(), 0xfffe, 2); }},
+        {"section header too small", kMalformed,
+         [=](auto &v) { Put(v, L.EntrySizeField(), 8, 2); }},
         {"name table index past the count", kMalformed,
-         [=](auto &v) { Put16(v, L.NameIndexField(), 0xfff0); }},
+         [=](auto &v) { Put(v, L.NameIndexField(), 0xfff0, 2); }},
         {"section bytes past the end", kSectionOutside,
          [=](auto &v) { L.PutWord(v, L.Header(v, PROGBITS) + L.Offset(), v.size() - 2); }},
         {"section size past the end", kSectionOutside,
          [=](auto &v) { L.PutWord(v, L.Header(v, PROGBITS) + L.Size(), 0xfffffff0u); }},
         {"section name past its table", kMalformed,
-         [=](auto &v) { Put32(v, L.Header(v, PROGBITS), 0xffffff); }},
+         [=](auto &v) { Put(v, L.Header(v, PROGBITS), 0xffffff, 4); }},
         {"symbol strings index past the count", kMalformed,
-         [=](auto &v) { Put32(v, L.Header(v, SYMTAB) + L.Link(), 0xffff); }},
+         [=](auto &v) { Put(v, L.Header(v, SYMTAB) + L.Link(), 0xffff, 4); }},
         {"symbol table past the end", kSymbolsOutside,
          [=](auto &v) { L.PutWord(v, L.Header(v, SYMTAB) + L.Size(), 0xfffffff0u); }},
         {"symbol entry size too small", kMalformed,
          [=](auto &v) { L.PutWord(v, L.Header(v, SYMTAB) + L.EntrySize(), 1); }},
         {"symbol name past the strings", kMalformed,
          [=](auto &v) {
-             size_t table = size_t(Get(v, L.Header(v, SYMTAB) + L.Offset(), unsigned(L.Word())));
-             Put32(v, table + (is64 ? 24 : 16), 0x0fffffff);
+             size_t table = size_t(Get(v, L.Header(v, SYMTAB) + L.Offset(), L.Word()));
+             Put(v, table + (is64 ? 24 : 16), 0x0fffffff, 4);
          }},
         {"relocation symbol past the symbols", kMalformed,
          [=](auto &v) {
-             size_t rela = size_t(Get(v, L.Header(v, RELA) + L.Offset(), unsigned(L.Word())));
+             size_t rela = size_t(Get(v, L.Header(v, RELA) + L.Offset(), L.Word()));
              if (is64)
-                 Put32(v, rela + 12, 0x00ffffff); // high half of r_info
+                 Put(v, rela + 12, 0x00ffffff, 4); // high half of r_info
              else
-                 Put32(v, rela + 4, 0xffffff00u | v[rela + 4]);
+                 Put(v, rela + 4, 0xffffff00u | v[rela + 4], 4);
          }},
         {"relocations past the end", kSectionOutside,
          [=](auto &v) { L.PutWord(v, L.Header(v, RELA) + L.Offset(), 0xfffffff0u); }},
@@ -217,9 +207,9 @@ std::vector<Damage> ElfDamage(bool is64) {
              // Point a section's name at ".shstrtab", the last name, and overwrite its NUL.
              size_t names = L.SectionTable(v) + Get(v, L.NameIndexField(), 2) * (is64 ? 64 : 40);
              ASSERT_EQ(Get(v, names + 4, 4), STRTAB);
-             uint64_t size = Get(v, names + L.Size(), unsigned(L.Word()));
-             size_t end = size_t(Get(v, names + L.Offset(), unsigned(L.Word())) + size);
-             Put32(v, L.Header(v, PROGBITS), uint32_t(size - 10));
+             uint64_t size = Get(v, names + L.Size(), L.Word());
+             size_t end = size_t(Get(v, names + L.Offset(), L.Word()) + size);
+             Put(v, L.Header(v, PROGBITS), uint32_t(size - 10), 4);
              v[end - 1] = 'x';
          }},
         {"wrong class", BRX_ERR_UNSUPPORTED, [](auto &v) { v[4] = 3; }},
@@ -246,29 +236,29 @@ std::vector<Damage> CoffDamage() {
         return size_t(0);
     };
     return {
-        {"section count past the end", kTableOutside, [](auto &v) { Put16(v, 2, 0xfffe); }},
+        {"section count past the end", kTableOutside, [](auto &v) { Put(v, 2, 0xfffe, 2); }},
         {"optional header past the end", BRX_ERR_NOT_AN_OBJECT,
-         [](auto &v) { Put16(v, 16, 0xfff0); }},
-        {"symbol table past the end", kSymbolsOutside, [](auto &v) { Put32(v, 8, 0xffffff00u); }},
-        {"symbol count past the end", kSymbolsOutside, [](auto &v) { Put32(v, 12, 0x0fffffff); }},
+         [](auto &v) { Put(v, 16, 0xfff0, 2); }},
+        {"symbol table past the end", kSymbolsOutside, [](auto &v) { Put(v, 8, 0xffffff00u, 4); }},
+        {"symbol count past the end", kSymbolsOutside, [](auto &v) { Put(v, 12, 0x0fffffff, 4); }},
         {"section bytes past the end", kSectionOutside,
-         [=](auto &v) { Put32(v, section(0) + 20, uint32_t(v.size() - 1)); }},
+         [=](auto &v) { Put(v, section(0) + 20, uint32_t(v.size() - 1), 4); }},
         {"section size past the end", kSectionOutside,
-         [=](auto &v) { Put32(v, section(0) + 16, 0xfffffff0u); }},
+         [=](auto &v) { Put(v, section(0) + 16, 0xfffffff0u, 4); }},
         {"relocations past the end", kSectionOutside,
-         [=](auto &v) { Put32(v, section(2) + 24, 0xfffffff0u); }},
+         [=](auto &v) { Put(v, section(2) + 24, 0xfffffff0u, 4); }},
         {"relocation count past the end", kSectionOutside,
-         [=](auto &v) { Put16(v, section(2) + 32, 0xfffe); }},
+         [=](auto &v) { Put(v, section(2) + 32, 0xfffe, 2); }},
         {"relocation symbol past the symbols", kMalformed,
-         [=](auto &v) { Put32(v, size_t(Get(v, section(2) + 24, 4)) + 4, 0xffffff); }},
+         [=](auto &v) { Put(v, size_t(Get(v, section(2) + 24, 4)) + 4, 0xffffff, 4); }},
         {"long section name past the strings", kMalformed,
          [=](auto &v) { std::memcpy(&v[section(1)], "/9999999", 8); }},
         {"long section name not a number", kMalformed,
          [=](auto &v) { std::memcpy(&v[section(1)], "/12x\0\0\0\0", 8); }},
         {"string table size past the end", kSymbolsOutside,
-         [=](auto &v) { Put32(v, stringTable(v), 0xfffffff0u); }},
+         [=](auto &v) { Put(v, stringTable(v), 0xfffffff0u, 4); }},
         {"string table size below its own field", kMalformed,
-         [=](auto &v) { Put32(v, stringTable(v), 2); }},
+         [=](auto &v) { Put(v, stringTable(v), 2, 4); }},
         {"auxiliary records past the symbols", kMalformed,
          [=](auto &v) { v[stringTable(v) - 18 + 17] = 200; }},
         {"associated section number past the sections", kMalformed,
@@ -277,32 +267,32 @@ std::vector<Damage> CoffDamage() {
              size_t symbols = symbolTable(v);
              for (size_t s = symbols; s + 36 <= stringTable(v); s += 18)
                  if (std::memcmp(&v[s], ".debug$S", 8) == 0 && v[s + 18 + 14] == 5)
-                     Put16(v, s + 18 + 12, 99);
+                     Put(v, s + 18 + 12, 99, 2);
          }},
         {"lines subsection longer than its section", kMalformed,
-         [=](auto &v) { Put32(v, find(v, 0xf2) + 4, 0x7ffffff0); }},
+         [=](auto &v) { Put(v, find(v, 0xf2) + 4, 0x7ffffff0, 4); }},
         {"line block longer than its subsection", kMalformed,
          [=](auto &v) {
              size_t lines = find(v, 0xf2) + 8;
-             Put32(v, lines + 12 + 8, 0xfffff000u);
+             Put(v, lines + 12 + 8, 0xfffff000u, 4);
          }},
         {"line block with more pairs than bytes", kMalformed,
          [=](auto &v) {
              size_t lines = find(v, 0xf2) + 8;
-             Put32(v, lines + 12 + 4, 0x10000000u);
+             Put(v, lines + 12 + 4, 0x10000000u, 4);
          }},
         {"checksum offset past the table", kMalformed,
          [=](auto &v) {
              size_t lines = find(v, 0xf2) + 8;
-             Put32(v, lines + 12, 0x1000);
+             Put(v, lines + 12, 0x1000, 4);
          }},
         {"string offset past the string table", kMalformed,
-         [=](auto &v) { Put32(v, find(v, 0xf4) + 8, 0x1000); }},
+         [=](auto &v) { Put(v, find(v, 0xf4) + 8, 0x1000, 4); }},
     };
 }
 
 struct DamageCase {
-    const char *sample;
+    Sample sample;
     Damage damage;
 };
 
@@ -311,10 +301,7 @@ class TargetedDamage : public ::testing::TestWithParam<DamageCase> {};
 TEST_P(TargetedDamage, IsRefused) {
     TempDir dir;
     const DamageCase &c = GetParam();
-    std::vector<uint8_t> image;
-    for (const Sample &s : kSamples)
-        if (std::strcmp(s.name, c.sample) == 0)
-            image = s.make(dir);
+    std::vector<uint8_t> image = SampleImage(c.sample.format, dir);
     ASSERT_EQ(OpenAndWalk(dir, image), 0);
     c.damage.apply(image);
     EXPECT_EQ(OpenAndWalk(dir, image), c.damage.result) << c.damage.what;
@@ -322,18 +309,16 @@ TEST_P(TargetedDamage, IsRefused) {
 
 std::vector<DamageCase> AllDamage() {
     std::vector<DamageCase> out;
-    for (const Damage &d : ElfDamage(false))
-        out.push_back({"elf32", d});
-    for (const Damage &d : ElfDamage(true))
-        out.push_back({"elf64", d});
-    for (const Damage &d : CoffDamage())
-        out.push_back({"coff", d});
+    for (const Sample &s : kSamples)
+        for (const Damage &d :
+             s.format == BRX_FORMAT_COFF ? CoffDamage() : ElfDamage(s.format == BRX_FORMAT_ELF64))
+            out.push_back({s, d});
     return out;
 }
 
 INSTANTIATE_TEST_SUITE_P(Fields, TargetedDamage, ::testing::ValuesIn(AllDamage()),
                          [](const auto &info) {
-                             return qtest::CaseName(std::string(info.param.sample) + " " +
+                             return qtest::CaseName(std::string(info.param.sample.name) + " " +
                                                         info.param.damage.what,
                                                     info.index);
                          });

@@ -268,13 +268,13 @@ struct HeaderCase {
     const char *includes;
 };
 
+// Each header alone (it includes what it needs) and both in either order (the handle type they
+// share is declared once, which C99 requires); C++ sees both.
 const HeaderCase kHeaderCases[] = {
     {"C99Quillet", "cc", "c99", "#include <quillet/quillet.h>\n"},
     {"C99Brix", "cc", "c99", "#include <brix/brix.h>\n"},
     {"C99QuilletThenBrix", "cc", "c99", "#include <quillet/quillet.h>\n#include <brix/brix.h>\n"},
-    {"C11BrixThenQuillet", "cc", "c11", "#include <brix/brix.h>\n#include <quillet/quillet.h>\n"},
-    {"Cxx17Quillet", "c++", "c++17", "#include <quillet/quillet.h>\n"},
-    {"Cxx17Brix", "c++", "c++17", "#include <brix/brix.h>\n"},
+    {"C99BrixThenQuillet", "cc", "c99", "#include <brix/brix.h>\n#include <quillet/quillet.h>\n"},
     {"Cxx17QuilletThenBrix", "c++", "c++17",
      "#include <quillet/quillet.h>\n#include <brix/brix.h>\n"},
 };
@@ -289,17 +289,20 @@ TEST_P(PublicHeaders, CompileWithPedanticWarningsAsErrors) {
     std::string source = std::string(c.includes) +
                          "int use(void);\n"
                          "int use(void) {\n"
+                         "    int n = 0;\n"
                          "#ifdef QUILLET_QUILLET_H\n"
                          "    DbgLineDesc line = {0, 1, 0, 0, 0, 0};\n"
                          "    DbgInstInfo info;\n"
                          "    DbgStatus (*emit)(void) = Dbg_emit;\n"
                          "    info.line = line.line;\n"
-                         "    return (int)info.line + (emit != 0);\n"
-                         "#else\n"
+                         "    n += (int)info.line + (emit != 0);\n"
+                         "#endif\n"
+                         "#ifdef BRIX_BRIX_H\n"
                          "    BrxBytes bytes = {0, 0, 0};\n"
                          "    int32_t (*write)(BrxHandle) = _brx_write_file;\n"
-                         "    return (int)bytes.count + (write != 0);\n"
+                         "    n += (int)bytes.count + (write != 0);\n"
                          "#endif\n"
+                         "    return n;\n"
                          "}\n";
     std::string file = std::string("header.") + (std::string(c.compiler) == "cc" ? "c" : "cpp");
     WriteFile(dir.File(file), source);
