@@ -1,12 +1,16 @@
 // Builders of .debug_line, .debug_info and .debug_abbrev bytes for the retrieval tests, so each
-// test states the program it decodes opcode by opcode.
+// test states the program it decodes opcode by opcode, and the placer that puts its sequences.
 #pragma once
 
 #include "dwarf/DwarfSection.h"
+#include "lines/LineSection.h"
+#include "support/Bytes.h"
 
 #include <quillet/quillet.h>
 
 #include <cstdint>
+#include <map>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -23,7 +27,9 @@ inline std::ostream &operator<<(std::ostream &os, const DbgLineRow &r) {
 
 namespace retrievaltest {
 
-using Bytes = std::vector<uint8_t>;
+using qtest::Bytes;
+using qtest::PutString;
+using qtest::Text;
 
 // `size` little-endian bytes of v; bytes past the eighth are 0.
 inline void PutU(Bytes &b, uint64_t v, unsigned size) {
@@ -47,22 +53,11 @@ inline void PutSLEB(Bytes &b, int64_t v) {
             return;
     }
 }
-inline void PutString(Bytes &b, const std::string &s) {
-    b.insert(b.end(), s.begin(), s.end());
-    b.push_back(0);
-}
 
 struct FileEntry {
     std::string name;
     uint64_t directory;
 };
-
-inline std::vector<uint8_t> StandardLengths() {
-    std::vector<uint8_t> lengths;
-    for (uint8_t n : {0, 1, 1, 1, 1, 0, 0, 0, 1})
-        lengths.push_back(n);
-    return lengths;
-}
 
 // One line-program unit: header fields, tables, and the program appended opcode by opcode.
 // Versions 2 to 5, 32- or 64-bit DWARF. A version 5 unit's tables name its directories
@@ -73,7 +68,7 @@ struct LineUnit {
     int8_t lineBase = 0;
     uint8_t lineRange = 15;
     uint8_t opcodeBase = 10;
-    std::vector<uint8_t> opcodeLengths = StandardLengths();
+    std::vector<uint8_t> opcodeLengths = {0, 1, 1, 1, 1, 0, 0, 0, 1};
     std::vector<std::string> directories;
     std::vector<FileEntry> files;
     uint16_t version = 2;
@@ -247,11 +242,6 @@ struct InfoUnit {
     bool dwarf64 = false;
     uint64_t abbrevOffset = 0;
 
-    static Bytes Str(const std::string &s) {
-        Bytes b;
-        PutString(b, s);
-        return b;
-    }
     static Bytes U(uint64_t v, unsigned size) {
         Bytes b;
         PutU(b, v, size);
@@ -261,9 +251,9 @@ struct InfoUnit {
     // The usual unit: name, directory, producer, statement list (data4).
     static InfoUnit Standard(const std::string &name, const std::string &dir, uint64_t stmtList) {
         InfoUnit u;
-        u.attributes = {{0x03, 0x08, Str(name)},
-                        {0x1b, 0x08, Str(dir)},
-                        {0x25, 0x08, Str("test producer")},
+        u.attributes = {{0x03, 0x08, Text(name)},
+                        {0x1b, 0x08, Text(dir)},
+                        {0x25, 0x08, Text("test producer")},
                         {0x10, 0x06, U(stmtList, 4)}};
         return u;
     }
@@ -326,6 +316,28 @@ struct SectionBytes {
         };
         return quillet::CDwarfSections{view(info),    view(abbrev),     view(line), view(str),
                                        view(lineStr), view(strOffsets), view(addr)};
+    }
+};
+
+// Places each sequence by its operand's offset where `places` names it (a section, and the bias
+// added to its addresses), else unmoved in `fallback`; one whose address operand is `skipped` is
+// code a linker dropped. An offset without a place fails where there is no fallback.
+struct TestPlacer : quillet::CSequencePlacer {
+    std::map<uint64_t, std::pair<BrxHandle, int64_t>> places;
+    BrxHandle fallback = 0;
+    std::optional<uint64_t> skipped;
+    std::vector<uint64_t> asked; // the operand offsets, in the order asked
+    Result Place(const quillet::CAddressOperand &operand, BrxHandle &section,
+                 int64_t &bias) override {
+        asked.push_back(operand.m_nOffset);
+        if (operand.m_nAddress == skipped)
+            return Result::Skipped;
+        auto it = places.find(operand.m_nOffset);
+        if (it == places.end() && !fallback)
+            return Result::Failed;
+        section = it == places.end() ? fallback : it->second.first;
+        bias = it == places.end() ? 0 : it->second.second;
+        return Result::Placed;
     }
 };
 

@@ -119,10 +119,8 @@ TEST(InfoSection, StatementListInEveryDataForm) {
 // producers skipped by their form.
 TEST(InfoSection, StringsAndAddressesThroughTheirSections) {
     SectionBytes bytes;
-    bytes.str = InfoUnit::Str("clang 14");
-    Bytes name = InfoUnit::Str("m.c");
-    bytes.str.insert(bytes.str.end(), name.begin(), name.end());
-    bytes.lineStr = InfoUnit::Str("/w");
+    bytes.str = qtest::Concat({Text("clang 14"), Text("m.c")});
+    bytes.lineStr = Text("/w");
     PutU(bytes.strOffsets, 0, 8); // contribution header
     PutU(bytes.strOffsets, 9, 4); // index 0: "m.c"
     PutU(bytes.addr, 0, 8);       // contribution header

@@ -195,12 +195,11 @@ TEST_F(RetrievalApi, SequencesArePlacedByRelocationAddendAndSymbolOffset) {
 }
 
 TEST_F(RetrievalApi, LineSectionOfAnOpenObject) {
-    std::string path = WriteObject(dir, "good32.o", GoodObject(4));
     for (int32_t format : {BRX_FORMAT_ELF32, BRX_FORMAT_ELF64}) {
         SCOPED_TRACE(format);
         ObjectSpec spec = GoodObject(format == BRX_FORMAT_ELF32 ? 4 : 8);
         spec.format = format;
-        path = WriteObject(dir, "good" + std::to_string(format) + ".o", spec);
+        std::string path = WriteObject(dir, "good" + std::to_string(format) + ".o", spec);
         uint32_t mode = 7;
         BrxHandle file = 0;
         ASSERT_EQ(_brx_open_file(path.c_str(), &mode, &file, 0), BRX_OK);
