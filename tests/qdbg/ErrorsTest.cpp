@@ -16,14 +16,8 @@ using namespace qdbgtest;
 
 const std::string kQdbg = QDBG_PATH;
 
-// A description whose line entries name a.s, which does not exist (so COFF, which records the
-// source's checksum, refuses it).
-const char kMissingSource[] = "module source=a.s\n"
-                              "source a a.s\n"
-                              "section .text code size=16\n"
-                              "line a 3 0\n";
-
 // The lines every case starts from; a case's text follows them, so its first line is line 4.
+// Their source a.s does not exist.
 const char kPrologue[] = "module source=a.s\n"
                          "source a a.s\n"
                          "section .text code size=16\n";
@@ -94,13 +88,6 @@ INSTANTIATE_TEST_SUITE_P(Table, DescriptionErrors, ::testing::ValuesIn(kErrorCas
                              return qtest::CaseName(info.param.expected, info.index);
                          });
 
-// Register r is 525 (above the default target's numbering), 70000 (above DWARF's) or 9999
-// (a DWARF number without a CodeView register on x86-64).
-std::string RegisterDescription(const char *number) {
-    return std::string("module source=a.s\nsection .text code size=16\nregister r data4 ") +
-           number + "\n";
-}
-
 struct MessageCase {
     const char *arguments; // run in a directory that holds the files made by SetUp
     int exitCode;          // 1: refused; 2: a faulty command line (words: the first line)
@@ -118,15 +105,14 @@ const MessageCase kMessageCases[] = {
     {"lines plain.o", 1, {"plain.o: no line information (no .debug_line section)"}},
     {"line plain.o a.s 1", 1, {"plain.o: no line information (no .debug_line section)"}},
     {"build missing.qd -o out.o", 1, {"qdbg: missing.qd: No such file or directory"}},
-    {"build register.qd -o out.o",
+    {"build register525.qd -o out.o",
      1,
-     {"register.qd:3: register symbol 'r' refused: status 11 (bad property value: register "
+     {"register525.qd:3: register symbol 'r' refused: status 11 (bad property value: register "
       "numbers are 0 to 524)"}},
     {"build register70000.qd -o out.o --target x86-64",
      1,
      {"register70000.qd:3: register symbol 'r' refused: status 11 (bad property value: DWARF "
-      "register "
-      "numbers are 0 to 65535)"}},
+      "register numbers are 0 to 65535)"}},
     {"build register9999.qd -o out.o --target x86-64 --format coff",
      1,
      {"register symbol 'r' refused: status 11 (bad property value: the register has no "
@@ -165,9 +151,12 @@ protected:
     void SetUp() override {
         RunCommand("mkdir folder", m_Dir.Path());
         WriteFile(m_Dir.File("notes.txt"), "plain text, not an object file\n");
-        WriteFile(m_Dir.File("register.qd"), RegisterDescription("525"));
-        WriteFile(m_Dir.File("register70000.qd"), RegisterDescription("70000"));
-        WriteFile(m_Dir.File("register9999.qd"), RegisterDescription("9999"));
+        // Register r is 525 (above the default target's numbering), 70000 (above DWARF's) or
+        // 9999 (a DWARF number without a CodeView register on x86-64).
+        for (std::string number : {"525", "70000", "9999"})
+            WriteFile(m_Dir.File("register" + number + ".qd"),
+                      "module source=a.s\nsection .text code size=16\nregister r data4 " + number +
+                          "\n");
         // An ELF identification of class 3, padded to a whole header.
         std::string class3 = {'\x7f', 'E', 'L', 'F', 3, 1, 1};
         class3.resize(64, '\0');
@@ -176,8 +165,9 @@ protected:
                                          "-triple x86_64-linux-gnu -o plain.o",
                                          m_Dir.Path());
         ASSERT_EQ(plain.exitCode, 0) << plain.err;
-        // An object of qdbg's own, cut in half: its section headers are at the end.
-        WriteFile(m_Dir.File("whole.qd"), kMissingSource);
+        // An object of qdbg's own, cut in half: its section headers are at the end. Its line names
+        // a.s, which is missing, so COFF, which records the source's checksum, refuses it.
+        WriteFile(m_Dir.File("whole.qd"), kPrologue + std::string("line a 3 0\n"));
         CommandResult whole = RunCommand(kQdbg + " build whole.qd -o whole.o", m_Dir.Path());
         ASSERT_EQ(whole.exitCode, 0) << whole.err;
         std::string bytes = ReadFile(m_Dir.File("whole.o"));

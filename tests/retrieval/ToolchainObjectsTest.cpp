@@ -15,40 +15,20 @@
 
 namespace {
 
-// One row as compared: where, which line and column, the file's base name, a statement or not.
-struct Row {
-    uint64_t address;
-    uint32_t line, column;
-    std::string file;
-    bool stmt;
-    bool operator==(const Row &o) const {
-        return address == o.address && line == o.line && column == o.column && file == o.file &&
-               stmt == o.stmt;
-    }
-    bool operator<(const Row &o) const {
-        return std::tie(address, line, column, file, stmt) <
-               std::tie(o.address, o.line, o.column, o.file, o.stmt);
-    }
-};
-std::ostream &operator<<(std::ostream &os, const Row &r) {
-    return os << "{0x" << std::hex << r.address << std::dec << " " << r.file << ":" << r.line << ":"
-              << r.column << (r.stmt ? " stmt" : "") << "}";
+// One row as compared, "ADDRESS FILE:LINE:COLUMN [stmt]" (the file's base name), and a sequence
+// as its rows and then "end ADDRESS", where its code ends.
+using Sequence = std::vector<std::string>;
+
+std::string Hex(uint64_t value) {
+    std::ostringstream text;
+    text << "0x" << std::hex << value;
+    return text.str();
 }
 
-// A sequence's rows and where its code ends.
-struct Sequence {
-    std::vector<Row> rows;
-    uint64_t end = 0;
-    bool operator<(const Sequence &o) const {
-        return std::tie(rows, end) < std::tie(o.rows, o.end);
-    }
-    bool operator==(const Sequence &o) const { return rows == o.rows && end == o.end; }
-};
-std::ostream &operator<<(std::ostream &os, const Sequence &s) {
-    os << "[";
-    for (const Row &r : s.rows)
-        os << r << " ";
-    return os << "end 0x" << std::hex << s.end << std::dec << "]";
+std::string RowText(uint64_t address, const std::string &file, uint32_t line, uint32_t column,
+                    bool stmt) {
+    return Hex(address) + " " + file + ":" + std::to_string(line) + ":" + std::to_string(column) +
+           (stmt ? " stmt" : "");
 }
 
 std::string BaseName(const std::string &path) {
@@ -79,14 +59,15 @@ std::vector<Sequence> DumpedSequences(const std::string &object) {
         } else if (std::sscanf(text.c_str(), "0x%llx %u %u %u", &address, &line, &column, &file) ==
                    4) {
             if (text.find("end_sequence") != std::string::npos) {
-                current.end = address;
-                if (!current.rows.empty())
+                if (!current.empty()) {
+                    current.push_back("end " + Hex(address));
                     sequences.push_back(current);
-                current = Sequence{};
+                }
+                current.clear();
                 continue;
             }
-            current.rows.push_back(
-                Row{address, line, column, files[file], text.find("is_stmt") != std::string::npos});
+            current.push_back(RowText(address, files[file], line, column,
+                                      text.find("is_stmt") != std::string::npos));
         }
     }
     return sequences;
@@ -105,13 +86,15 @@ std::vector<Sequence> OurSequences(CBaseRetrieve &engine) {
         EXPECT_EQ(engine.GetRows(handle, 0, rows.data(), &count), 0u);
         uint64_t base = 0;
         EXPECT_EQ(_brx_get_keyed(section.m_Section, BRX_KEY_SECTION_ADDRESS, nullptr, &base, 0), 0);
-        for (const DbgLineRow &r : rows) {
+        for (size_t i = 0; i < rows.size(); ++i) {
+            const DbgLineRow &r = rows[i];
             if (r.flags & DBG_ROW_SEQUENCE_START)
                 sequences.emplace_back();
-            sequences.back().rows.push_back(Row{r.offset + base, r.line, r.column,
-                                                BaseName(engine.Files().Path(r.file_index)),
-                                                (r.flags & DBG_ROW_IS_STMT) != 0});
-            sequences.back().end = r.end + base;
+            sequences.back().push_back(RowText(r.offset + base,
+                                               BaseName(engine.Files().Path(r.file_index)), r.line,
+                                               r.column, (r.flags & DBG_ROW_IS_STMT) != 0));
+            if (i + 1 == rows.size() || (rows[i + 1].flags & DBG_ROW_SEQUENCE_START))
+                sequences.back().push_back("end " + Hex(r.end + base));
         }
     }
     return sequences;
