@@ -13,6 +13,38 @@ using namespace brixtest;
 
 namespace {
 
+// An ELF object with .text (32 bytes), a COMDAT .text.inline_fn, .debug_tied tied to it with one
+// relocation, .debug_line (40 bytes) with a relocation against .text and an address relocation
+// against main_fn; symbols of every type, one of them undefined.
+void WriteElfSample(const std::string &path, int32_t format) {
+    uint32_t address = format == BRX_FORMAT_ELF64 ? 39 : 37;
+    BrxHandle file = 0;
+    ASSERT_EQ(_brx_new_file(path.c_str(), format, &file), 0);
+    BrxHandle text = AddSection(file, ".text", BRX_SECTION_CODE, 16);
+    AppendBytes(text, std::vector<uint8_t>(32, 0x90));
+    BrxHandle inlineText = AddSection(file, ".text.inline_fn", BRX_SECTION_CODE, 16);
+    AppendBytes(inlineText, std::vector<uint8_t>(8, 0xc3));
+    BrxComdat any{BRX_COMDAT_ANY, 0};
+    ASSERT_EQ(_brx_set_value(inlineText, BRX_KEY_COMDAT, &any, 0), 0);
+    BrxHandle tied = AddSection(file, ".debug_tied", BRX_SECTION_DEBUG, 4, 1);
+    AppendBytes(tied, {1, 2, 3, 4, 5, 6, 7, 8});
+    BrxComdat assoc{BRX_COMDAT_ASSOCIATIVE, inlineText};
+    ASSERT_EQ(_brx_set_value(tied, BRX_KEY_COMDAT, &assoc, 0), 0);
+    AddRelocation(tied, address, inlineText, 0);
+
+    BrxHandle line = AddSection(file, ".debug_line", 0, 4, 1);
+    AppendBytes(line, std::vector<uint8_t>(40, 0));
+    AddSymbol(file, "source.asm", BRX_BINDING_LOCAL, BRX_SYMBOL_SOURCE_FILE, 0, 0);
+    BrxHandle mainFn = AddSymbol(file, "main_fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, text, 4);
+    AddSymbol(file, "local_label", BRX_BINDING_LOCAL, BRX_SYMBOL_PLAIN, text, 12);
+    AddSymbol(file, "inline_fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, inlineText, 0);
+    AddSymbol(file, "external_fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_PLAIN, 0, 0);
+    AddRelocation(line, 37, text, 8);
+    AddRelocation(line, address, mainFn, 16, 2);
+    ASSERT_EQ(_brx_write_file(file), 0);
+    ASSERT_EQ(_brx_close_file(file), 0);
+}
+
 // The bytes of a sample object of `format` as brix writes it.
 std::vector<uint8_t> SampleImage(int32_t format, const TempDir &dir) {
     std::string path = dir.File("sample.o");

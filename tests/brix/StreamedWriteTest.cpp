@@ -93,7 +93,9 @@ TEST(StreamedWrite, FileHoldsWhatAMemoryBufferHolds) {
     }
 }
 
-TEST(StreamedWrite, AbandonedAndUnwritableFilesLeaveNothing) {
+// An abandoned stream, one whose directory does not exist, and a file brix refuses (a COFF
+// section alignment above 8192 bytes cannot be encoded) leave no file behind.
+TEST(StreamedWrite, AbandonedUnwritableAndRefusedFilesLeaveNothing) {
     TempDir dir;
     for (size_t bytes : {size_t(10), 5 * kChunk}) {
         std::string path = dir.File("abandoned.bin");
@@ -106,12 +108,7 @@ TEST(StreamedWrite, AbandonedAndUnwritableFilesLeaveNothing) {
     brix::CByteBuffer nowhere(dir.File("no/such/dir/x.bin"));
     nowhere.Zeros(2 * kChunk);
     EXPECT_FALSE(nowhere.Finish());
-}
 
-// A COFF section alignment above 8192 bytes cannot be encoded: the file is refused, and neither
-// a new file nor a change to an existing one is left.
-TEST(StreamedWrite, RefusedFileIsNotCreated) {
-    TempDir dir;
     std::string path = dir.File("refused.obj");
     BrxHandle file = 0;
     ASSERT_EQ(_brx_new_file(path.c_str(), BRX_FORMAT_COFF, &file), 0);

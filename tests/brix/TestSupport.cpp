@@ -316,36 +316,4 @@ void WriteCodeViewSample(const std::string &path, bool ownTableDiffers) {
     ASSERT_EQ(_brx_close_file(file), 0);
 }
 
-// A module with two code sections (one of them COMDAT), a debugging section tied to the COMDAT
-// one, a line-like section with relocations against a section and a symbol, and symbols of
-// every type.
-void WriteElfSample(const std::string &path, int32_t format) {
-    uint32_t address = format == BRX_FORMAT_ELF64 ? 39 : 37;
-    BrxHandle file = 0;
-    ASSERT_EQ(_brx_new_file(path.c_str(), format, &file), 0);
-    BrxHandle text = AddSection(file, ".text", BRX_SECTION_CODE, 16);
-    AppendBytes(text, std::vector<uint8_t>(32, 0x90));
-    BrxHandle inlineText = AddSection(file, ".text.inline_fn", BRX_SECTION_CODE, 16);
-    AppendBytes(inlineText, std::vector<uint8_t>(8, 0xc3));
-    BrxComdat any{BRX_COMDAT_ANY, 0};
-    ASSERT_EQ(_brx_set_value(inlineText, BRX_KEY_COMDAT, &any, 0), 0);
-    BrxHandle tied = AddSection(file, ".debug_tied", BRX_SECTION_DEBUG, 4, 1);
-    AppendBytes(tied, {1, 2, 3, 4, 5, 6, 7, 8});
-    BrxComdat assoc{BRX_COMDAT_ASSOCIATIVE, inlineText};
-    ASSERT_EQ(_brx_set_value(tied, BRX_KEY_COMDAT, &assoc, 0), 0);
-    AddRelocation(tied, address, inlineText, 0);
-
-    BrxHandle line = AddSection(file, ".debug_line", 0, 4, 1);
-    AppendBytes(line, std::vector<uint8_t>(40, 0));
-    AddSymbol(file, "source.asm", BRX_BINDING_LOCAL, BRX_SYMBOL_SOURCE_FILE, 0, 0);
-    BrxHandle mainFn = AddSymbol(file, "main_fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, text, 4);
-    AddSymbol(file, "local_label", BRX_BINDING_LOCAL, BRX_SYMBOL_PLAIN, text, 12);
-    AddSymbol(file, "inline_fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_FUNCTION, inlineText, 0);
-    AddSymbol(file, "external_fn", BRX_BINDING_GLOBAL, BRX_SYMBOL_PLAIN, 0, 0);
-    AddRelocation(line, 37, text, 8);
-    AddRelocation(line, address, mainFn, 16, 2);
-    ASSERT_EQ(_brx_write_file(file), 0);
-    ASSERT_EQ(_brx_close_file(file), 0);
-}
-
 } // namespace brixtest

@@ -65,11 +65,4 @@ std::vector<LineRow> LineRows(BrxHandle file, bool sectionsByPosition = false);
 // own checksum table differs from the main one when `ownTableDiffers`, else repeats it.
 void WriteCodeViewSample(const std::string &path, bool ownTableDiffers);
 
-// An ELF object with .text (32 bytes), a COMDAT .text.inline_fn, .debug_tied tied to it with one
-// relocation, .debug_line (40 bytes) with a relocation of type 37 against .text at 8 and an
-// address relocation (39 for ELF64, 37 for ELF32) against main_fn with addend 2 at 16; symbols
-// source.asm (file), main_fn (global function, .text+4), local_label (.text+12), inline_fn and
-// external_fn (undefined).
-void WriteElfSample(const std::string &path, int32_t format);
-
 } // namespace brixtest
