@@ -139,8 +139,7 @@ TEST_P(RoundTrip, ReadingBackAnswersWhatWasWritten) {
         EXPECT_EQ(U32(h, BRX_KEY_OWNER), read);
         EXPECT_EQ(U32(h, BRX_KEY_SECTION_FLAGS) & BRX_SECTION_CODE, s.flags & BRX_SECTION_CODE);
         EXPECT_EQ(U32(h, BRX_KEY_SECTION_ALIGNMENT), s.alignment);
-        EXPECT_EQ(U64(h, BRX_KEY_SECTION_SIZE), s.bytes.size());
-        EXPECT_EQ(SectionBytes(h), s.bytes);
+        EXPECT_EQ(SectionBytes(h), s.bytes); // as many as its size says
         EXPECT_EQ(FindSection(read, s.name), h);
     }
     BrxComdat comdat{};

@@ -49,28 +49,22 @@ std::string ProjectVersion() {
     return Configured("CMAKE_PROJECT_VERSION", "");
 }
 
-// The README's ```c block that holds `marker`; empty when there is none.
-std::string ReadmeExample(const std::string &marker) {
+// The first text of the README between `open` and `close` that holds `marker`, empty when none:
+// a ```c block by a call its example makes, or what "it prints `...`" says an example prints.
+std::string FromReadme(const std::string &open, const std::string &close,
+                       const std::string &marker) {
     std::string readme = ReadFile(kSourceDir + "/README.md");
-    for (size_t begin = readme.find("```c\n"); begin != std::string::npos;
-         begin = readme.find("```c\n", begin)) {
-        begin += 5;
-        std::string block = readme.substr(begin, readme.find("```", begin) - begin);
-        if (block.find(marker) != std::string::npos)
-            return block;
+    for (size_t begin = readme.find(open); begin != std::string::npos;
+         begin = readme.find(open, begin)) {
+        begin += open.size();
+        std::string text = readme.substr(begin, readme.find(close, begin) - begin);
+        if (text.find(marker) != std::string::npos)
+            return text;
     }
     return "";
 }
-
-// What the README says the retrieval example prints: the text in "it prints `...`".
-std::string ReadmeRetrievalOutput() {
-    std::string readme = ReadFile(kSourceDir + "/README.md");
-    const std::string lead = "it prints `";
-    size_t begin = readme.find(lead);
-    if (begin == std::string::npos)
-        return "";
-    begin += lead.size();
-    return readme.substr(begin, readme.find('`', begin) - begin) + "\n";
+std::string ReadmeExample(const std::string &marker) {
+    return FromReadme("```c\n", "```", marker);
 }
 
 const char kProduction[] = "Dbg_emit()";
@@ -209,7 +203,7 @@ TEST_F(Installed, ReadmeExamplesBuildThroughPkgConfigAndWithTheRunPathAlone) {
     ASSERT_EQ(linked.exitCode, 0) << linked.out << linked.err;
     CommandResult found = RunCommand("env -u LD_LIBRARY_PATH ./where", dir.Path());
     EXPECT_EQ(found.exitCode, 0) << found.err;
-    EXPECT_EQ(found.out, ReadmeRetrievalOutput());
+    EXPECT_EQ(found.out, FromReadme("it prints `", "`", "") + "\n");
 }
 
 TEST_F(Installed, ReadmeExampleBuildsThroughFindPackage) {
