@@ -168,80 +168,76 @@ uint64_t Get(const std::vector<uint8_t> &v, size_t at, unsigned width) {
     return x;
 }
 
-// Where a field of the first ELF section header of a type is (class-dependent layout).
+// Where the fields that locate and size everything else lie in each ELF class.
 struct ElfLayout {
-    bool is64;
-    unsigned Word() const { return is64 ? 8 : 4; }
-    size_t SectionTable(const std::vector<uint8_t> &v) const {
-        return size_t(Get(v, is64 ? 0x28 : 0x20, Word()));
-    }
-    size_t EntrySizeField() const { return is64 ? 0x3a : 0x2e; }
-    size_t CountField() const { return is64 ? 0x3c : 0x30; }
-    size_t NameIndexField() const { return is64 ? 0x3e : 0x32; }
-    size_t Header(const std::vector<uint8_t> &v, uint32_t type) const {
-        size_t table = SectionTable(v), entry = is64 ? 64 : 40;
-        size_t count = size_t(Get(v, CountField(), 2));
-        for (size_t i = 1; i < count; ++i)
-            if (Get(v, table + i * entry + 4, 4) == type)
-                return table + i * entry;
-        ADD_FAILURE() << "no section of type " << type;
-        return table;
-    }
-    // Field offsets within a section header.
-    size_t Offset() const { return is64 ? 24 : 16; }
-    size_t Size() const { return is64 ? 32 : 20; }
-    size_t Link() const { return is64 ? 40 : 24; }
-    size_t EntrySize() const { return is64 ? 56 : 36; }
-    void PutWord(std::vector<uint8_t> &v, size_t at, uint64_t x) const { Put(v, at, x, Word()); }
+    unsigned word;                                             // an address or a file offset
+    size_t tableField, entrySizeField, countField, namesField; // in the file header
+    size_t headerSize, offset, size, link, entrySize;          // in a section header
+    size_t symbolSize;
 };
+const ElfLayout kElf32 = {4, 0x20, 0x2e, 0x30, 0x32, 40, 16, 20, 24, 36, 16};
+const ElfLayout kElf64 = {8, 0x28, 0x3a, 0x3c, 0x3e, 64, 24, 32, 40, 56, 24};
 
-std::vector<Damage> ElfDamage(bool is64) {
-    ElfLayout L{is64};
+size_t SectionTable(const std::vector<uint8_t> &v, const ElfLayout &L) {
+    return size_t(Get(v, L.tableField, L.word));
+}
+
+// The first section header of `type`.
+size_t Header(const std::vector<uint8_t> &v, const ElfLayout &L, uint32_t type) {
+    size_t table = SectionTable(v, L);
+    for (size_t i = 1; i < Get(v, L.countField, 2); ++i)
+        if (Get(v, table + i * L.headerSize + 4, 4) == type)
+            return table + i * L.headerSize;
+    ADD_FAILURE() << "no section of type " << type;
+    return table;
+}
+
+std::vector<Damage> ElfDamage(const ElfLayout &L) {
     constexpr uint32_t PROGBITS = 1, SYMTAB = 2, STRTAB = 3, RELA = 4;
     return {
         {"section table past the end", kTableOutside,
-         [=](auto &v) { L.PutWord(v, is64 ? 0x28 : 0x20, 0xfffffff0u); }},
+         [=](auto &v) { Put(v, L.tableField, 0xfffffff0u, L.word); }},
         {"section count past the end", kTableOutside,
-         [=](auto &v) { Put(v, L.CountField(), 0xfffe, 2); }},
-        {"section header too small", kMalformed,
-         [=](auto &v) { Put(v, L.EntrySizeField(), 8, 2); }},
+         [=](auto &v) { Put(v, L.countField, 0xfffe, 2); }},
+        {"section header too small", kMalformed, [=](auto &v) { Put(v, L.entrySizeField, 8, 2); }},
         {"name table index past the count", kMalformed,
-         [=](auto &v) { Put(v, L.NameIndexField(), 0xfff0, 2); }},
+         [=](auto &v) { Put(v, L.namesField, 0xfff0, 2); }},
         {"section bytes past the end", kSectionOutside,
-         [=](auto &v) { L.PutWord(v, L.Header(v, PROGBITS) + L.Offset(), v.size() - 2); }},
+         [=](auto &v) { Put(v, Header(v, L, PROGBITS) + L.offset, v.size() - 2, L.word); }},
         {"section size past the end", kSectionOutside,
-         [=](auto &v) { L.PutWord(v, L.Header(v, PROGBITS) + L.Size(), 0xfffffff0u); }},
+         [=](auto &v) { Put(v, Header(v, L, PROGBITS) + L.size, 0xfffffff0u, L.word); }},
         {"section name past its table", kMalformed,
-         [=](auto &v) { Put(v, L.Header(v, PROGBITS), 0xffffff, 4); }},
+         [=](auto &v) { Put(v, Header(v, L, PROGBITS), 0xffffff, 4); }},
         {"symbol strings index past the count", kMalformed,
-         [=](auto &v) { Put(v, L.Header(v, SYMTAB) + L.Link(), 0xffff, 4); }},
+         [=](auto &v) { Put(v, Header(v, L, SYMTAB) + L.link, 0xffff, 4); }},
         {"symbol table past the end", kSymbolsOutside,
-         [=](auto &v) { L.PutWord(v, L.Header(v, SYMTAB) + L.Size(), 0xfffffff0u); }},
+         [=](auto &v) { Put(v, Header(v, L, SYMTAB) + L.size, 0xfffffff0u, L.word); }},
         {"symbol entry size too small", kMalformed,
-         [=](auto &v) { L.PutWord(v, L.Header(v, SYMTAB) + L.EntrySize(), 1); }},
+         [=](auto &v) { Put(v, Header(v, L, SYMTAB) + L.entrySize, 1, L.word); }},
         {"symbol name past the strings", kMalformed,
          [=](auto &v) {
-             size_t table = size_t(Get(v, L.Header(v, SYMTAB) + L.Offset(), L.Word()));
-             Put(v, table + (is64 ? 24 : 16), 0x0fffffff, 4);
+             // The name of the first symbol after the null one.
+             size_t table = size_t(Get(v, Header(v, L, SYMTAB) + L.offset, L.word));
+             Put(v, table + L.symbolSize, 0x0fffffff, 4);
          }},
         {"relocation symbol past the symbols", kMalformed,
          [=](auto &v) {
-             size_t rela = size_t(Get(v, L.Header(v, RELA) + L.Offset(), L.Word()));
-             if (is64)
+             size_t rela = size_t(Get(v, Header(v, L, RELA) + L.offset, L.word));
+             if (L.word == 8)
                  Put(v, rela + 12, 0x00ffffff, 4); // high half of r_info
              else
                  Put(v, rela + 4, 0xffffff00u | v[rela + 4], 4);
          }},
         {"relocations past the end", kSectionOutside,
-         [=](auto &v) { L.PutWord(v, L.Header(v, RELA) + L.Offset(), 0xfffffff0u); }},
+         [=](auto &v) { Put(v, Header(v, L, RELA) + L.offset, 0xfffffff0u, L.word); }},
         {"unterminated section name", kMalformed,
          [=](auto &v) {
              // Point a section's name at ".shstrtab", the last name, and overwrite its NUL.
-             size_t names = L.SectionTable(v) + Get(v, L.NameIndexField(), 2) * (is64 ? 64 : 40);
+             size_t names = SectionTable(v, L) + Get(v, L.namesField, 2) * L.headerSize;
              ASSERT_EQ(Get(v, names + 4, 4), STRTAB);
-             uint64_t size = Get(v, names + L.Size(), L.Word());
-             size_t end = size_t(Get(v, names + L.Offset(), L.Word()) + size);
-             Put(v, L.Header(v, PROGBITS), uint32_t(size - 10), 4);
+             uint64_t size = Get(v, names + L.size, L.word);
+             size_t end = size_t(Get(v, names + L.offset, L.word) + size);
+             Put(v, Header(v, L, PROGBITS), uint32_t(size - 10), 4);
              v[end - 1] = 'x';
          }},
         {"wrong class", BRX_ERR_UNSUPPORTED, [](auto &v) { v[4] = 3; }},
@@ -342,8 +338,9 @@ TEST_P(TargetedDamage, IsRefused) {
 std::vector<DamageCase> AllDamage() {
     std::vector<DamageCase> out;
     for (const Sample &s : kSamples)
-        for (const Damage &d :
-             s.format == BRX_FORMAT_COFF ? CoffDamage() : ElfDamage(s.format == BRX_FORMAT_ELF64))
+        for (const Damage &d : s.format == BRX_FORMAT_COFF
+                                   ? CoffDamage()
+                                   : ElfDamage(s.format == BRX_FORMAT_ELF64 ? kElf64 : kElf32))
             out.push_back({s, d});
     return out;
 }
