@@ -150,84 +150,58 @@ TEST(InfoSection, StringsAndAddressesThroughTheirSections) {
     EXPECT_EQ(p.low, 0x2000u);
 }
 
+// Units refused for their declarations or values, and for damage to their bytes.
 TEST(InfoSection, RefusedUnits) {
-    struct Case {
-        const char *name;
-        InfoUnit unit;
-    };
-    std::vector<Case> cases;
-    InfoUnit good = InfoUnit::Standard("m.s", "/w", 0);
-    {
-        InfoUnit u = good;
-        u.version = 1;
-        cases.push_back({"VersionBelowTwo", u});
-        u.version = 6;
-        cases.push_back({"VersionAboveFive", u});
-    }
-    {
-        InfoUnit u = good;
-        u.attributes[0] = {0x03, 0x0b, {1}};
-        cases.push_back({"NameNotAString", u});
-    }
-    {
-        InfoUnit u = good;
-        u.attributes.push_back({0x11, 0x06, InfoUnit::U(0, 4)});
-        cases.push_back({"LowAddressNotAnAddress", u});
-    }
-    {
-        InfoUnit u = good;
-        u.attributes.push_back({0x2000, 0x7f, {}});
-        cases.push_back({"UnknownForm", u});
-    }
-    {
-        InfoUnit u = good;
-        u.abbrevOffset = 500;
-        cases.push_back({"AbbreviationOffsetOutsideTheSection", u});
-    }
-    {
-        InfoUnit u = good;
-        u.attributes[1] = {0x1b, 0x0e, InfoUnit::U(0, 4)};
-        cases.push_back({"StringOffsetWithoutStringSection", u});
-        u.attributes[1] = {0x1b, 0x25, {0}};
-        cases.push_back({"StringIndexWithoutOffsets", u});
-    }
-    {
-        InfoUnit u = good;
-        u.tag = 0x2e;
-        cases.push_back({"NotACompilationUnit", u});
-    }
-    {
-        InfoUnit u = good;
-        u.addressSize = 0;
-        cases.push_back({"AddressSizeZero", u});
-        u.addressSize = 9;
-        cases.push_back({"AddressSizeAboveEight", u});
-    }
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_FALSE(Parse(c.unit).ok);
-    }
-
-    // Damage to the header or the declarations.
     const struct {
         const char *name;
-        size_t at; // in the unit (info) or the declaration (abbrev)
-        bool inAbbrev;
-        uint8_t value;
-    } damages[] = {
-        {"UnitPastTheSection", 0, false, 0x7f},
-        {"EntryCodeNotDeclared", 11, false, 2},
-        {"DeclarationWithoutTerminator", 0, true, 1}, // set below: the section is cut
+        void (*change)(InfoUnit &);
+        void (*damage)(SectionBytes &);
+    } cases[] = {
+        {"VersionBelowTwo", [](InfoUnit &u) { u.version = 1; }, nullptr},
+        {"VersionAboveFive", [](InfoUnit &u) { u.version = 6; }, nullptr},
+        {"NameNotAString",
+         [](InfoUnit &u) {
+             u.attributes[0] = {0x03, 0x0b, {1}};
+         },
+         nullptr},
+        {"LowAddressNotAnAddress",
+         [](InfoUnit &u) {
+             u.attributes.push_back({0x11, 0x06, InfoUnit::U(0, 4)});
+         },
+         nullptr},
+        {"UnknownForm",
+         [](InfoUnit &u) {
+             u.attributes.push_back({0x2000, 0x7f, {}});
+         },
+         nullptr},
+        {"AbbreviationOffsetOutsideTheSection", [](InfoUnit &u) { u.abbrevOffset = 500; }, nullptr},
+        {"StringOffsetWithoutStringSection",
+         [](InfoUnit &u) {
+             u.attributes[1] = {0x1b, 0x0e, InfoUnit::U(0, 4)};
+         },
+         nullptr},
+        {"StringIndexWithoutOffsets",
+         [](InfoUnit &u) {
+             u.attributes[1] = {0x1b, 0x25, {0}};
+         },
+         nullptr},
+        {"NotACompilationUnit", [](InfoUnit &u) { u.tag = 0x2e; }, nullptr},
+        {"AddressSizeZero", [](InfoUnit &u) { u.addressSize = 0; }, nullptr},
+        {"AddressSizeAboveEight", [](InfoUnit &u) { u.addressSize = 9; }, nullptr},
+        {"UnitPastTheSection", [](InfoUnit &) {}, [](SectionBytes &b) { b.info[0] = 0x7f; }},
+        {"EntryCodeNotDeclared", [](InfoUnit &) {}, [](SectionBytes &b) { b.info[11] = 2; }},
+        {"DeclarationWithoutTerminator", [](InfoUnit &) {},
+         [](SectionBytes &b) { b.abbrev.resize(b.abbrev.size() - 3); }},
     };
-    for (const auto &d : damages) {
-        SCOPED_TRACE(d.name);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        InfoUnit unit = InfoUnit::Standard("m.s", "/w", 0);
+        c.change(unit);
         SectionBytes bytes;
-        bytes.abbrev = good.Abbrev();
-        bytes.info = good.Info();
-        if (d.inAbbrev)
-            bytes.abbrev.resize(bytes.abbrev.size() - 3);
-        else
-            bytes.info[d.at] = d.value;
+        bytes.abbrev = unit.Abbrev();
+        bytes.info = unit.Info();
+        if (c.damage)
+            c.damage(bytes);
         std::vector<Parsed> units = ParseAll(bytes);
         ASSERT_FALSE(units.empty());
         EXPECT_FALSE(units.front().ok);

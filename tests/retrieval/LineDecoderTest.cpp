@@ -242,122 +242,77 @@ struct MalformedCase {
 
 std::vector<MalformedCase> MalformedCases() {
     std::vector<MalformedCase> cases;
-    auto add = [&](const char *name, const LineUnit &u, size_t rows) {
+    // A case: unit `u` as `changeUnit` changes it, encoded, then its bytes as `changeBytes`
+    // changes them; `rows` is how many rows decode before the fault.
+    auto add = [&](const char *name, LineUnit u, size_t rows, auto changeUnit,
+                   void (*changeBytes)(Bytes &) = nullptr) {
+        changeUnit(u);
         SectionBytes b;
         b.line = u.Encode();
+        if (changeBytes)
+            changeBytes(b.line);
         cases.push_back({name, b, rows});
     };
+    auto same = [](LineUnit &) {};
     LineUnit base = OneFile();
     base.SetAddress(0).Copy();
     LineUnit base5 = base;
     base5.version = 5;
     base5.files.push_back(base5.files.front()); // files 0 and 1, as producers write them
-    {
-        LineUnit u = base;
-        u.version = 1;
-        add("VersionBelowTwo", u, 0);
-        u.version = 6;
-        add("VersionAboveFive", u, 0);
-    }
-    {
-        LineUnit u = base;
-        u.headerLengthSkew = 1;
-        add("HeaderLengthDisagreesWithTables", u, 0);
-        u = base5;
-        u.headerLengthSkew = -1;
-        add("Version5HeaderLengthDisagreesWithTables", u, 0);
-    }
-    {
-        LineUnit u = base5;
-        u.addressSize = 0;
-        add("Version5AddressSizeZero", u, 0);
-        u.addressSize = 16;
-        add("Version5AddressSizeAboveEight", u, 0);
-    }
-    {
-        LineUnit u = base5;
-        u.operationsPerInstruction = 4;
-        add("SeveralOperationsPerInstruction", u, 0);
-    }
-    {
-        LineUnit u = base5;
-        u.v5Tables = {1, 1, 0x7f, 1, 0}; // a form nobody defines
-        add("Version5UnknownForm", u, 0);
-        u.v5Tables = {1, 1, 0x0b, 1, 0, 0, 0}; // path as data1
-        add("Version5PathNotAString", u, 0);
-        u.v5Tables = {1, 1, 0x1f, 1, 0, 0, 0, 0, 0, 0}; // line_strp without .debug_line_str
-        add("Version5PathOutsideLineStrings", u, 0);
-        u.v5Tables = {1, 1, 0x08, 1, '/', 0, 2, 1, 0x08, 2, 0x0b, 1, 'a', 0, 3};
-        add("Version5DirectoryBeyondTheList", u, 0);
-        u.v5Tables = {1, 1, 0x08, 5, '/', 0};
-        add("Version5FewerEntriesThanItsCount", u, 0);
-        // Entries that take no bytes would let a short header claim billions of them.
-        u.v5Tables = {0, 0xff, 0xff, 0xff, 0xff, 0x0f};
-        add("Version5EmptyEntryFormatWithAHugeCount", u, 0);
-        u.v5Tables = {1, 2, 0x19, 0xff, 0xff, 0xff, 0xff, 0x0f}; // a flag_present field alone
-        add("Version5EntriesOfNoBytesWithAHugeCount", u, 0);
-    }
-    {
-        LineUnit u = base;
-        u.program.insert(u.program.end(), {0, 10, 2, 1, 2, 3, 4, 5, 6, 7, 8, 9});
-        add("AddressOperandLongerThanEightBytes", u, 1);
-    }
-    {
-        LineUnit u = base;
-        u.SetFile(2).Copy();
-        add("FileNumberWithoutRecord", u, 1);
-        u = base;
-        u.SetFile(0).Copy();
-        add("FileNumberZeroBeforeVersion5", u, 1);
-        u = base5;
-        u.SetFile(2).Copy(); // version 5 numbers its two files 0 and 1
-        add("Version5FileNumberPastTheTable", u, 1);
-    }
-    {
-        LineUnit u = OneFile();
+    // The header
+    add("VersionBelowTwo", base, 0, [](LineUnit &u) { u.version = 1; });
+    add("VersionAboveFive", base, 0, [](LineUnit &u) { u.version = 6; });
+    add("HeaderLengthDisagreesWithTables", base, 0, [](LineUnit &u) { u.headerLengthSkew = 1; });
+    add("Version5HeaderLengthDisagreesWithTables", base5, 0,
+        [](LineUnit &u) { u.headerLengthSkew = -1; });
+    add("Version5AddressSizeZero", base5, 0, [](LineUnit &u) { u.addressSize = 0; });
+    add("Version5AddressSizeAboveEight", base5, 0, [](LineUnit &u) { u.addressSize = 16; });
+    add("SeveralOperationsPerInstruction", base5, 0,
+        [](LineUnit &u) { u.operationsPerInstruction = 4; });
+    add("ZeroLineRange", base, 0, [](LineUnit &u) { u.lineRange = 0; });
+    add("UnitRunsPastTheSection", base, 0, same, [](Bytes &b) { b[0] += 1; });
+    add("TruncatedHeader", base, 0, same, [](Bytes &b) { b.resize(20); });
+    add("ReservedUnitLength", base, 0, same,
+        [](Bytes &b) { b[0] = 0xf0, b[1] = b[2] = b[3] = 0xff; });
+    // The tables
+    add("DirectoryBeyondTheList", OneFile(), 0, [](LineUnit &u) {
         u.files[0].directory = 1;
         u.SetAddress(0).Copy();
-        add("DirectoryBeyondTheList", u, 0);
-    }
-    {
-        LineUnit u = OneFile();
-        u.Copy();
-        add("SequenceWithoutSetAddress", u, 0);
-        u = base;
-        u.EndSequence().Special(1, 1);
-        add("SecondSequenceWithoutSetAddress", u, 1);
-    }
-    {
-        LineUnit u = base;
-        u.Op(2).Op(0x80);
-        add("TruncatedOperand", u, 1);
-        u = base;
+    });
+    // A form nobody defines; a path as data1; a line_strp without .debug_line_str; a file in a
+    // directory past the list; fewer entries than the count says.
+    add("Version5UnknownForm", base5, 0, [](LineUnit &u) { u.v5Tables = {1, 1, 0x7f, 1, 0}; });
+    add("Version5PathNotAString", base5, 0,
+        [](LineUnit &u) { u.v5Tables = {1, 1, 0x0b, 1, 0, 0, 0}; });
+    add("Version5PathOutsideLineStrings", base5, 0,
+        [](LineUnit &u) { u.v5Tables = {1, 1, 0x1f, 1, 0, 0, 0, 0, 0, 0}; });
+    add("Version5DirectoryBeyondTheList", base5, 0, [](LineUnit &u) {
+        u.v5Tables = {1, 1, 0x08, 1, '/', 0, 2, 1, 0x08, 2, 0x0b, 1, 'a', 0, 3};
+    });
+    add("Version5FewerEntriesThanItsCount", base5, 0,
+        [](LineUnit &u) { u.v5Tables = {1, 1, 0x08, 5, '/', 0}; });
+    // Entries that take no bytes (no fields, or a flag_present field alone) would let a short
+    // header claim billions of them.
+    add("Version5EmptyEntryFormatWithAHugeCount", base5, 0,
+        [](LineUnit &u) { u.v5Tables = {0, 0xff, 0xff, 0xff, 0xff, 0x0f}; });
+    add("Version5EntriesOfNoBytesWithAHugeCount", base5, 0,
+        [](LineUnit &u) { u.v5Tables = {1, 2, 0x19, 0xff, 0xff, 0xff, 0xff, 0x0f}; });
+    // The program
+    add("AddressOperandLongerThanEightBytes", base, 1, [](LineUnit &u) {
+        u.program.insert(u.program.end(), {0, 10, 2, 1, 2, 3, 4, 5, 6, 7, 8, 9});
+    });
+    add("FileNumberWithoutRecord", base, 1, [](LineUnit &u) { u.SetFile(2).Copy(); });
+    add("FileNumberZeroBeforeVersion5", base, 1, [](LineUnit &u) { u.SetFile(0).Copy(); });
+    // Version 5 numbers its two files 0 and 1.
+    add("Version5FileNumberPastTheTable", base5, 1, [](LineUnit &u) { u.SetFile(2).Copy(); });
+    add("SequenceWithoutSetAddress", OneFile(), 0, [](LineUnit &u) { u.Copy(); });
+    add("SecondSequenceWithoutSetAddress", base, 1,
+        [](LineUnit &u) { u.EndSequence().Special(1, 1); });
+    add("TruncatedOperand", base, 1, [](LineUnit &u) { u.Op(2).Op(0x80); });
+    add("ExtendedOpcodeLongerThanTheUnit", base, 1, [](LineUnit &u) {
         u.program.insert(u.program.end(), {0, 9, 0x80});
-        add("ExtendedOpcodeLongerThanTheUnit", u, 1);
-    }
-    {
-        LineUnit u = base;
-        u.lineRange = 0;
-        add("ZeroLineRange", u, 0);
-    }
-    {
-        LineUnit u = base;
-        u.DefineFile("x.s", 5);
-        add("DefineFileWithBadDirectory", u, 1);
-    }
-    {
-        SectionBytes b;
-        b.line = base.Encode();
-        b.line[0] += 1; // the unit claims one byte more than the section has
-        cases.push_back({"UnitRunsPastTheSection", b, 0});
-        b.line = base.Encode();
-        b.line.resize(20);
-        cases.push_back({"TruncatedHeader", b, 0});
-        b.line = base.Encode();
-        b.line[0] = 0xf0; // a reserved unit length
-        b.line[1] = b.line[2] = b.line[3] = 0xff;
-        cases.push_back({"ReservedUnitLength", b, 0});
-    }
+    });
+    add("DefineFileWithBadDirectory", base, 1, [](LineUnit &u) { u.DefineFile("x.s", 5); });
     return cases;
 }
 
