@@ -31,7 +31,7 @@ protected:
     BrxHandle file = 0, text = 0, debug = 0, symbol = 0, reloc = 0;
 };
 
-TEST_F(KeyedInterface, NameQueriesAskForALargerBuffer) {
+TEST_F(KeyedInterface, NameAndPathQueriesAskForALargerBuffer) {
     struct Case {
         uint32_t capacity;
         int32_t result;
@@ -50,6 +50,21 @@ TEST_F(KeyedInterface, NameQueriesAskForALargerBuffer) {
     std::string longName(700, 'n');
     BrxHandle longSymbol = AddSymbol(file, longName.c_str(), BRX_BINDING_LOCAL, 0, text, 0);
     EXPECT_EQ(SymbolName(longSymbol), longName); // doubles 256 -> 512 -> 1024
+
+    // The wide query gives the path in UTF-16, and its size counts UTF-16 units.
+    BrxHandle wide = 0;
+    std::string widePath = dir.File("caf\xc3\xa9.o"); // "café.o"
+    ASSERT_EQ(_brx_new_file(widePath.c_str(), BRX_FORMAT_COFF, &wide), 0);
+    char16_t buf[256];
+    uint32_t capacity = sizeof buf;
+    ASSERT_EQ(_wcbrx_get_keyed(wide, BRX_KEY_PATH, &capacity, buf, 0), 0);
+    std::u16string got(buf);
+    ASSERT_GE(got.size(), 6u);
+    EXPECT_EQ(got.substr(got.size() - 6), u"caf\u00e9.o");
+    EXPECT_EQ(got.size(), widePath.size() - 1); // two UTF-8 bytes, one UTF-16 unit
+    capacity = uint32_t(2 * got.size());        // no room for the terminator
+    EXPECT_EQ(_wcbrx_get_keyed(wide, BRX_KEY_PATH, &capacity, buf, 0), BRX_ERR_BUFFER_TOO_SMALL);
+    _brx_close_file(wide);
 }
 
 TEST_F(KeyedInterface, SizeQueryOnAnythingButASectionIsRefusedAsNotASection) {
@@ -167,22 +182,6 @@ TEST_F(KeyedInterface, RelocationAndComdatRecordsAreChecked) {
     BrxComdat c{99, 0};
     ASSERT_EQ(_brx_get_keyed(debug, BRX_KEY_COMDAT, nullptr, &c, 0), 0);
     EXPECT_EQ(c.selection, 0u);
-}
-
-TEST_F(KeyedInterface, WidePathIsUtf16) {
-    BrxHandle wide = 0;
-    std::string widePath = dir.File("caf\xc3\xa9.o"); // "café.o"
-    ASSERT_EQ(_brx_new_file(widePath.c_str(), BRX_FORMAT_COFF, &wide), 0);
-    char16_t buf[256];
-    uint32_t capacity = sizeof buf;
-    ASSERT_EQ(_wcbrx_get_keyed(wide, BRX_KEY_PATH, &capacity, buf, 0), 0);
-    std::u16string got(buf);
-    ASSERT_GE(got.size(), 6u);
-    EXPECT_EQ(got.substr(got.size() - 6), u"caf\u00e9.o");
-    EXPECT_EQ(got.size(), widePath.size() - 1); // two UTF-8 bytes, one UTF-16 unit
-    capacity = uint32_t(2 * got.size());        // no room for the terminator
-    EXPECT_EQ(_wcbrx_get_keyed(wide, BRX_KEY_PATH, &capacity, buf, 0), BRX_ERR_BUFFER_TOO_SMALL);
-    _brx_close_file(wide);
 }
 
 TEST_F(KeyedInterface, ClosedHandlesAreRefusedAndNotHandedOutAgain) {
