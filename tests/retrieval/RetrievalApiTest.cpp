@@ -309,35 +309,22 @@ TEST_F(RetrievalApi, RunLeftOpenAtExitEndsCleanly) {
 }
 
 TEST_F(RetrievalApi, BadObjectsGiveTheirStatus) {
-    struct Case {
+    const struct {
         const char *name;
-        ObjectSpec spec;
+        void (*damage)(ObjectSpec &);
         uint32_t status;
+    } cases[] = {
+        {"LineSectionShorterThan32Bytes", [](ObjectSpec &s) { s.line.resize(31); }, 31},
+        {"NoInfoSection", [](ObjectSpec &s) { s.withInfo = false; }, 26},
+        {"SequenceWithoutRelocation", [](ObjectSpec &s) { s.relocations.pop_back(); }, 14},
+        // The first declaration is not the compilation unit's.
+        {"NotACompilationUnit", [](ObjectSpec &s) { s.abbrev[1] = 0x2e; }, 14},
     };
-    std::vector<Case> cases;
-    {
-        ObjectSpec s = GoodObject();
-        s.line.resize(31);
-        cases.push_back({"LineSectionShorterThan32Bytes", s, 31});
-    }
-    {
-        ObjectSpec s = GoodObject();
-        s.withInfo = false;
-        cases.push_back({"NoInfoSection", s, 26});
-    }
-    {
-        ObjectSpec s = GoodObject();
-        s.relocations.pop_back();
-        cases.push_back({"SequenceWithoutRelocation", s, 14});
-    }
-    {
-        ObjectSpec s = GoodObject();
-        s.abbrev[1] = 0x2e; // the first declaration is not the compilation unit's
-        cases.push_back({"NotACompilationUnit", s, 14});
-    }
-    for (Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        std::string path = WriteObject(dir, std::string(c.name) + ".o", c.spec);
+        ObjectSpec spec = GoodObject();
+        c.damage(spec);
+        std::string path = WriteObject(dir, std::string(c.name) + ".o", spec);
         Dbg_init(1);
         char source[] = "/proj/main.s";
         DbgSourceHandle *handle = nullptr;
