@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <tuple>
 
 namespace brixtest {
 
@@ -147,19 +146,6 @@ std::vector<std::string> SourceFiles(BrxHandle file) {
         find.after = symbol;
     }
     return files;
-}
-
-bool LineRow::operator==(const LineRow &o) const {
-    return std::tie(section, file, address, line, column) ==
-           std::tie(o.section, o.file, o.address, o.line, o.column);
-}
-bool LineRow::operator<(const LineRow &o) const {
-    return std::tie(section, file, address, line, column) <
-           std::tie(o.section, o.file, o.address, o.line, o.column);
-}
-std::ostream &operator<<(std::ostream &os, const LineRow &r) {
-    return os << "{" << r.section << " " << r.file << " +" << r.address << " " << r.line << ":"
-              << r.column << "}";
 }
 
 std::vector<LineRow> LineRows(BrxHandle file, bool sectionsByPosition) {

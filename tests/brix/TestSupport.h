@@ -7,8 +7,8 @@
 #include "support/Support.h"
 
 #include <cstdint>
-#include <ostream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace brixtest {
@@ -46,15 +46,8 @@ uint32_t U32(BrxHandle object, uint32_t key);
 uint64_t U64(BrxHandle object, uint32_t key);
 
 // One row of a file's line information as brix offers it: section (its name, or its position
-// among the file's sections where names repeat), source file, section offset.
-struct LineRow {
-    std::string section, file;
-    uint64_t address;
-    uint32_t line, column;
-    bool operator==(const LineRow &o) const;
-    bool operator<(const LineRow &o) const;
-};
-std::ostream &operator<<(std::ostream &os, const LineRow &row);
+// among the file's sections where names repeat), source file, section offset, line, column.
+using LineRow = std::tuple<std::string, std::string, uint64_t, uint32_t, uint32_t>;
 // Every row, block by block; checks that each block's count matches the items it offers.
 std::vector<LineRow> LineRows(BrxHandle file, bool sectionsByPosition = false);
 
