@@ -292,18 +292,9 @@ TEST(RetrieveLoad, RowsDecodedBeforeAFaultStay) {
 // Offsets spread over the whole 64-bit range, repeated, and decoded out of order: the bucket
 // table must still find the first row at every offset and nothing in between.
 TEST(RetrieveLookup, SparseAndRepeatedOffsets) {
-    const uint64_t kFar = uint64_t(1) << 40;
+    const uint64_t kFar = uint64_t(1) << 40, kHigh = uint64_t(1) << 63, kTop = ~uint64_t(0);
     const std::pair<uint64_t, uint32_t> rows[] = {
-        {~uint64_t(0), 9},
-        {uint64_t(1) << 63, 8},
-        {kFar + 3, 7},
-        {kFar, 5},
-        {kFar, 6},
-        {5, 4},
-        {1, 3},
-        {0, 1},
-        {0, 2},
-    };
+        {kTop, 9}, {kHigh, 8}, {kFar + 3, 7}, {kFar, 5}, {kFar, 6}, {5, 4}, {1, 3}, {0, 1}, {0, 2}};
     LineUnit u;
     u.files = {{"a.s", 0}};
     for (const auto &row : rows) {
@@ -321,32 +312,20 @@ TEST(RetrieveLookup, SparseAndRepeatedOffsets) {
     ASSERT_EQ(engine.LoadDwarf(bytes.View(), placer), DBG_ERR_NONE);
     DbgLineSectionHandle *handle = engine.SectionHandle(kText);
 
-    const struct {
-        uint64_t offset;
-        uint32_t status;
-        uint32_t line;
-    } cases[] = {
-        {0, 0, 1},
-        {1, 0, 3},
-        {5, 0, 4},
-        {kFar, 0, 5},
-        {kFar + 3, 0, 7},
-        {uint64_t(1) << 63, 0, 8},
-        {~uint64_t(0), 0, 9},
-        {2, 29, 0},
-        {kFar - 1, 29, 0},
-        {kFar + 1, 29, 0},
-        {~uint64_t(0) - 1, 29, 0},
-        {(uint64_t(1) << 63) + 1, 29, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.offset);
-        DbgOffsetQuery query{handle, c.offset};
+    // An offset answers the first row there; one between rows answers nothing.
+    const std::pair<uint64_t, uint32_t> hits[] = {{0, 1},        {1, 3},     {5, 4},   {kFar, 5},
+                                                  {kFar + 3, 7}, {kHigh, 8}, {kTop, 9}};
+    for (const auto &[offset, line] : hits) {
+        SCOPED_TRACE(offset);
+        DbgOffsetQuery query{handle, offset};
         DbgInstInfo out{};
-        ASSERT_EQ(engine.InstInfoByOffset(1, &query, &out), c.status);
-        if (c.status == 0) {
-            EXPECT_EQ(out.line, c.line);
-        }
+        ASSERT_EQ(engine.InstInfoByOffset(1, &query, &out), DBG_ERR_NONE);
+        EXPECT_EQ(out.line, line);
+    }
+    for (uint64_t offset : {uint64_t(2), kFar - 1, kFar + 1, kTop - 1, kHigh + 1}) {
+        DbgOffsetQuery query{handle, offset};
+        DbgInstInfo out{};
+        EXPECT_EQ(engine.InstInfoByOffset(1, &query, &out), DBG_ERR_NO_LINE_AT_OFFSET) << offset;
     }
     // The row before the second row at kFar is the first one there.
     DbgOffsetQuery query{handle, kFar + 3};
