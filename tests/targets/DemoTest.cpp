@@ -1,12 +1,10 @@
-// The demo's programs: their descriptions carry the code bytes and line rows that llvm-mc gives
-// their sources, and `make demo` links and debugs them as it says.
+// `make demo` links and debugs the demo's programs as it says. (That their descriptions carry the
+// code bytes and line rows that llvm-mc gives their sources is checked with the linked programs.)
 #include "support/Support.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <regex>
-#include <sstream>
 
 namespace {
 
@@ -14,72 +12,6 @@ using qtest::CommandResult;
 using qtest::RunCommand;
 
 const std::string kExamples = std::string(QUILLET_SOURCE_DIR) + "/examples";
-
-struct DemoProgram {
-    const char *name; // examples/NAME.qd describes examples/src/NAME.s
-    const char *triple;
-};
-
-const DemoProgram kPrograms[] = {
-    {"square-x86-64", "x86_64-linux-gnu"},
-    {"square-aarch64", "aarch64-linux-gnu"},
-};
-
-// "bytes=HEX" of the description's .text and its (offset, line) pairs, in the order written.
-void ReadDescription(const std::string &text, std::string &bytes,
-                     std::vector<std::pair<uint64_t, uint32_t>> &rows) {
-    std::smatch m;
-    std::regex hex(R"(section \.text .*bytes=([0-9a-f]+))");
-    if (std::regex_search(text, m, hex))
-        bytes = m[1].str();
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-        std::istringstream words(line.substr(0, line.find('#')));
-        std::string keyword, source, pair;
-        if (!(words >> keyword >> source) || keyword != "lines")
-            continue;
-        while (words >> pair) {
-            size_t colon = pair.find(':');
-            rows.emplace_back(std::stoull(pair.substr(colon + 1), nullptr, 0),
-                              uint32_t(std::stoul(pair.substr(0, colon))));
-        }
-    }
-}
-
-TEST(DemoPrograms, DescriptionsCarryTheAssemblersBytesAndRows) {
-    for (const DemoProgram &p : kPrograms) {
-        SCOPED_TRACE(p.name);
-        qtest::TempDir dir;
-        const std::string source = kExamples + "/src/" + p.name + ".s";
-        CommandResult assembled =
-            RunCommand("cd '" + dir.Path() + "' && llvm-mc-14 -g -filetype=obj -triple " +
-                       p.triple + " '" + source +
-                       "' -o ref.o && llvm-objcopy-14 -O binary --only-section=.text ref.o "
-                       "code.bin && llvm-dwarfdump-14 --debug-line ref.o");
-        ASSERT_EQ(assembled.exitCode, 0) << assembled.output;
-        std::string code, bytes;
-        for (uint8_t b : qtest::ReadFileBytes(dir.File("code.bin"))) {
-            const char digits[] = "0123456789abcdef";
-            code += digits[b >> 4];
-            code += digits[b & 15];
-        }
-        std::vector<std::pair<uint64_t, uint32_t>> reference, described;
-        std::regex row(R"(^0x([0-9a-f]{16})\s+(\d+)\s.*$)");
-        for (const std::string &line : qtest::SplitLines(assembled.output)) {
-            std::smatch m;
-            if (std::regex_match(line, m, row) && line.find("end_sequence") == std::string::npos)
-                reference.emplace_back(std::stoull(m[1].str(), nullptr, 16),
-                                       uint32_t(std::stoul(m[2].str())));
-        }
-        std::ifstream in(kExamples + "/" + p.name + ".qd");
-        std::stringstream text;
-        text << in.rdbuf();
-        ReadDescription(text.str(), bytes, described);
-        EXPECT_EQ(bytes, code);
-        EXPECT_EQ(described, reference);
-    }
-}
 
 // `make demo` runs: the x86-64 program exits with 25, gdb stops in it, shows the caller and the
 // typed return value; llvm-symbolizer names the AArch64 and the COFF program's procedures; and
