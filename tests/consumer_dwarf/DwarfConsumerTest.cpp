@@ -16,32 +16,10 @@ namespace {
 
 using qtest::ModuleBuilder;
 
-struct Row {
-    std::string file;
-    uint32_t line;
-    uint64_t address;
-    bool operator==(const Row &o) const {
-        return file == o.file && line == o.line && address == o.address;
-    }
-};
-
-std::ostream &operator<<(std::ostream &os, const Row &r) {
-    return os << r.file << ":" << r.line << "@0x" << std::hex << r.address << std::dec;
-}
-
-// A sequence's rows and the address at which it ends.
-struct Sequence {
-    std::vector<Row> rows;
-    uint64_t end;
-    bool operator==(const Sequence &o) const { return rows == o.rows && end == o.end; }
-};
-
-std::ostream &operator<<(std::ostream &os, const Sequence &s) {
-    os << "{";
-    for (const Row &r : s.rows)
-        os << r << " ";
-    return os << "end 0x" << std::hex << s.end << std::dec << "}";
-}
+// A decoded row (file, line, address); a sequence's rows and the address at which it ends. As
+// tuples they compare and print without help.
+using Row = std::tuple<std::string, uint32_t, uint64_t>;
+using Sequence = std::pair<std::vector<Row>, uint64_t>;
 
 // One line entry as described: the file's base name, line and section offset.
 struct Described {
@@ -57,9 +35,9 @@ Sequence Expect(std::vector<Described> entries) {
                      [](const Described &a, const Described &b) { return a.offset < b.offset; });
     Sequence s;
     for (const Described &e : entries)
-        s.rows.push_back({e.file, e.line, e.offset});
-    uint64_t last = s.rows.empty() ? 0 : s.rows.back().address;
-    s.end = (last / 16 + 1) * 16;
+        s.first.emplace_back(e.file, e.line, e.offset);
+    const uint64_t last = s.first.empty() ? 0 : std::get<2>(s.first.back());
+    s.second = (last / 16 + 1) * 16;
     return s;
 }
 
@@ -75,11 +53,11 @@ std::vector<Sequence> ReadelfSequences(const std::string &output) {
             continue;
         uint64_t address = std::stoull(m[3].str(), nullptr, 16);
         if (m[2].str() == "-") {
-            current.end = address;
+            current.second = address;
             sequences.push_back(current);
             current = Sequence();
         } else {
-            current.rows.push_back({m[1].str(), uint32_t(std::stoul(m[2].str())), address});
+            current.first.emplace_back(m[1].str(), uint32_t(std::stoul(m[2].str())), address);
         }
     }
     return sequences;
