@@ -174,15 +174,12 @@ public:
         EXPECT_EQ(m_Builder.Line(source, line, offset, scope), DBG_ERR_NONE);
     }
 
-    std::vector<BrxHandle> SectionsNamed(const std::string &name) const {
-        return m_Builder.SectionsNamed(name);
-    }
-    Bytes Contents(BrxHandle section) const { return m_Builder.SectionBytes(section); }
     // The subsections of the first (main) symbol section.
     std::vector<Subsection> MainSubsections() const {
-        const auto symbols = SectionsNamed(".debug$S");
+        const auto symbols = m_Builder.SectionsNamed(".debug$S");
         EXPECT_FALSE(symbols.empty());
-        return symbols.empty() ? std::vector<Subsection>{} : Subsections(Contents(symbols[0]));
+        return symbols.empty() ? std::vector<Subsection>{}
+                               : Subsections(m_Builder.SectionBytes(symbols[0]));
     }
 
 private:

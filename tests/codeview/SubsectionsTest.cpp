@@ -1,10 +1,8 @@
-// Closing a subsection writes its length once its content is complete; the scope step that
-// gives a COMDAT section its own symbol section refuses an object file that is not COFF.
-#include "codeview/CodeViewEmit.h"
+// Closing a subsection writes its length once its content is complete, or fails with the status
+// of the object file that refused it.
 #include "codeview/CodeViewReading.h"
 #include "codeview/SymbolSections.h"
 #include "frame/BinarySection.h"
-#include "scopes/SectionScope.h"
 
 #include <gtest/gtest.h>
 
@@ -72,20 +70,6 @@ TEST(Subsections, ALengthThatCannotBeWrittenFailsWithTheObjectFileStatus) {
     // The object file goes away under the section: the length patch is refused.
     ASSERT_EQ(_brx_close_file(file), BRX_OK);
     EXPECT_EQ(CloseSubsection(section), uint32_t(DBG_ERR_OBJECT_FILE));
-}
-
-TEST(Subsections, ComdatSectionOutsideCoffIsRefused) {
-    qtest::TempDir dir;
-    qtest::ModuleBuilder builder(dir.File("elf.o"), BRX_FORMAT_ELF64);
-    ASSERT_EQ(builder.OpenModule(), DBG_ERR_NONE);
-    const BrxHandle code = builder.AddSection(".text.inl", true, 16);
-    MakeComdat(code);
-    DbgScope scope = nullptr;
-    ASSERT_EQ(builder.OpenSection(code, &scope), DBG_ERR_NONE);
-    CBinarySection *symbols = nullptr;
-    EXPECT_EQ(SectionBeginCodeView(*reinterpret_cast<CSectionScope *>(scope), symbols, nullptr),
-              uint32_t(DBG_ERR_UNSUPPORTED_FORMAT));
-    EXPECT_EQ(symbols, nullptr);
 }
 
 } // namespace
