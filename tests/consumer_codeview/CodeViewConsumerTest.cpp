@@ -261,21 +261,10 @@ TEST_F(CodeViewConsumer, EveryObjectKindSectionAndFileIsDumpedAsDescribed) {
     EXPECT_EQ(typeNames, (std::vector<std::string>{"ArgList (0x1000)", "Procedure (0x1001)",
                                                    "ArgList (0x1002)", "Procedure (0x1003)",
                                                    "ArgList (0x1004)", "Procedure (0x1005)"}));
-    const struct {
-        const char *type, *field, *value;
-    } typeFields[] = {
-        {"ArgList (0x1000)", "NumArgs", "0"},
-        {"Procedure (0x1001)", "ArgListType", "() (0x1000)"},
-        {"Procedure (0x1001)", "ReturnType", "unsigned long (0x22)"},
-        {"Procedure (0x1001)", "CallingConvention", "Generic (0xD)"},
-        {"Procedure (0x1003)", "ArgListType", "() (0x1002)"},
-        {"Procedure (0x1003)", "ReturnType", "void (0x3)"},
-        {"Procedure (0x1005)", "ArgListType", "() (0x1004)"},
-        {"Procedure (0x1005)", "ReturnType", "double (0x41)"},
-        {"Procedure (0x1005)", "CallingConvention", "NearC (0x0)"},
-    };
-    for (const auto &f : typeFields)
-        EXPECT_EQ(types.Child(f.type).Field(f.field), f.value) << f.type << " " << f.field;
+    // Return and argument types show in the procedures' FunctionType fields below, which the dump
+    // names from these records.
+    EXPECT_EQ(types.Child("Procedure (0x1001)").Field("CallingConvention"), "Generic (0xD)");
+    EXPECT_EQ(types.Child("Procedure (0x1005)").Field("CallingConvention"), "NearC (0x0)");
 
     // Symbol sections: the main one and one for each COMDAT section with records or lines.
     const auto symbolSections = dump.Children("CodeViewDebugInfo");
