@@ -34,16 +34,19 @@ protected:
     }
     unsigned Width() const { return GetParam() == BRX_FORMAT_ELF32 ? 4 : 8; }
 
-    // The entry that the object writes as the first entry of a fresh .debug_info; its
-    // abbreviation is the first declared, code 1.
-    Bytes Entry(DbgObject handle) {
+    // The entry that the object writes as the first entry of a fresh .debug_info, and the
+    // relocations made with it; its abbreviation is the first declared, code 1.
+    Bytes Entry(DbgObject handle,
+                std::vector<qtest::ModuleBuilder::Relocation> *relocations = nullptr) {
         CBinarySection info(m.File(), GetParam(), ".debug_info", 4, 0, 1);
         CBinarySection abbrev(m.File(), GetParam(), ".debug_abbrev", 4, 0, 1);
         CBaseLangObject *object = Object(handle);
         EXPECT_TRUE(object->ComputeDwarfSize().Ok());
         EXPECT_TRUE(object->WriteDwarf(info, abbrev).Ok());
         EXPECT_EQ(info.Size(), object->RecordLength());
-        return m.SectionBytes(".debug_info");
+        if (relocations)
+            *relocations = m.Relocations(info.Section());
+        return m.SectionBytes(info.Section());
     }
 
     qtest::TempDir m_Dir;
@@ -75,11 +78,8 @@ TEST_P(EntryBytes, CodeLabelHasAnAddressOfTheUnitsWidthAndItsBinding) {
     EXPECT_EQ(first, Concat({{1}, Text("label_0010"), Zeros(Width()), {1}}));
     EXPECT_EQ(first.size(), 12u + Width() + 1) << "21 bytes under ELF64";
     // A label outside a procedure keeps its leading dot.
-    CBinarySection info(m.File(), GetParam(), ".debug_info", 4, 0, 1);
-    CBinarySection abbrev(m.File(), GetParam(), ".debug_abbrev", 4, 0, 1);
-    ASSERT_TRUE(Object(l)->ComputeDwarfSize().Ok());
-    ASSERT_TRUE(Object(l)->WriteDwarf(info, abbrev).Ok());
-    auto relocations = m.Relocations(info.Section());
+    std::vector<qtest::ModuleBuilder::Relocation> relocations;
+    EXPECT_EQ(Entry(l, &relocations), Concat({{1}, Text(".local"), Zeros(Width()), {0}}));
     ASSERT_EQ(relocations.size(), 1u);
     EXPECT_EQ(relocations[0].offset, 8u) << "code, name and NUL before the address";
     EXPECT_EQ(relocations[0].target, local);
@@ -109,7 +109,8 @@ TEST_P(EntryBytes, ProcedureEntryAndItsEndSymbol) {
     ASSERT_EQ(m.OpenProcedure({main}, 0x10, 0x30, nullptr, &proc, nullptr, 5), 0u);
     auto *p = static_cast<CProcObject *>(Object(proc));
     p->m_nSibling = 0x99;
-    Bytes entry = Entry(proc);
+    std::vector<qtest::ModuleBuilder::Relocation> relocations;
+    Bytes entry = Entry(proc, &relocations);
     // Sibling, name without its dot, low and high address, external, return-address block.
     EXPECT_EQ(entry, Concat({{1, 0x99, 0, 0, 0, 0, 0, 0, 0},
                              Text("main"),
@@ -118,7 +119,6 @@ TEST_P(EntryBytes, ProcedureEntryAndItsEndSymbol) {
     if (GetParam() == BRX_FORMAT_ELF64) {
         EXPECT_EQ(entry.size(), 34u);
     }
-    auto relocations = m.Relocations(m.FindSection(".debug_info"));
     ASSERT_EQ(relocations.size(), 2u);
     EXPECT_EQ(relocations[0].offset, 14u);
     EXPECT_EQ(relocations[0].target, main);

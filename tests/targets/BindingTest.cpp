@@ -43,7 +43,8 @@ TEST_P(UnsupportedMachine, IsRefusedAtBindingWithACheckReport) {
 INSTANTIATE_TEST_SUITE_P(Machines, UnsupportedMachine, ::testing::ValuesIn(kRefused),
                          [](const auto &info) { return std::string(info.param.name); });
 
-// Numbers that the target's numbering lacks are refused as property values.
+// Numbers that the target's numbering lacks are refused as property values, both as a register
+// symbol's register and as a procedure's return-address register.
 TEST(TargetRegisterLimits, NumbersWithoutARegisterAreRefused) {
     struct Case {
         int32_t format;
