@@ -217,6 +217,7 @@ BRIX_API int32_t _brx_write_file(BrxHandle file) {
         if (out.Finish())
             return kOk;
         error = out.Error();
+        out.Abandon();
         return BRX_ERR_CANNOT_WRITE;
     });
     if (result == BRX_ERR_CANNOT_WRITE)

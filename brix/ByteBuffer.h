@@ -8,6 +8,8 @@
 // A sink made without a path keeps everything in memory (Data()).
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -110,15 +112,18 @@ public:
     }
     // The system's reason (errno) for the first write that failed; 0 when none did.
     int Error() const { return m_nError; }
-    // Streaming sinks: gives up; a file already begun is removed.
+    // Streaming sinks: gives up, before or after Finish; a regular file already begun is
+    // removed, so that no build takes a truncated object for a finished one. A device or a pipe
+    // the path names is left alone.
     void Abandon() {
         if (!m_bStreams)
             return;
-        if (m_pFile) {
+        if (m_pFile)
             std::fclose(m_pFile);
-            m_pFile = nullptr;
+        m_pFile = nullptr;
+        if (m_bRemovable)
             std::remove(m_Path.c_str());
-        }
+        m_bRemovable = false;
         m_Out.clear();
         m_bFailed = true;
     }
@@ -151,8 +156,12 @@ private:
     }
     void Open() {
         m_pFile = std::fopen(m_Path.c_str(), "wb");
-        if (!m_pFile)
+        if (!m_pFile) {
             Fail();
+            return;
+        }
+        struct stat info;
+        m_bRemovable = fstat(fileno(m_pFile), &info) == 0 && S_ISREG(info.st_mode);
     }
     void Fail() {
         if (!m_bFailed)
@@ -178,7 +187,8 @@ private:
     bool m_bFailed = false;
     int m_nError = 0;
     std::FILE *m_pFile = nullptr;
-    uint64_t m_nFlushed = 0; // bytes that left the buffer
+    bool m_bRemovable = false; // the file this sink opened is a regular file
+    uint64_t m_nFlushed = 0;   // bytes that left the buffer
     std::vector<CPatch> m_Patches;
 };
 

@@ -217,7 +217,8 @@ BRIX_API int32_t _brx_open_file(const char *path, uint32_t *mode, BrxHandle *out
                                 uint32_t reserved);
 /* An empty object of format 1, 2 or 3 with its symbol table, to be written to path. */
 BRIX_API int32_t _brx_new_file(const char *path, int32_t format, BrxHandle *out_file);
-/* Serialises a file made by _brx_new_file to its path (BRX_ERR_CANNOT_WRITE keeps errno). */
+/* Serialises a file made by _brx_new_file to its path (BRX_ERR_CANNOT_WRITE keeps errno). A
+ * regular file that cannot be written to its end is removed. */
 BRIX_API int32_t _brx_write_file(BrxHandle file);
 /* Releases the file and every handle of it. */
 BRIX_API int32_t _brx_close_file(BrxHandle file);

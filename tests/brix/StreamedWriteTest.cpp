@@ -8,10 +8,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <ctime>
 #include <functional>
 #include <map>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace brixtest;
 
@@ -117,6 +123,52 @@ TEST(StreamedWrite, AbandonedUnwritableAndRefusedFilesLeaveNothing) {
     EXPECT_NE(_brx_write_file(file), 0);
     EXPECT_FALSE(Exists(path));
     _brx_close_file(file);
+}
+
+// A write the system stops half-way (here a file size limit, as a full disk would) says why and
+// removes the partial file; a pipe the path names is written into but never removed.
+TEST(StreamedWrite, WritesStoppedHalfWayRemoveTheirFileButNoPipe) {
+    TempDir dir;
+    auto write = [](const std::string &path) {
+        BrxHandle file = 0;
+        EXPECT_EQ(_brx_new_file(path.c_str(), BRX_FORMAT_ELF64, &file), 0);
+        AppendBytes(AddSection(file, ".text", BRX_SECTION_CODE, 16),
+                    std::vector<uint8_t>(5 * kChunk, 0x90));
+        errno = 0;
+        int32_t result = _brx_write_file(file);
+        int error = errno;
+        _brx_close_file(file);
+        return std::make_pair(result, error);
+    };
+
+    std::string path = dir.File("limited.o");
+    struct rlimit saved;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
+    struct rlimit limited = saved;
+    limited.rlim_cur = 2 * kChunk;
+    void (*oldHandler)(int) = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    std::pair<int32_t, int> limitedWrite = write(path);
+    setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, oldHandler);
+    EXPECT_EQ(limitedWrite, std::make_pair(int32_t(BRX_ERR_CANNOT_WRITE), EFBIG));
+    EXPECT_FALSE(Exists(path));
+
+    // The reader takes one byte and goes away: the writes after it fail.
+    std::string pipe = dir.File("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    std::thread reader([&pipe] {
+        int fd = open(pipe.c_str(), O_RDONLY);
+        char byte;
+        if (fd >= 0 && read(fd, &byte, 1) >= 0)
+            close(fd);
+    });
+    oldHandler = std::signal(SIGPIPE, SIG_IGN);
+    std::pair<int32_t, int> pipeWrite = write(pipe);
+    std::signal(SIGPIPE, oldHandler);
+    reader.join();
+    EXPECT_EQ(pipeWrite, std::make_pair(int32_t(BRX_ERR_CANNOT_WRITE), EPIPE));
+    EXPECT_TRUE(Exists(pipe));
 }
 
 // Processor time, not wall time, so that a loaded machine does not make a test fail.
