@@ -3,7 +3,7 @@
 // consumer's checks without a word, the machine's linker links it without a warning,
 // llvm-symbolizer finds every line row in the linked program with its procedure, and gdb stops at
 // a source line where the machine can run here. The demo's descriptions of the same programs must
-// carry the same code bytes and rows.
+// carry the same code bytes and rows, and `make demo` must link and debug them as it says.
 //
 // The code bytes and the oracle come from llvm-mc: it assembles the same source with -g, and
 // every address it gives a line must come back with that line from Quillet's description.
@@ -91,6 +91,8 @@ struct TargetCase {
     // which they take off.
     const char *startShown = "_start";
 };
+
+const std::string kExamples = std::string(QUILLET_SOURCE_DIR) + "/examples";
 
 const char kLldLink[] = "lld-link /debug /subsystem:console /nodefaultlib /out:prog.exe prog.o ";
 
@@ -219,10 +221,8 @@ TEST_P(LinkedProgram, ToolsOfTheMachineReadItsDebuggingInformation) {
     TempDir dir;
     const std::string in = "cd '" + dir.Path() + "' && ";
     if (p.demo) {
-        ASSERT_EQ(
-            RunCommand(in + "cp '" + QUILLET_SOURCE_DIR + "/examples/src/" + p.source + "' prog.s")
-                .exitCode,
-            0);
+        ASSERT_EQ(RunCommand(in + "cp '" + kExamples + "/src/" + p.source + "' prog.s").exitCode,
+                  0);
     } else {
         ASSERT_TRUE(qtest::WriteTextFile(dir.File("prog.s"), p.source));
     }
@@ -247,8 +247,7 @@ TEST_P(LinkedProgram, ToolsOfTheMachineReadItsDebuggingInformation) {
             code16 += {"0123456789abcdef"[b >> 4], "0123456789abcdef"[b & 15]};
         std::vector<Row> described;
         const std::string name(p.source, std::strlen(p.source) - 2); // without ".s"
-        ReadDescription(std::string(QUILLET_SOURCE_DIR) + "/examples/" + name + ".qd", described16,
-                        described);
+        ReadDescription(kExamples + "/" + name + ".qd", described16, described);
         EXPECT_EQ(described16, code16) << "the demo's code bytes";
         EXPECT_EQ(described, rows) << "the demo's line rows";
     }
@@ -366,6 +365,33 @@ TEST_P(LinkedProgram, ToolsOfTheMachineReadItsDebuggingInformation) {
 
 INSTANTIATE_TEST_SUITE_P(Targets, LinkedProgram, ::testing::ValuesIn(kTargets),
                          [](const auto &info) { return std::string(info.param.name); });
+
+// ---- The demo -----------------------------------------------------------------------------------
+
+// `make demo` runs: the x86-64 program exits with 25, gdb stops in it, shows the caller and the
+// typed return value; llvm-symbolizer names the AArch64 and the COFF program's procedures; and
+// no path of this machine is shown.
+TEST(DemoPrograms, MakeDemoLinksDebugsAndSymbolizes) {
+    CommandResult demo = RunCommand("'" + kExamples + "/demo.sh' '" + QUILLET_BINARY_DIR + "'");
+    ASSERT_EQ(demo.exitCode, 0) << demo.output;
+    const std::string &out = demo.output;
+    for (const char *shown : {
+             R"(exit status 25\n)",
+             R"(Breakpoint 1, square \(\) at src/square-x86-64\.s:16\n)",
+             R"(#1 .* in _start \(\) at src/square-x86-64\.s:6\n)",
+             R"(Value returned is \$1 = 25\n)",
+             R"(type = data8\n)",
+             R"(\nsquare\n<project>/examples/src/square-aarch64\.s:13:0\n)",
+             R"(\nsquare\n<project>/examples/src/square-x86-64\.s:16:0\n)",
+             R"(\nhelper\n<project>/examples/src/tour\.s:11\nhelper\n)",
+             R"(\nhelper\n<project>/examples/src/tour\.inc:2\n)",
+         })
+        EXPECT_TRUE(std::regex_search(out, std::regex(shown))) << shown;
+    EXPECT_EQ(out.find(QUILLET_SOURCE_DIR), std::string::npos);
+    EXPECT_TRUE(
+        qtest::ConsumerComplaints(std::regex_replace(out, std::regex("No errors\\."), "")).empty())
+        << out;
+}
 
 // ---- An x86-64 COFF program of COMDAT functions ------------------------------------------------
 
