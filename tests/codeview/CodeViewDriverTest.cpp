@@ -1,8 +1,11 @@
 // The CodeView driver end to end on an in-memory COFF object: the zero fill that ends a symbol
-// section, names cut to fit their records, and the entries that are left out or end an emission.
+// section, names cut to fit their records, the entries that are left out or end an emission, and
+// a subsection length that cannot be written.
 // The layout of procedures, lines, files and COMDAT sections is read back by llvm-readobj in the
 // consumer tests.
 #include "codeview/CodeViewReading.h"
+#include "codeview/SymbolSections.h"
+#include "frame/BinarySection.h"
 
 #include <gtest/gtest.h>
 
@@ -125,6 +128,21 @@ TEST_F(CodeViewDriver, EntriesOfTheModuleOrWithoutASourceFileAreLeftOut) {
     ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2}));
     EXPECT_EQ(subsections[2].content.size(), 24u) << "one file checksum";
     EXPECT_EQ(subsections[3].content, Concat({LineHeader(0, 8), Block(0, {{0, 1}})}));
+}
+
+// The length of a subsection is patched once its content is complete; an object file that refuses
+// the patch fails the emission with its status.
+TEST(CodeViewSubsections, ALengthThatCannotBeWrittenFailsWithTheObjectFileStatus) {
+    qtest::TempDir dir;
+    BrxHandle file = 0;
+    ASSERT_EQ(_brx_new_file(dir.File("gone.obj").c_str(), BRX_FORMAT_COFF, &file), BRX_OK);
+    CBinarySection section(file, BRX_FORMAT_COFF, ".debug$S", 4, 4, 1,
+                           CBinarySection::AssociatedWith{0});
+    const Bytes record(8, 1);
+    ASSERT_TRUE(section.Append(record.data(), uint32_t(record.size())).Ok());
+    // The object file goes away under the section: the length patch is refused.
+    ASSERT_EQ(_brx_close_file(file), BRX_OK);
+    EXPECT_EQ(CloseSubsection(section), uint32_t(DBG_ERR_OBJECT_FILE));
 }
 
 } // namespace
