@@ -21,6 +21,7 @@
 #include <map>
 #include <regex>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -118,19 +119,8 @@ void PrintTo(const TargetCase &c, std::ostream *out) {
     *out << c.name;
 }
 
-struct Row {
-    uint64_t address;
-    uint32_t line;
-    bool end; // the end of a sequence
-    bool operator==(const Row &o) const {
-        return address == o.address && line == o.line && end == o.end;
-    }
-};
-
-std::ostream &operator<<(std::ostream &out, const Row &r) {
-    return out << "0x" << std::hex << r.address << std::dec << (r.end ? " end" : " line ")
-               << (r.end ? 0 : r.line);
-}
+// A line row: its address, its line, and whether it ends a sequence.
+using Row = std::tuple<uint64_t, uint32_t, bool>;
 
 // The rows of `llvm-dwarfdump --debug-line`.
 std::vector<Row> DecodedRows(const std::string &object) {
@@ -238,8 +228,8 @@ TEST_P(LinkedProgram, ToolsOfTheMachineReadItsDebuggingInformation) {
     const uint64_t square = SymbolValue(dir.File("ref.o"), "square");
     ASSERT_FALSE(code.empty());
     ASSERT_GE(reference.size(), 4u);
-    ASSERT_TRUE(reference.back().end);
-    ASSERT_EQ(reference.back().address, code.size());
+    ASSERT_TRUE(std::get<2>(reference.back()));
+    ASSERT_EQ(std::get<0>(reference.back()), code.size());
     const std::vector<Row> rows(reference.begin(), reference.end() - 1);
     if (p.demo) {
         std::string code16, described16;
@@ -285,9 +275,9 @@ TEST_P(LinkedProgram, ToolsOfTheMachineReadItsDebuggingInformation) {
                                           p.returnAddressRegister),
                           DBG_ERR_NONE);
             }
-            for (const Row &r : reference) {
-                if (!r.end && (r.address >= square) == inSquare) {
-                    ASSERT_EQ(m.Line(source, r.line, r.address), DBG_ERR_NONE);
+            for (const auto &[address, line, end] : reference) {
+                if (!end && (address >= square) == inSquare) {
+                    ASSERT_EQ(m.Line(source, line, address), DBG_ERR_NONE);
                 }
             }
             ASSERT_EQ(m.Close(), DBG_ERR_NONE);
@@ -340,10 +330,10 @@ TEST_P(LinkedProgram, ToolsOfTheMachineReadItsDebuggingInformation) {
     const uint64_t base = coff ? PeTextAddress(program) : SymbolValue(program, "_start");
     std::vector<uint64_t> addresses;
     std::vector<std::string> expected;
-    for (const Row &r : rows) {
-        addresses.push_back(base + r.address);
-        expected.push_back(std::string(r.address < square ? c.startShown : "square") +
-                           " prog.s:" + std::to_string(r.line));
+    for (const auto &[address, line, end] : rows) {
+        addresses.push_back(base + address);
+        expected.push_back(std::string(address < square ? c.startShown : "square") +
+                           " prog.s:" + std::to_string(line));
     }
     EXPECT_EQ(Symbolize(program, addresses), expected);
 
@@ -353,9 +343,9 @@ TEST_P(LinkedProgram, ToolsOfTheMachineReadItsDebuggingInformation) {
     // stops as asked rather than after the prologue. (The demo's test shows the caller, the
     // returned value and a data label's type on the x86-64 program.)
     auto inSquare = std::find_if(reference.begin(), reference.end(),
-                                 [&](const Row &r) { return r.address >= square; });
+                                 [&](const Row &r) { return std::get<0>(r) >= square; });
     ASSERT_LT(inSquare + 2, reference.end());
-    const std::string line = std::to_string((inSquare + 2)->line);
+    const std::string line = std::to_string(std::get<1>(inSquare[2]));
     CommandResult gdb =
         RunCommand(in + "gdb -nx -batch -ex 'break prog.s:" + line + "' -ex run ./prog 2>&1");
     EXPECT_TRUE(std::regex_search(
