@@ -11,37 +11,32 @@ using qtest::CheckCounter;
 using qtest::ModuleBuilder;
 using qtest::TempDir;
 
-struct Refused {
-    const char *name;
-    int32_t format;
-    uint32_t machine;
-};
-
 // Machines outside the table, and machines in a format their target does not use.
-const Refused kRefused[] = {
-    {"elf64_sparc", BRX_FORMAT_ELF64, 43},
-    {"elf32_i386_as_elf64", BRX_FORMAT_ELF64, BRX_MACHINE_ELF_I386},
-    {"elf32_x86_64", BRX_FORMAT_ELF32, BRX_MACHINE_ELF_X86_64},
-    {"coff_riscv", BRX_FORMAT_COFF, BRX_MACHINE_ELF_RISCV},
-    {"coff_elf_number", BRX_FORMAT_COFF, BRX_MACHINE_ELF_X86_64},
-};
-
-class UnsupportedMachine : public ::testing::TestWithParam<Refused> {};
-
-TEST_P(UnsupportedMachine, IsRefusedAtBindingWithACheckReport) {
-    TempDir dir;
-    ModuleBuilder m(dir.File("x.o"), GetParam().format);
-    ASSERT_TRUE(m.SetMachine(GetParam().machine));
-    CheckCounter checks;
-    EXPECT_EQ(m.OpenModule(), DBG_ERR_UNSUPPORTED_FORMAT);
-    EXPECT_EQ(checks.Count(), 1);
-    // Nothing was bound: there is no module to describe and nothing to emit.
-    EXPECT_EQ(m.OpenSection(m.AddSection(".text", true, 4)), DBG_ERR_SCOPE_NOT_OPENED);
-    EXPECT_EQ(m.Emit(), DBG_ERR_NO_OBJECT_FORMAT);
+TEST(UnsupportedMachine, IsRefusedAtBindingWithACheckReport) {
+    const struct {
+        const char *name;
+        int32_t format;
+        uint32_t machine;
+    } cases[] = {
+        {"elf64_sparc", BRX_FORMAT_ELF64, 43},
+        {"elf32_i386_as_elf64", BRX_FORMAT_ELF64, BRX_MACHINE_ELF_I386},
+        {"elf32_x86_64", BRX_FORMAT_ELF32, BRX_MACHINE_ELF_X86_64},
+        {"coff_riscv", BRX_FORMAT_COFF, BRX_MACHINE_ELF_RISCV},
+        {"coff_elf_number", BRX_FORMAT_COFF, BRX_MACHINE_ELF_X86_64},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        TempDir dir;
+        ModuleBuilder m(dir.File("x.o"), c.format);
+        ASSERT_TRUE(m.SetMachine(c.machine));
+        CheckCounter checks;
+        EXPECT_EQ(m.OpenModule(), DBG_ERR_UNSUPPORTED_FORMAT);
+        EXPECT_EQ(checks.Count(), 1);
+        // Nothing was bound: there is no module to describe and nothing to emit.
+        EXPECT_EQ(m.OpenSection(m.AddSection(".text", true, 4)), DBG_ERR_SCOPE_NOT_OPENED);
+        EXPECT_EQ(m.Emit(), DBG_ERR_NO_OBJECT_FORMAT);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Machines, UnsupportedMachine, ::testing::ValuesIn(kRefused),
-                         [](const auto &info) { return std::string(info.param.name); });
 
 // Numbers that the target's numbering lacks are refused as property values, both as a register
 // symbol's register and as a procedure's return-address register.
