@@ -110,7 +110,7 @@ TEST_F(CodeViewDriver, SourceFilesThatCannotBeReadFailTheEmission) {
 }
 
 // An entry held by the module (its file does not exist: reading it would fail the emission) and
-// an entry without a source file are left out; only the section's other entry is written.
+// entries without a source file are left out; only the section's other entry is written.
 TEST_F(CodeViewDriver, EntriesOfTheModuleOrWithoutASourceFileAreLeftOut) {
     const std::string a = m_Dir.File("a.asm");
     ASSERT_TRUE(qtest::WriteTextFile(a, "a"));
@@ -118,11 +118,14 @@ TEST_F(CodeViewDriver, EntriesOfTheModuleOrWithoutASourceFileAreLeftOut) {
     DbgScope module = m.OpenModule();
     m.Line(module, m.Source(m_Dir.File("missing.asm")), 4, 0);
     DbgScope section = m.OpenSection(m.Section(".text", 8));
+    // Entries without a source file before and after the written one: the first of a scope has
+    // no file before it either.
+    DbgLineDesc first{nullptr, 2, 0, 4, 0, 0}, after{nullptr, 3, 0, 6, 0, 0};
+    EXPECT_EQ(Dbg_create_line(section, &first), DBG_ERR_NONE);
     m.Line(section, m.Source(a), 1, 0);
-    DbgLineDesc desc{nullptr, 2, 0, 4, 0, 0};
-    EXPECT_EQ(Dbg_create_line(section, &desc), DBG_ERR_NONE);
-    m_nExpectedChecks = 1; // recording it is reported; writing must report nothing more
-    EXPECT_EQ(m_Checks.Count(), 1);
+    EXPECT_EQ(Dbg_create_line(section, &after), DBG_ERR_NONE);
+    m_nExpectedChecks = 2; // recording them is reported; writing must report nothing more
+    EXPECT_EQ(m_Checks.Count(), 2);
     ASSERT_EQ(Dbg_emit(), DBG_ERR_NONE);
     const auto subsections = m.MainSubsections();
     ASSERT_EQ(Kinds(subsections), (std::vector<uint32_t>{F1, F3, F4, F2}));
