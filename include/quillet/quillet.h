@@ -270,9 +270,10 @@ QUILLET_API DbgStatus DbgLine_find_row(DbgLineSectionHandle *handle, uint64_t of
  * capacity; out: length + 1, also when 38 says the buffer is too small) and its range
  * [*start, *end) as section offsets (start and end may be NULL). The name is the linkage name
  * where the subprogram or the declaration it completes has one (as the symbol table names the
- * function), else its plain name. Subprograms whose code is given only as a list of ranges are
- * not found. 29 when no subprogram holds the offset (and for COFF objects, whose functions the
- * symbol table names); 26 as above (or a null size). */
+ * function), else its plain name. A subprogram whose code is a list of ranges (a function split
+ * into a hot and a cold part) answers for each range, [*start, *end) being that range. 29 when no
+ * subprogram holds the offset (and for COFF objects, whose functions the symbol table names); 26
+ * as above (or a null size). */
 QUILLET_API DbgStatus DbgLine_find_function(DbgLineSectionHandle *handle, uint64_t offset,
                                             char *buffer, uint32_t *size, uint64_t *start,
                                             uint64_t *end);

@@ -66,6 +66,7 @@ constexpr uint16_t DW_AT_ranges = 0x55;
 constexpr uint16_t DW_AT_linkage_name = 0x6e;
 constexpr uint16_t DW_AT_str_offsets_base = 0x72;
 constexpr uint16_t DW_AT_addr_base = 0x73;
+constexpr uint16_t DW_AT_rnglists_base = 0x74;
 constexpr uint16_t DW_AT_MIPS_linkage_name = 0x2007;
 
 constexpr uint16_t DW_FORM_block2 = 0x03;
@@ -107,6 +108,16 @@ constexpr uint16_t DW_FORM_GNU_addr_index = 0x1f01;
 constexpr uint16_t DW_FORM_GNU_str_index = 0x1f02;
 constexpr uint16_t DW_FORM_GNU_ref_alt = 0x1f20;
 constexpr uint16_t DW_FORM_GNU_strp_alt = 0x1f21;
+
+// The entry kinds of a .debug_rnglists list.
+constexpr uint8_t DW_RLE_end_of_list = 0x00;
+constexpr uint8_t DW_RLE_base_addressx = 0x01;
+constexpr uint8_t DW_RLE_startx_endx = 0x02;
+constexpr uint8_t DW_RLE_startx_length = 0x03;
+constexpr uint8_t DW_RLE_offset_pair = 0x04;
+constexpr uint8_t DW_RLE_base_address = 0x05;
+constexpr uint8_t DW_RLE_start_end = 0x06;
+constexpr uint8_t DW_RLE_start_length = 0x07;
 
 // Unit types of version 5 headers.
 constexpr uint8_t DW_UT_compile = 1;

@@ -48,9 +48,10 @@ struct CDwarfSection {
     bool String(uint64_t offset, std::string_view &out) const;
 };
 
-// The sections the retrieval reads of an ELF object (any of them may be empty).
+// The sections the retrieval reads of an ELF object (any of them may be empty). The range lists
+// are read only for the function index.
 struct CDwarfSections {
-    CDwarfSection info, abbrev, line, str, lineStr, strOffsets, addr;
+    CDwarfSection info, abbrev, line, str, lineStr, strOffsets, addr, ranges, rnglists;
 };
 
 // A bounded reader over [begin, end) of a section. A read that would pass the end fails the

@@ -102,6 +102,9 @@ CError CInfoSection::ReadUnitEntry(const CUnitHeader &header, CUnitEntry &entry)
         case DW_AT_addr_base:
             entry.m_nAddrBase = value.m_nValue;
             break;
+        case DW_AT_rnglists_base:
+            entry.m_nRnglistsBase = value.m_nValue;
+            break;
         default:
             break;
         }

@@ -33,6 +33,7 @@ struct CUnitEntry {
     BrxHandle m_LowSection = 0; // the section a relocated low address is an offset in
     uint64_t m_nStrOffsetsBase = 0;
     uint64_t m_nAddrBase = 0;
+    uint64_t m_nRnglistsBase = 0; // 0 when absent: a table's offsets never start at 0
 };
 
 class CInfoSection {

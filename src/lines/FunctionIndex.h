@@ -18,8 +18,8 @@
 
 namespace quillet {
 
-// One function: its range [m_nStart, m_nEnd) as offsets in its section, and its name in the
-// index's name pool.
+// One range of a function's code: [m_nStart, m_nEnd) as offsets in its section, and the
+// function's name in the index's name pool.
 struct CFunction {
     uint64_t m_nStart;
     uint64_t m_nEnd;
@@ -30,12 +30,15 @@ struct CFunction {
 
 class CFunctionIndex {
 public:
-    // Reads the subprograms of every compilation unit that carry a code range (DW_AT_low_pc with
-    // DW_AT_high_pc as an address or as a length), named by the linkage name where the entry or
-    // the declaration it completes (DW_AT_specification, DW_AT_abstract_origin) has one, else by
-    // DW_AT_name; `placer` says in which section each range lies. Ranges given only through
-    // DW_AT_ranges are not read. A unit that cannot be read ends the walk: what was found before
-    // it is kept, and the result says the input was malformed.
+    // Reads the subprograms of every compilation unit that carry code: DW_AT_low_pc with
+    // DW_AT_high_pc as an address or as a length, or DW_AT_ranges (a list in .debug_ranges or
+    // .debug_rnglists, such as a function split into a hot and a cold part has), each range of
+    // which becomes a function of its own under the subprogram's name. The name is the linkage
+    // name where the entry or the declaration it completes (DW_AT_specification,
+    // DW_AT_abstract_origin) has one, else DW_AT_name; `placer` says in which section each range
+    // lies. A unit that cannot be read ends the walk, a range list that cannot be read loses its
+    // ranges past the damage: what was found before is kept, and the result says the input was
+    // malformed.
     CError Build(const CDwarfSections &sections, CSequencePlacer &placer);
 
     // The innermost function whose range holds `offset` in `section`, or null.

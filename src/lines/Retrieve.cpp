@@ -234,25 +234,30 @@ uint32_t CBaseRetrieve::LoadByFormat() {
 }
 
 uint32_t CBaseRetrieve::ReadDwarfSections(bool withLines, CReadSections &out) const {
-    // The sections the reader needs, and no others: the line programs, the units that lead to
-    // them, and the strings and addresses their entries point at.
+    // The sections the reader needs, and no others: the line programs (for the rows) or the range
+    // lists (for the functions), the units that lead to them, and the strings and addresses their
+    // entries point at.
+    enum Use { kBoth, kLines, kFunctions };
     struct Wanted {
         const char *name;
         bool required;
         bool relocated; // holds offsets or addresses that relocations patch
+        Use use;
         CDwarfSection CDwarfSections::*member;
     };
     static const Wanted wanted[CReadSections::kCount] = {
-        {".debug_abbrev", true, false, &CDwarfSections::abbrev},
-        {".debug_info", true, true, &CDwarfSections::info},
-        {".debug_line", true, true, &CDwarfSections::line},
-        {".debug_str", false, false, &CDwarfSections::str},
-        {".debug_line_str", false, false, &CDwarfSections::lineStr},
-        {".debug_str_offsets", false, true, &CDwarfSections::strOffsets},
-        {".debug_addr", false, true, &CDwarfSections::addr},
+        {".debug_abbrev", true, false, kBoth, &CDwarfSections::abbrev},
+        {".debug_info", true, true, kBoth, &CDwarfSections::info},
+        {".debug_line", true, true, kLines, &CDwarfSections::line},
+        {".debug_str", false, false, kBoth, &CDwarfSections::str},
+        {".debug_line_str", false, false, kBoth, &CDwarfSections::lineStr},
+        {".debug_str_offsets", false, true, kBoth, &CDwarfSections::strOffsets},
+        {".debug_addr", false, true, kBoth, &CDwarfSections::addr},
+        {".debug_ranges", false, true, kFunctions, &CDwarfSections::ranges},
+        {".debug_rnglists", false, true, kFunctions, &CDwarfSections::rnglists},
     };
     for (size_t i = 0; i < CReadSections::kCount; ++i) {
-        if (!withLines && wanted[i].member == &CDwarfSections::line)
+        if (wanted[i].use == (withLines ? kFunctions : kLines))
             continue;
         BrxHandle section = 0;
         if (!ReadSection(m_hObject, wanted[i].name, out.m_Bytes[i], &section)) {

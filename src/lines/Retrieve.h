@@ -74,7 +74,7 @@ struct CSourceIndexRecord {
 // The debugging sections of an ELF object read into memory (decompressed), with what the
 // relocations of a relocatable object put into their fields; m_View points into them.
 struct CReadSections {
-    static constexpr size_t kCount = 7;
+    static constexpr size_t kCount = 9;
     CReadSections() = default;
     CReadSections(const CReadSections &) = delete;
     CReadSections &operator=(const CReadSections &) = delete;
@@ -145,8 +145,9 @@ public:
 
 private:
     uint32_t BindObject(BrxHandle section);
-    // Reads the DWARF sections of the bound ELF object (.debug_line only when `withLines`); 0 or
-    // 26 when a section that must be there is not.
+    // Reads the DWARF sections of the bound ELF object: .debug_line when `withLines` (the open),
+    // else the range lists (the function index); 0 or 26 when a section that must be there is
+    // not.
     uint32_t ReadDwarfSections(bool withLines, quillet::CReadSections &out) const;
     uint32_t LoadElfLines();
     void IndexObjectFunctions();

@@ -308,14 +308,15 @@ struct InfoUnit {
 // The bytes of the sections a test decodes, and the readers' view of them (which points into
 // these bytes, so the object must outlive the view's use).
 struct SectionBytes {
-    Bytes info, abbrev, line, str, lineStr, strOffsets, addr;
+    Bytes info, abbrev, line, str, lineStr, strOffsets, addr, ranges, rnglists;
 
     quillet::CDwarfSections View() const {
         auto view = [](const Bytes &b) {
             return quillet::CDwarfSection{b.data(), b.size(), nullptr};
         };
-        return quillet::CDwarfSections{view(info),    view(abbrev),     view(line), view(str),
-                                       view(lineStr), view(strOffsets), view(addr)};
+        return quillet::CDwarfSections{view(info), view(abbrev),  view(line),
+                                       view(str),  view(lineStr), view(strOffsets),
+                                       view(addr), view(ranges),  view(rnglists)};
     }
 };
 
