@@ -89,8 +89,16 @@ damage v5-address-size 6 '\x00'
 damage v5-segment-size 7 '\x04'
 damage v5-version 4 '\x06'
 damage v5-directory-form 32 '\x7f'
+# A function split into a hot part in .text and a cold one in .text.unlikely, which gcc describes
+# by a range list: .debug_ranges at version 4, .debug_rnglists at version 5.
+printf '__attribute__((cold, noinline)) void report(int v) { __asm__ volatile("" :: "r"(v)); }\n'\
+'int total(const int *v, int n) {\n  int s = 0;\n  for (int i = 0; i < n; ++i) {\n'\
+'    if (v[i] < 0) { report(v[i]); s -= v[i] * 7; continue; }\n    s += v[i] * v[i];\n  }\n'\
+'  return s;\n}\n' > "$WORK/split.c"
+gcc -g -O2 -gdwarf-4 -c "$WORK/split.c" -o "$WORK/split4.o"
+gcc -g -O2 -gdwarf-5 -c "$WORK/split.c" -o "$WORK/split5.o"
 for object in elf64.o elf32.o coff.obj v5.o zlib.o zstd.o v5-address-size.o v5-segment-size.o \
-              v5-version.o v5-directory-form.o; do
+              v5-version.o v5-directory-form.o split4.o split5.o; do
     { printf '\x00'; cat "$WORK/$object"; } > "$SEEDS/object-$object"
 done
 llvm-objcopy-14 --dump-section .debug_line="$WORK/line.bin" "$WORK/elf64.o"
