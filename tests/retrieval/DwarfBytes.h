@@ -13,6 +13,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <utility>
 #include <vector>
 
 // Rows of the row functions compare field by field and print readably in test messages.
@@ -309,6 +310,15 @@ struct InfoUnit {
 // these bytes, so the object must outlive the view's use).
 struct SectionBytes {
     Bytes info, abbrev, line, str, lineStr, strOffsets, addr, ranges, rnglists;
+
+    // The sections of one unit of .debug_info, with `line` as .debug_line.
+    static SectionBytes Of(const InfoUnit &unit, Bytes line = {}) {
+        SectionBytes bytes;
+        bytes.info = unit.Info();
+        bytes.abbrev = unit.Abbrev();
+        bytes.line = std::move(line);
+        return bytes;
+    }
 
     quillet::CDwarfSections View() const {
         auto view = [](const Bytes &b) {

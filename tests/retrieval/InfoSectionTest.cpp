@@ -197,9 +197,7 @@ TEST(InfoSection, RefusedUnits) {
         SCOPED_TRACE(c.name);
         InfoUnit unit = InfoUnit::Standard("m.s", "/w", 0);
         c.change(unit);
-        SectionBytes bytes;
-        bytes.abbrev = unit.Abbrev();
-        bytes.info = unit.Info();
+        SectionBytes bytes = SectionBytes::Of(unit);
         if (c.damage)
             c.damage(bytes);
         std::vector<Parsed> units = ParseAll(bytes);

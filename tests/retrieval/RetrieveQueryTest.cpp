@@ -38,10 +38,7 @@ protected:
         // 0xc
         placer.places[start + u.NextOperand()] = {kText, 0};
         u.SetAddress(0).Special(0, 1).Op(6).Special(8, 3).AdvancePc(4).EndSequence();
-        InfoUnit cu = InfoUnit::Standard("a.s", "/src", 0);
-        bytes.info = cu.Info();
-        bytes.abbrev = cu.Abbrev();
-        bytes.line = u.Encode();
+        bytes = SectionBytes::Of(InfoUnit::Standard("a.s", "/src", 0), u.Encode());
         ASSERT_EQ(engine.LoadDwarf(bytes.View(), placer), DBG_ERR_NONE);
     }
 
@@ -274,14 +271,10 @@ TEST(RetrieveLoad, EveryUnitLeadsToItsOwnProgram) {
 }
 
 TEST(RetrieveLoad, RowsDecodedBeforeAFaultStay) {
-    InfoUnit cu = InfoUnit::Standard("a.s", "/", 0);
     LineUnit u;
     u.files = {{"a.s", 0}};
     u.SetAddress(0).Copy().Op(0); // an extended opcode without its length
-    SectionBytes bytes;
-    bytes.info = cu.Info();
-    bytes.abbrev = cu.Abbrev();
-    bytes.line = u.Encode();
+    SectionBytes bytes = SectionBytes::Of(InfoUnit::Standard("a.s", "/", 0), u.Encode());
     TestPlacer placer;
     placer.fallback = kText;
     CBaseRetrieve engine;
@@ -301,11 +294,7 @@ TEST(RetrieveLookup, SparseAndRepeatedOffsets) {
         // One sequence per row: each sequence is placed by its own operand.
         u.SetAddress(row.first).AdvanceLine(int64_t(row.second) - 1).Copy().EndSequence();
     }
-    InfoUnit cu = InfoUnit::Standard("a.s", "/", 0);
-    SectionBytes bytes;
-    bytes.info = cu.Info();
-    bytes.abbrev = cu.Abbrev();
-    bytes.line = u.Encode();
+    SectionBytes bytes = SectionBytes::Of(InfoUnit::Standard("a.s", "/", 0), u.Encode());
     TestPlacer placer;
     placer.fallback = kText;
     CBaseRetrieve engine;
