@@ -700,31 +700,23 @@ uint32_t CBaseRetrieve::PositionAbove(const CSectionRows &rows, uint64_t offset)
     // this bucket or at its end.
     const uint32_t *starts = m_Buckets.data() + rows.m_nBucketBegin + bucket;
     uint32_t lo = starts[0], n = starts[1] - starts[0];
-    if (!rows.m_bAddressOrdered) {
-        while (n > 0) {
-            uint32_t half = n / 2;
-            if (m_Rows[m_AddressOrder[rows.m_nOrderBegin + lo + half]].m_nAddress <= offset) {
-                lo += half + 1;
-                n -= half + 1;
-            } else {
-                n = half;
-            }
-        }
-        return lo;
-    }
-    const CLineRow *base = m_Rows.data() + rows.m_nBegin;
-    const char *bytes = reinterpret_cast<const char *>(base + lo);
-    if (n <= 2 * kRowsPerBucket)
+    // A table in address order is searched in place: the bucket's rows are asked for at once.
+    if (rows.m_bAddressOrdered && n <= 2 * kRowsPerBucket) {
+        const char *bytes = reinterpret_cast<const char *>(m_Rows.data() + rows.m_nBegin + lo);
         for (uint32_t at = 0; at < n * sizeof(CLineRow); at += 64)
             __builtin_prefetch(bytes + at);
+    }
+    auto addressAt = [&](uint32_t position) {
+        return m_Rows[RowAtPosition(rows, position)].m_nAddress;
+    };
     // The steps take no branch on the comparisons: a mispredicted step would throw away the
     // work of the lookups that follow this one.
     while (n > 1) {
         uint32_t half = n / 2;
-        lo = base[lo + half - 1].m_nAddress <= offset ? lo + half : lo;
+        lo = addressAt(lo + half - 1) <= offset ? lo + half : lo;
         n -= half;
     }
-    return lo + (n == 1 && base[lo].m_nAddress <= offset);
+    return lo + (n == 1 && addressAt(lo) <= offset);
 }
 
 const CSectionRows *CBaseRetrieve::LiveSection(const DbgLineSectionHandle *handle) const {
